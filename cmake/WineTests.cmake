@@ -1,0 +1,32 @@
+# Tests of the Windows build run through Wine. One prefix per test run: the
+# fixture test "wine_prefix" makes it anew (copied from a pristine prefix made
+# once beside it) and keeps its wineserver alive for the run; "wine_prefix_stop"
+# ends that server. Every Wine test requires the fixture and gets the prefix.
+set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wine/prefix CACHE PATH "Wine prefix of the test run")
+set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=")
+
+# GoogleTest from Debian's sources, built with the cross compiler.
+if(BUILD_TESTING AND EXISTS /usr/src/googletest/CMakeLists.txt)
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+  set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/_deps/googletest EXCLUDE_FROM_ALL)
+endif()
+
+if(BUILD_TESTING)
+  add_test(NAME wine_prefix
+           COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh create ${QX_WINEPREFIX})
+  set_tests_properties(wine_prefix PROPERTIES FIXTURES_SETUP wine TIMEOUT 300)
+  add_test(NAME wine_prefix_stop
+           COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh stop ${QX_WINEPREFIX})
+  set_tests_properties(wine_prefix_stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 120)
+endif()
+
+# qx_add_wine_test(NAME target [args...]): one ctest entry per test program.
+function(qx_add_wine_test name target)
+  add_test(NAME ${name} COMMAND ${target} ${ARGN})
+  set_tests_properties(${name} PROPERTIES
+    FIXTURES_REQUIRED wine
+    ENVIRONMENT "${QX_WINE_ENV}"
+    TIMEOUT 900)
+endfunction()
