@@ -18,10 +18,11 @@
 #include <vector>
 
 #ifdef _WIN32
+#include <windows.h>  // before shellapi.h, which needs its definitions
+
 #include <fcntl.h>
 #include <io.h>
 #include <shellapi.h>
-#include <windows.h>
 #else
 #include <cerrno>
 #include <fcntl.h>
