@@ -89,9 +89,9 @@ std::string FromHex(const std::string& text) {
 }
 
 // The bytes an input description of cases.txt stands for.
-std::string BuildInput(const std::string& spec) {
+std::string BuildInput(const std::string& entry) {
   std::string out;
-  for (const auto& part : Split(spec, '+')) {
+  for (const auto& part : Split(entry, '+')) {
     if (part == "empty") continue;
     const auto colon = part.find(':');
     const std::string kind = part.substr(0, colon);
@@ -295,16 +295,16 @@ TEST_P(CliCaseTest, OutputAndExitStatus) {
 
   std::string stdin_path, single_input;
   int index = 0;
-  for (auto spec : Split(c.files, ';')) {
-    if (spec.empty()) continue;
+  for (auto entry : Split(c.files, ';')) {
+    if (entry.empty()) continue;
     const fs::path path = dir.path() / ("input" + std::to_string(index++) + ".logdat");
-    if (spec == "missing") {
+    if (entry == "missing") {
       args.push_back(path.string());
       continue;
     }
-    const bool on_stdin = spec.rfind("stdin=", 0) == 0;
-    if (on_stdin) spec = spec.substr(6);
-    single_input = BuildInput(spec);
+    const bool on_stdin = entry.rfind("stdin=", 0) == 0;
+    if (on_stdin) entry = entry.substr(6);
+    single_input = BuildInput(entry);
     WriteFile(path, single_input);
     if (on_stdin) {
       stdin_path = path.string();
