@@ -31,9 +31,10 @@ case "$cmd" in
     fi
     mkdir -p "$(dirname "$prefix")"
     cp -a "$pristine" "$prefix"
-    wineserver -p
+    # Detached from our stdio: ctest waits for every holder of its pipes.
+    wineserver -p </dev/null >/dev/null 2>&1
     # Touch the prefix once so the server has finished loading the registry.
-    wine cmd /c exit 0 >/dev/null 2>&1 || true
+    wine cmd /c exit 0 </dev/null >/dev/null 2>&1 || true
     echo "wine-prefix: $prefix ready"
     ;;
   stop)

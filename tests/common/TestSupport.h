@@ -1,0 +1,33 @@
+// Helpers shared by the Windows test programs: child-process roles (a test
+// program re-launches itself to play a second process), bounded waits, files.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// argv of the test program, saved by the test main before GoogleTest runs.
+void SetArgs(int argc, char** argv);
+const std::vector<std::string>& Args();
+
+// Starts this test program again with `role` and its arguments; the child's
+// stdout goes to `stdoutFile` when given. Returns the process handle.
+HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
+                 const std::wstring& stdoutFile = L"");
+// Waits (bounded) for a child; returns its exit code, or -1 on time-out (the
+// child is then terminated).
+int WaitChild(HANDLE process, DWORD timeoutMs);
+
+std::string ReadFileBytes(const std::wstring& path);
+void WriteFileBytes(const std::wstring& path, const std::string& bytes);
+bool FileExists(const std::wstring& path);
+std::wstring CommonAppData();
+std::wstring TempDir(const std::wstring& name);  // fresh, empty folder
+void RemoveTree(const std::wstring& path);
+std::wstring Widen(const std::string& s);
+std::string Narrow(const std::wstring& s);
+
+}  // namespace testsupport
