@@ -33,19 +33,19 @@ std::wstring BinDir() {
 }
 
 bool Plugin::Load(const wchar_t* dllName) {
-  Unload();
-  module_ = LoadLibraryW((BinDir() + dllName).c_str());
+  static int copies = 0;
+  wchar_t tempDir[MAX_PATH] = {};
+  GetTempPathW(MAX_PATH, tempDir);
+  const std::wstring copy = std::wstring(tempDir) + L"qxplugin-" + std::to_wstring(GetCurrentProcessId()) +
+                            L"-" + std::to_wstring(++copies) + L"-" + dllName;
+  if (!CopyFileW((BinDir() + dllName).c_str(), copy.c_str(), FALSE)) return false;
+  module_ = LoadLibraryW(copy.c_str());
   if (!module_) return false;
   new_ = Export<decltype(new_)>(module_, "qx_plugin_new");
   init_ = Export<decltype(init_)>(module_, "qx_plugin_init");
   action_ = Export<decltype(action_)>(module_, "qx_plugin_action");
   delete_ = Export<decltype(delete_)>(module_, "qx_plugin_delete");
   return new_ && init_ && action_ && delete_;
-}
-
-void Plugin::Unload() {
-  if (module_) FreeLibrary(module_);
-  module_ = nullptr;
 }
 
 std::string Plugin::Action(const char* name, const char* params, std::size_t* bufferBytes) {

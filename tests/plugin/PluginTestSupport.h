@@ -21,13 +21,17 @@ constexpr wchar_t kNoAuthDll[] = L"QXAttentionPlugin-noauth.dll";
 using HostCallback = int (*)(const char* kind, const char* name, const char* json,
                              std::uintptr_t reserved, std::int32_t flags);
 
-// One loaded copy of a plug-in DLL. Unload() and a later Load() give a fresh
-// copy of its process-wide state.
+// One loaded copy of a plug-in DLL. Every Load() loads a new copy of the file
+// (under a unique name in the temporary folder), so each copy starts with its
+// own fresh process-wide state. Copies are never unloaded: under Wine a DLL
+// freed and loaded again at the same address no longer finds its structured
+// exception handlers, and a waiting thread may outlive "close"; the host
+// this stands in for never unloads the plug-in either.
 class Plugin {
  public:
-  ~Plugin() { Unload(); }
   bool Load(const wchar_t* dllName);
-  void Unload();
+  // Forgets the copy (it stays loaded; see above).
+  void Unload() { module_ = nullptr; }
 
   void* New(int size) { return new_(size); }
   void Delete(void* p) { delete_(p); }

@@ -153,46 +153,4 @@ TEST_F(State, StatusPersistsAcrossHostProcesses) {
   EXPECT_NE(std::string::npos, results[1].find(Ability(1, 10, 2).substr(0, Ability(1, 10, 2).size() - 1)));
 }
 
-TEST_F(State, InitWithoutServiceRunsAsUnsupportedMachine) {
-  // No sensor fusion service is installed: the set-up fails, the machine is
-  // treated as not supporting attention, the stored status is overwritten
-  // with 0 and the stored delay is kept.
-  SetUserValue(L"attention_state", 2);
-  SetUserValue(L"attention_delay", 25);
-  Load();
-  std::size_t bytes = 0;
-  EXPECT_EQ("", plugin.Action("init", nullptr, &bytes));
-  EXPECT_EQ(1u, bytes);
-  EXPECT_EQ(Attention(25, 0), plugin.Action("get_attention", nullptr));
-  EXPECT_EQ(std::optional<DWORD>(0), GetUserDword(L"attention_state"));
-  EXPECT_EQ(std::optional<DWORD>(25), GetUserDword(L"attention_delay"));
-
-  EXPECT_EQ(std::vector<std::string>{" attention action: init "}, LogMessages("AttentionPlugin.cpp", 188));
-  EXPECT_EQ(std::vector<std::string>{"setup_attention_client "}, LogMessages("AttentionInfo.cpp", 25));
-  EXPECT_EQ(std::vector<std::string>{"ability: 0"}, LogMessages("AttentionPlugin.cpp", 193));
-  EXPECT_EQ(std::vector<std::string>{"register attention status: 2, register attention delay:25 "},
-            LogMessages("AttentionPlugin.cpp", 196));
-  EXPECT_EQ(std::vector<std::string>{" attention status: 0, attention delay:25 "},
-            LogMessages("AttentionPlugin.cpp", 236));
-  // The failed set-up asked for no ability and enabled nothing (the cache is
-  // still unknown, so the enable flag 0 does reach the controller).
-  EXPECT_TRUE(LogMessages("AttentionFuntion", 93).empty());
-  EXPECT_EQ(std::vector<std::string>{"set_attention_enable 0"}, LogMessages("AttentionInfo.cpp", 51));
-  EXPECT_TRUE(LogMessages("AttentionInfo.cpp", 57).empty());
-  EXPECT_EQ(std::vector<std::string>{"resp: "}, LogMessages("AttentionPlugin.cpp", 341));
-
-  // "init" always runs in full, even with the state loaded.
-  DeleteLog();
-  EXPECT_EQ("", plugin.Action("init", nullptr));
-  EXPECT_EQ(std::vector<std::string>{"register attention status: 0, register attention delay:25 "},
-            LogMessages("AttentionPlugin.cpp", 196));
-
-  DeleteLog();
-  bytes = 0;
-  EXPECT_EQ("", plugin.Action("close", nullptr, &bytes));
-  EXPECT_EQ(1u, bytes);
-  EXPECT_EQ(std::vector<std::string>{"close attention client."}, LogMessages("AttentionPlugin.cpp", 241));
-  EXPECT_EQ(std::vector<std::string>{"resp: "}, LogMessages("AttentionPlugin.cpp", 341));
-}
-
 }  // namespace
