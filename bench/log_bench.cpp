@@ -1,0 +1,125 @@
+// Per-record cost of Logger::Write against its floor, with 1 and 4 processes
+// writing the same obfuscated file.
+//
+// The floor is what a record cannot avoid: wait for the named mutex, open the
+// file, seek to its end, write a frame of the same size, close, release. Both
+// loops run in the same run, in child processes started together, alternating
+// rounds so that the machine's drift hits both alike; the figure is the median
+// of the rounds of wall time divided by the records written by all processes.
+//
+//   log_bench [records-per-process] [rounds]
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "LogFrame.h"
+#include "Logger.h"
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L"AttentionPlugin.cpp";
+
+std::wstring BenchFile() {
+  wchar_t temp[MAX_PATH];
+  GetTempPathW(MAX_PATH, temp);
+  return std::wstring(temp) + L"qx-log-bench.log";
+}
+
+double Now() {
+  LARGE_INTEGER f, c;
+  QueryPerformanceFrequency(&f);
+  QueryPerformanceCounter(&c);
+  return static_cast<double>(c.QuadPart) / static_cast<double>(f.QuadPart);
+}
+
+int ChildLogger(int records) {
+  Logger::Instance().Setup(nullptr, BenchFile().c_str(), 0x100000, 1, 1);
+  HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qx-log-bench-go");
+  WaitForSingleObject(go, 30000);
+  for (int i = 0; i < records; ++i) QX_LOG(LogInfo, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n");
+  return 0;
+}
+
+int ChildFloor(int records) {
+  // Same mutex and file as the logger's, a frame of a typical record's size.
+  const std::wstring path = BenchFile() + L".logdat";
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, L"Global\\VQMLOG_qx-log-bench.log.logdat");
+  const std::string frame = logframe::EncodeFrame(std::string(
+      "11-22 10:11:12:123 : [INF][00032] AttentionPlugin.cpp(341) resp: {\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n\n"));
+  HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qx-log-bench-go");
+  WaitForSingleObject(go, 30000);
+  for (int i = 0; i < records; ++i) {
+    WaitForSingleObject(mutex, INFINITE);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    SetFilePointer(file, 0, nullptr, FILE_END);
+    DWORD written;
+    WriteFile(file, frame.data(), 4, &written, nullptr);
+    WriteFile(file, frame.data() + 4, static_cast<DWORD>(frame.size() - 4), &written, nullptr);
+    CloseHandle(file);
+    ReleaseMutex(mutex);
+  }
+  return 0;
+}
+
+// Runs `processes` children in `role` together; returns seconds per record.
+double Round(const char* role, int processes, int records) {
+  DeleteFileW((BenchFile() + L".logdat").c_str());
+  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, L"qx-log-bench-go");
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  std::vector<HANDLE> children;
+  for (int p = 0; p < processes; ++p) {
+    std::wstring command = L"\"" + std::wstring(self) + L"\" --child " +
+                           std::wstring(role, role + strlen(role)) + L" " + std::to_wstring(records);
+    STARTUPINFOW si = {sizeof(si)};
+    PROCESS_INFORMATION pi;
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+      std::fprintf(stderr, "cannot start a child: %lu\n", GetLastError());
+      std::exit(1);
+    }
+    CloseHandle(pi.hThread);
+    children.push_back(pi.hProcess);
+  }
+  Sleep(500 + 100 * processes);  // let every child reach the start line
+  const double start = Now();
+  SetEvent(go);
+  WaitForMultipleObjects(static_cast<DWORD>(children.size()), children.data(), TRUE, INFINITE);
+  const double elapsed = Now() - start;
+  for (HANDLE h : children) CloseHandle(h);
+  CloseHandle(go);
+  return elapsed / (static_cast<double>(processes) * records);
+}
+
+double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc >= 4 && std::string(argv[1]) == "--child") {
+    const int records = std::atoi(argv[3]);
+    return std::string(argv[2]) == "logger" ? ChildLogger(records) : ChildFloor(records);
+  }
+  const int records = argc > 1 ? std::atoi(argv[1]) : 2000;
+  const int rounds = argc > 2 ? std::atoi(argv[2]) : 5;
+  std::printf("Logger::Write per record, obfuscated file, size check on; %d records per process, "
+              "median of %d rounds\n", records, rounds);
+  std::printf("%-10s %14s %14s %8s\n", "processes", "write (us)", "floor (us)", "ratio");
+  for (int processes : {1, 4}) {
+    std::vector<double> write, floor;
+    for (int r = 0; r < rounds; ++r) {
+      floor.push_back(Round("floor", processes, records));
+      write.push_back(Round("logger", processes, records));
+    }
+    const double w = Median(write) * 1e6, f = Median(floor) * 1e6;
+    std::printf("%-10d %14.1f %14.1f %8.3f\n", processes, w, f, w / f);
+  }
+  DeleteFileW((BenchFile() + L".logdat").c_str());
+  return 0;
+}
