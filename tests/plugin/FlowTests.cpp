@@ -226,14 +226,11 @@ DWORD ThreadsOfThisProcess() {
   return count;
 }
 
-// Disabled: fails today. The set-up's stop (StartFusion 0) clears the
-// attention event handle right after InitFusion started the waiting thread;
-// when the thread copies its handles only after that, it waits on a null
-// handle, never sees its stop event and spins for good (the sensor library
-// log shows "GetSensorDataProc" after "start fusion 6,Param 0" and a single
-// "Thread exit"). Enable once the fusion client hands the thread its handles
-// before it starts.
-TEST_F(Flow, DISABLED_CloseEndsEveryPluginThread) {
+// The set-up's stop (StartFusion 0) runs right after InitFusion started the
+// waiting thread; a thread that took its handles only after the stop cleared
+// them would wait on a null handle, never see its stop event and spin for
+// good. After "close" no thread of the plug-in may be left.
+TEST_F(Flow, CloseEndsEveryPluginThread) {
   ASSERT_TRUE(plugin.Load(kNoAuthDll));
   ASSERT_EQ(0, plugin.Init(nullptr, RecordingCallback));
   const DWORD before = ThreadsOfThisProcess();
