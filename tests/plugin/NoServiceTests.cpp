@@ -1,7 +1,8 @@
-// "init" on a machine without the sensor fusion service, in its own host
-// process (qxhost): under Wine, a thread on which the fusion client's
-// exception guard has already caught a runtime exception can die on a later
-// one, so this runs where no remote call has failed before.
+// "init" on a machine without the sensor fusion service, in a host process of
+// its own (qxhost), as a host meets it: nothing has touched the fusion client
+// before. (An earlier fusion client could lose its exception guard on a thread
+// that had already caught a runtime exception; a fresh process keeps this
+// test about the missing service only.)
 #include <gtest/gtest.h>
 
 #include "FusionSimCtl.h"

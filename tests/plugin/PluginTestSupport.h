@@ -23,10 +23,10 @@ using HostCallback = int (*)(const char* kind, const char* name, const char* jso
 
 // One loaded copy of a plug-in DLL. Every Load() loads a new copy of the file
 // (under a unique name in the temporary folder), so each copy starts with its
-// own fresh process-wide state. Copies are never unloaded: under Wine a DLL
-// freed and loaded again at the same address no longer finds its structured
-// exception handlers, and a waiting thread may outlive "close"; the host
-// this stands in for never unloads the plug-in either.
+// own fresh process-wide state. Copies are never unloaded, as the host never
+// unloads the plug-in: a copy freed and reloaded at the same address under
+// Wine was seen to lose its structured exception handling, and a thread that
+// outlived "close" would run into unmapped code.
 class Plugin {
  public:
   bool Load(const wchar_t* dllName);
