@@ -28,9 +28,27 @@ namespace {
 // hold it (a waiting thread fetching a record, or the FusionSetting early
 // return below), and re-initialising a held lock breaks it.
 struct FusionLockOwner {
-    FusionLockOwner() { InitializeCriticalSection(&g_fusion.lock); }
+    FusionLockOwner()
+    {
+        InitializeCriticalSection(&g_fusion.lock);
+        threadReady = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    }
     // No destructor on purpose: threads of the client may still run at unload.
+    HANDLE threadReady;  // see StartSensorThread
 } g_fusionLockOwner;
+
+// The binding handle for a stub call. Windows' stubs raise RPC_S_INVALID_BINDING
+// for a null primitive binding handle (a wrapper called before InitFusion or
+// after UnInitial); Wine 8's NdrClientCall2 instead returns 0 without calling
+// anything. Raising it here gives both the same path: caught by the guard,
+// one exception line, result 1.
+RPC_BINDING_HANDLE Binding()
+{
+    RPC_BINDING_HANDLE h = g_fusion.bindingHandle;
+    if (!h)
+        RpcRaiseException(RPC_S_INVALID_BINDING);
+    return h;
+}
 
 constexpr char kExceptionText[] = "Runtime reported exception 0x%lx = %ld\n";
 constexpr char kExceptionTextNoLf[] = "Runtime reported exception 0x%lx = %ld";
@@ -100,6 +118,12 @@ std::int32_t StartSensorThread(int index)
         _beginthreadex(nullptr, 0, GetSensorDataProc, &g_fusion.threadArgs[index], 0, nullptr));
     if (!g_fusion.threadHandles[index])
         return 0x20000000 + index;
+    // The thread copies its two handles when it starts. A StartFusion(0) or
+    // UnInitial right after this (the attention controller stops attention at
+    // once after InitFusion) nulls sensorEvents[index]; a thread that had not
+    // copied yet would then wait on a null handle, fail, and retry without
+    // end. So the starter waits (bounded) until the thread holds its pair.
+    WaitForSingleObject(g_fusionLockOwner.threadReady, 5000);
     g_fusion.FusionStatus |= 1u << index;
     return 0;
 }
@@ -170,7 +194,7 @@ std::int32_t GetFusionStatus(void*, std::uint32_t* status)
 {
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded("GetFusionStatus::Runtime reported exception 0x%lx = %ld\n", [&] {
-        std::int32_t r = FusionRpcGetSensorStatus(g_fusion.bindingHandle, kFusionAttentionIndex, 4, Bytes(status));
+        std::int32_t r = FusionRpcGetSensorStatus(Binding(), kFusionAttentionIndex, 4, Bytes(status));
         SensorLibLogWrite("%d", static_cast<int>(*status));
         return r;
     });
@@ -182,7 +206,7 @@ std::int32_t GetFusionDelay(void*, std::uint32_t* delay)
 {
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorParam(g_fusion.bindingHandle, kFusionAttentionIndex, 4, Bytes(delay));
+        return FusionRpcGetSensorParam(Binding(), kFusionAttentionIndex, 4, Bytes(delay));
     });
     LeaveCriticalSection(&g_fusion.lock);
     return result;
@@ -192,7 +216,7 @@ std::int32_t SetFusionDelay(void*, const std::uint32_t* delay)
 {
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcSetSensorParam(g_fusion.bindingHandle, kFusionAttentionIndex, 4,
+        return FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 4,
                                        Bytes(const_cast<std::uint32_t*>(delay)));
     });
     LeaveCriticalSection(&g_fusion.lock);
@@ -206,7 +230,7 @@ std::int32_t GetSensorData(std::int32_t id, void* data)
     std::int32_t size = GetSensorDataSize(id);
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorData(g_fusion.bindingHandle, id, size, Bytes(data));
+        return FusionRpcGetSensorData(Binding(), id, size, Bytes(data));
     });
     LeaveCriticalSection(&g_fusion.lock);
     return result;
@@ -236,7 +260,7 @@ std::int32_t FusionSetting(std::uint32_t)
     SensorLibLogWrite("FusionSetting Mask 0x%x", kFusionMask);
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionTextNoLf, [] {
-        return FusionRpcSetting(g_fusion.bindingHandle, static_cast<long>(kFusionMask));
+        return FusionRpcSetting(Binding(), static_cast<long>(kFusionMask));
     });
     if (result != 0)
         return result;  // deliberately returns with the lock still held
@@ -257,6 +281,7 @@ unsigned __stdcall GetSensorDataProc(void* argument)
     int index = args->index;
     SensorLibLogWrite("GetSensorDataProc:index %d,FusionFlag %d", index, args->fusionFlag);
     HANDLE pair[2] = {g_fusion.sensorEvents[index], g_fusion.stopEvents[index]};
+    SetEvent(g_fusionLockOwner.threadReady);
     for (;;) {
         DWORD w = WaitForMultipleObjects(2, pair, FALSE, INFINITE);
         if (w == WAIT_OBJECT_0) {
@@ -307,7 +332,7 @@ std::int32_t SensorDataCallback(std::int32_t id)
     }
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorData(g_fusion.bindingHandle, id, size, buffer);
+        return FusionRpcGetSensorData(Binding(), id, size, buffer);
     });
     LeaveCriticalSection(&g_fusion.lock);
     if (result == 0 && g_fusion.dataCallback) {
@@ -326,7 +351,7 @@ std::int32_t StartFusion(void*, std::uint32_t param)
     if (param == 1) {
         EnterCriticalSection(&g_fusion.lock);
         std::int32_t result = Guarded(kExceptionText, [] {
-            return FusionRpcStartSensor(g_fusion.bindingHandle, kFusionAttentionIndex, 1);
+            return FusionRpcStartSensor(Binding(), kFusionAttentionIndex, 1);
         });
         LeaveCriticalSection(&g_fusion.lock);
         if (result != 0)
@@ -353,7 +378,7 @@ std::int32_t StartFusion(void*, std::uint32_t param)
         }
         EnterCriticalSection(&g_fusion.lock);
         std::int32_t result = Guarded(kExceptionText, [] {
-            return FusionRpcStartSensor(g_fusion.bindingHandle, kFusionAttentionIndex, 0);
+            return FusionRpcStartSensor(Binding(), kFusionAttentionIndex, 0);
         });
         LeaveCriticalSection(&g_fusion.lock);
         return result;
@@ -380,7 +405,7 @@ std::int32_t UnInitial()
     EnterCriticalSection(&g_fusion.lock);
     SensorLibLogWrite("UnInitial,FusionMask:%d", static_cast<int>(g_fusion.FusionStatus));
     std::int32_t result = Guarded(kExceptionTextNoLf, [] {
-        return FusionRpcUnInit(g_fusion.bindingHandle, static_cast<long>(g_fusion.FusionStatus));
+        return FusionRpcUnInit(Binding(), static_cast<long>(g_fusion.FusionStatus));
     });
     LeaveCriticalSection(&g_fusion.lock);
     if (ReleaseFusionBinding() != RPC_S_OK)

@@ -15,6 +15,13 @@ std::ofstream SensorLibLogStream;
 
 constexpr char kLibVersion[] = "0.0.0.3";
 
+// Lines of two threads may come out in either order, but two threads must not
+// be inside the stream at once: an unsynchronised std::ofstream is a data race
+// (seen under test: a line written twice while another thread flushed). The
+// lock covers only the stream operations; nothing else is taken under it, and
+// it is a static SRW lock, usable from load to unload without set-up.
+SRWLOCK g_streamLock = SRWLOCK_INIT;
+
 // Creates `dir` (one level) when it does not exist; false when it cannot be made.
 bool EnsureFolder(const char* dir)
 {
@@ -53,9 +60,11 @@ void SensorLibLogOpen()
     // msvcrt's fopen underneath shares the file for reading and writing. On a
     // stream that is already open, open() fails and sets failbit, which stays:
     // nothing more reaches the file in this process (kept so on purpose).
+    AcquireSRWLockExclusive(&g_streamLock);
     SensorLibLogStream.open(path, std::ios::out | std::ios::app);
     if (SensorLibLogStream.is_open() && SensorLibLogStream.good())
         SensorLibLogStream << "Version:" << kLibVersion << std::endl;
+    ReleaseSRWLockExclusive(&g_streamLock);
 }
 
 void SensorLibLogWrite(const char* format, ...)
@@ -78,7 +87,9 @@ void SensorLibLogWrite(const char* format, ...)
         message[0] = '\0';
     // The bound is checked on the prefix only; it always holds.
     if (std::strlen(prefix) < sizeof message) {
+        AcquireSRWLockExclusive(&g_streamLock);
         SensorLibLogStream << prefix << message << std::endl;
         SensorLibLogStream.flush();
+        ReleaseSRWLockExclusive(&g_streamLock);
     }
 }

@@ -3,8 +3,9 @@
 // output file stream, closed at load; SensorLibLogOpen opens it (the first call
 // of a process only: opening an open stream fails and puts it into its failed
 // state, so a second InitFusion silences the log for the rest of the process).
-// Each line: "[MM-DD-hh-mm-ss:ms]" + message, flushed at once. No lock: lines of
-// two threads written at the same moment may interleave.
+// Each line: "[MM-DD-hh-mm-ss:ms]" + message, flushed at once. Lines of two
+// threads written at the same moment come out in either order; a small lock
+// inside keeps the stream itself consistent (see SensorLibLog.cpp).
 #pragma once
 
 void SensorLibLogOpen();

@@ -19,6 +19,7 @@ packages=(
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-tools
   binutils-mingw-w64-x86-64
   wine wine64 googletest dpkg-dev
+  winbind
   clang libclang-rt-14-dev
 )
 

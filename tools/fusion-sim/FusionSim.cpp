@@ -22,6 +22,7 @@ const char kUsage[] =
     "\\pipe\\Vantoq.SensorFusion.EndPoint_edc08f (no authentication required), creates the\n"
     "service's seven Global\\Vantoq.SensorFusion.* events (auto-reset), keeps a sensor model\n"
     "(status word, delay, 4-byte attention record) and records every call it receives.\n"
+    "At start it creates %ProgramData%\\Vantoq\\SensorFusion\\ as the installed service would.\n"
     "One simulator per Wine prefix (or machine) at a time.\n"
     "\n"
     "Usage:\n"
@@ -52,7 +53,10 @@ const char kUsage[] =
     "  unforce OPNUM          back to normal answers (-1: all)\n"
     "  reply-delay MS         every reply waits MS milliseconds before it leaves\n"
     "  hold | release         stop answering (calls are recorded, replies held) / answer again\n"
-    "  drop-event | restore-event   close / create again the attention event\n"
+    "  drop-event | restore-event   close / create again the attention event (a named event\n"
+    "                         lives while any process holds it: the client keeps its handle,\n"
+    "                         so drop it before the client's InitFusion, or start the\n"
+    "                         simulator with --no-attention-event)\n"
     "  model                  print status, delay, attention, event present, held, reply delay\n"
     "  calls                  print the call record, one line per call:\n"
     "                           seq opnum arg0 arg1 result answered len hexbytes\n"
@@ -317,8 +321,22 @@ DWORD WINAPI CommandThread(void*)
     }
 }
 
+// The installed service owns "%ProgramData%\Vantoq\SensorFusion\" (the fusion
+// client creates only the last level of it, and "Logs\" below): make it as
+// the real installation would, so the client's SensorLibLog.log can be written.
+void MakeServiceFolder()
+{
+    wchar_t path[MAX_PATH];
+    if (!ExpandEnvironmentStringsW(L"%ProgramData%\\Vantoq", path, MAX_PATH))
+        return;
+    CreateDirectoryW(path, nullptr);
+    std::wstring sub = std::wstring(path) + L"\\SensorFusion";
+    CreateDirectoryW(sub.c_str(), nullptr);
+}
+
 bool StartServer(const Options& o)
 {
+    MakeServiceFolder();
     g_quiet = o.quiet;
     g_quitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     g_mutex = CreateMutexW(OpenSecurity(), FALSE, kFusionSimMutexName);
