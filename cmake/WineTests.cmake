@@ -22,11 +22,16 @@ if(BUILD_TESTING)
   set_tests_properties(wine_prefix_stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 120)
 endif()
 
-# qx_add_wine_test(NAME target [args...]): one ctest entry per test program.
+# qx_add_wine_test(NAME target [args...]): one ctest entry per GoogleTest
+# program. A program that crashes under Wine can end with exit code 0, so the
+# run is judged by GoogleTest's own summary: it must print "[  PASSED  ]" and
+# neither a failure nor an unhandled exception.
 function(qx_add_wine_test name target)
   add_test(NAME ${name} COMMAND ${target} ${ARGN})
   set_tests_properties(${name} PROPERTIES
     FIXTURES_REQUIRED wine
     ENVIRONMENT "${QX_WINE_ENV}"
+    PASS_REGULAR_EXPRESSION "\\[  PASSED  \\]"
+    FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\];Unhandled exception"
     TIMEOUT 900)
 endfunction()
