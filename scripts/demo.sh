@@ -28,6 +28,12 @@ sim start
 sim ctl wait-ready 10000
 sim ctl model
 
+# The installer of a supported machine records the ability in the machine
+# hive; without it, "ability" asked before "init" cannot reach the service yet
+# and the plug-in would take the machine as unsupported for the whole process.
+step "Record the machine's attention ability as an installer would (HKLM attention__ability = 1)"
+wine reg add 'HKLM\SOFTWARE\Vantoq\Quillomatic' /v attention__ability /t REG_DWORD /d 1 /f </dev/null
+
 echo
 echo "Note: the demo uses QXAttentionPlugin-noauth.dll, the test variant without RPC"
 echo "authentication, because authenticated RPC cannot complete under Wine."
