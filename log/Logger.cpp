@@ -128,7 +128,13 @@ void Logger::Setup(const wchar_t* productFolder, const wchar_t* fileName, std::i
   // A log folder that is (or was replaced by) a junction or symbolic link is
   // not written to. A failed query has every bit set, so a folder that could
   // not be created stops here as well.
-  if (GetFileAttributesW(folder.c_str()) & kReparsePoint) return;
+  // The query names the folder without its trailing backslash: Windows reports
+  // a junction's own attributes either way, but Wine resolves a link when the
+  // name ends in a separator and would report the target instead.
+  std::wstring folderName = folder;
+  while (folderName.size() > 1 && folderName.back() == L'\\' && folderName[folderName.size() - 2] != L':')
+    folderName.pop_back();
+  if (GetFileAttributesW(folderName.c_str()) & kReparsePoint) return;
 
   if (m_encrypt) {
     // The plain-text sibling of an obfuscated log ("X.normal.log" beside

@@ -332,6 +332,13 @@ static int RoleBeforeSetup(const std::string& mode) {
   return Logger::Instance().path()[0] != L'\0' ? 0 : 1;
 }
 
+static int RoleReparseFolder() {
+  // The logs folder is a link: set-up settles no path and makes no mutex.
+  Logger::Instance().Setup(nullptr, L"C:\\qx-reparse\\logs\\r.log", 0x100000, 0, 1);
+  const bool refused = Logger::Instance().path()[0] == L'\0' && Logger::Instance().mutex() == nullptr;
+  return refused ? 0 : 1;
+}
+
 static int RoleWriter(const std::wstring& path, int count) {
   Logger::Instance().Setup(nullptr, path.c_str(), 0x7fffffff, 1, 1);
   HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qxtest-writers-go");
@@ -363,6 +370,14 @@ TEST(FreshProcess, LevelFilterRunsBeforeSetup) {
   ASSERT_EQ(1u, records.size());
   EXPECT_NE(std::string::npos, records[0].find("[DBG]"));
   EXPECT_NE(std::string::npos, records[0].find("LoggerTest.cpp(2) fallback 7\n"));
+}
+
+// C:\qx-reparse\logs is a link to the folder "real" beside it (made by the
+// test's fixture); Wine reports a linked folder as a reparse point.
+TEST(FreshProcess, LinkedLogFolderStopsSetup) {
+  RemoveConfig();
+  EXPECT_EQ(0, WaitChild(StartSelf(L"reparse-folder", {}), 30000));
+  EXPECT_FALSE(FileExists(L"C:\\qx-reparse\\real\\r.log"));
 }
 
 TEST(FreshProcess, ConsoleEchoFormatsTheRecordOnceMore) {
@@ -403,6 +418,7 @@ int main(int argc, char** argv) {
     if (role == "before-setup") return RoleBeforeSetup(argc > 3 ? argv[3] : "");
     if (role == "writer") return RoleWriter(Widen(argv[3]), std::stoi(argv[4]));
     if (role == "echo") return RoleEcho();
+    if (role == "reparse-folder") return RoleReparseFolder();
     return 2;
   }
   ::testing::InitGoogleTest(&argc, argv);
