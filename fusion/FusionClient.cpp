@@ -1,0 +1,398 @@
+// The fusion client: binding to the sensor fusion service, the wrappers of its
+// seven remote procedures, and the event threads that fetch sensor records.
+// Every message goes to the sensor library log (SensorLibLog.h).
+#include "FusionClientState.h"
+
+#include "FusionRpc.h"
+#include "FusionSehGuard.h"
+#include "SensorLibLog.h"
+
+#include <process.h>
+
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+FusionClientState g_fusion;
+
+namespace {
+
+// The client's lock is valid for the whole life of the module: initialised
+// here, at module load, before the host can call anything, and never deleted
+// while the module lives. The host may send "ability" or a "set_" action
+// before "init" and after "close"; those reach GetFusionStatus, SetFusionDelay
+// and friends, which enter the lock. A lock first made by InitFusion would be
+// a zeroed CRITICAL_SECTION there (which blocks forever under Wine, and is
+// undefined on Windows), and one deleted by UnInitial would be used after
+// deletion. Re-initialising it in InitFusion is no better: another thread may
+// hold it (a waiting thread fetching a record, or the FusionSetting early
+// return below), and re-initialising a held lock breaks it.
+struct FusionLockOwner {
+    FusionLockOwner() { InitializeCriticalSection(&g_fusion.lock); }
+    // No destructor on purpose: threads of the client may still run at unload.
+} g_fusionLockOwner;
+
+constexpr char kExceptionText[] = "Runtime reported exception 0x%lx = %ld\n";
+constexpr char kExceptionTextNoLf[] = "Runtime reported exception 0x%lx = %ld";
+
+// Runs `call` inside the structured exception guard. On an exception the line
+// `text` is written with the code twice and the result is 1; otherwise the
+// result is whatever `call` stored.
+template <class Call>
+std::int32_t Guarded(const char* text, Call&& call)
+{
+    std::int32_t result = 1;
+    struct Frame {
+        Call* call;
+        std::int32_t* result;
+    } frame{&call, &result};
+    unsigned long code = FusionSehCall(
+        [](void* p) {
+            auto* f = static_cast<Frame*>(p);
+            *f->result = (*f->call)();
+        },
+        &frame);
+    if (code != 0) {
+        SensorLibLogWrite(text, code, static_cast<long>(code));
+        return 1;
+    }
+    return result;
+}
+
+// Record sizes fetched by SensorDataCallback, by sensor index.
+std::int32_t CallbackRecordSize(std::int32_t id)
+{
+    switch (id) {
+    case 0: case 2: case 3: case 4: return 8;
+    case 1: case 6: return 4;
+    case 5: return 34;
+    case 31: return 12;
+    default: return 0;
+    }
+}
+
+// Sizes used by GetSensorData: deliberately not the table above (3 and 6 are 0).
+std::int32_t GetSensorDataSize(std::int32_t id)
+{
+    switch (id) {
+    case 0: case 2: case 4: return 8;
+    case 1: return 4;
+    case 5: return 34;
+    case 31: return 12;
+    default: return 0;
+    }
+}
+
+byte* Bytes(void* p) { return static_cast<byte*>(p); }
+
+// Stop event, named sensor event and thread of one index (FusionSetting step 4,
+// StartFusion 1). Returns 0, 0x10000000 + index or 0x20000000 + index.
+std::int32_t StartSensorThread(int index)
+{
+    g_fusion.stopEvents[index] = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    g_fusion.sensorEvents[index] = OpenEventW(GENERIC_READ | SYNCHRONIZE, FALSE, g_fusion.eventNames[index]);
+    g_fusion.threadHandles[index] = nullptr;
+    if (!g_fusion.sensorEvents[index])
+        return 0x10000000 + index;  // the stop event stays, as it is
+    g_fusion.threadArgs[index].index = index;
+    g_fusion.threadArgs[index].fusionFlag = index;
+    g_fusion.threadHandles[index] = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, 0, GetSensorDataProc, &g_fusion.threadArgs[index], 0, nullptr));
+    if (!g_fusion.threadHandles[index])
+        return 0x20000000 + index;
+    g_fusion.FusionStatus |= 1u << index;
+    return 0;
+}
+
+}  // namespace
+
+const char* FusionSensorEventName(int index)
+{
+    switch (index) {
+    case 0: return "Vantoq.SensorFusion.GestureEvent";
+    case 2: return "Vantoq.SensorFusion.ColorEvent";
+    case 3: return "Vantoq.SensorFusion.HODEVENT";
+    case 4: return "Vantoq.SensorFusion.HealthyEVENT";
+    case 5: return "Vantoq.SensorFusion.IntruderEVENT";
+    case 6: return "Vantoq.SensorFusion.AttentionEVENT";
+    case 31: return "Vantoq.SensorFusion.TestEvent";
+    default: return nullptr;
+    }
+}
+
+// Memory routines of the stubs: the process heap's plain allocate and free.
+extern "C" void* __RPC_USER MIDL_user_allocate(SIZE_T size) { return HeapAlloc(GetProcessHeap(), 0, size); }
+extern "C" void __RPC_USER MIDL_user_free(void* p) { HeapFree(GetProcessHeap(), 0, p); }
+
+std::int32_t BindFusionService()
+{
+    // Transfer syntax: the stubs come from widl -Oif (NdrClientCall2) and offer
+    // NDR 2.0 only. NDR64 is deliberately not offered: widl cannot generate its
+    // format tables, a hand-written table cannot be verified on our machines
+    // (Wine does not implement NDR64), and a wrong one would crash the host on
+    // Windows. Every Windows RPC server accepts NDR 2.0, so the negotiation
+    // simply settles on it.
+    RPC_STATUS status = RpcStringBindingComposeW(
+        nullptr, reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")), nullptr,
+        reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"\\pipe\\Vantoq.SensorFusion.EndPoint_edc08f")),
+        nullptr, &g_fusion.stringBinding);
+    if (status == RPC_S_OK)
+        status = RpcBindingFromStringBindingW(g_fusion.stringBinding, &g_fusion.bindingHandle);
+    if (status != RPC_S_OK) {
+        // One text for both steps.
+        SensorLibLogWrite("RpcStringBindingCompos err!%u", static_cast<unsigned>(status));
+        return status;
+    }
+#ifndef QX_FUSION_NO_AUTH
+    // Packet privacy over NTLM/Kerberos with the caller's own identity. Under
+    // Wine no such call can complete (its NTLM needs winbind, and its RPC server
+    // fails the three-leg bind), which is why the test build (QX_FUSION_NO_AUTH,
+    // never shipped) leaves out only this step.
+    status = RpcBindingSetAuthInfoW(g_fusion.bindingHandle, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,
+                                    RPC_C_AUTHN_WINNT, nullptr, RPC_C_AUTHZ_NONE);
+    if (status != RPC_S_OK) {
+        SensorLibLogWrite("RpcBindingSetAuthInfo:%u", static_cast<unsigned>(status));
+        return status;
+    }
+#endif
+    return 0;
+}
+
+std::int32_t ReleaseFusionBinding()
+{
+    RPC_STATUS status = RpcStringFreeW(&g_fusion.stringBinding);
+    if (status == RPC_S_OK)
+        status = RpcBindingFree(&g_fusion.bindingHandle);
+    return status;
+}
+
+std::int32_t GetFusionStatus(void*, std::uint32_t* status)
+{
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded("GetFusionStatus::Runtime reported exception 0x%lx = %ld\n", [&] {
+        std::int32_t r = FusionRpcGetSensorStatus(g_fusion.bindingHandle, kFusionAttentionIndex, 4, Bytes(status));
+        SensorLibLogWrite("%d", static_cast<int>(*status));
+        return r;
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    return result;
+}
+
+std::int32_t GetFusionDelay(void*, std::uint32_t* delay)
+{
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded(kExceptionText, [&] {
+        return FusionRpcGetSensorParam(g_fusion.bindingHandle, kFusionAttentionIndex, 4, Bytes(delay));
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    return result;
+}
+
+std::int32_t SetFusionDelay(void*, const std::uint32_t* delay)
+{
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded(kExceptionText, [&] {
+        return FusionRpcSetSensorParam(g_fusion.bindingHandle, kFusionAttentionIndex, 4,
+                                       Bytes(const_cast<std::uint32_t*>(delay)));
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    return result;
+}
+
+std::int32_t GetSensorData(std::int32_t id, void* data)
+{
+    if (id < 0 || id >= kFusionSensorCount || !(g_fusion.FusionStatus & (1u << id)))
+        return 2;
+    std::int32_t size = GetSensorDataSize(id);
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded(kExceptionText, [&] {
+        return FusionRpcGetSensorData(g_fusion.bindingHandle, id, size, Bytes(data));
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    return result;
+}
+
+std::int32_t InitFusion()
+{
+    SensorLibLogOpen();
+    SensorLibLogWrite("InitFusion:FusionMask: 0x%x", kFusionMask);
+    // The lock is not (re-)initialised here: it lives as long as the module
+    // (see FusionLockOwner above).
+    g_fusion.stringBinding = nullptr;
+    if (BindFusionService() != 0)
+        return 1;
+    for (int index : {0, 2, 3, 4, 5, 6, 31}) {
+        std::memset(g_fusion.eventNames[index], 0, sizeof g_fusion.eventNames[index]);
+        // Byte count 260 given to a wide formatter: at most 129 characters and
+        // the terminator (kept so; every name fits).
+        _snwprintf(g_fusion.eventNames[index], MAX_PATH / sizeof(wchar_t) - 1, L"Global\\%S",
+                   FusionSensorEventName(index));
+    }
+    return FusionSetting(kFusionMask);
+}
+
+std::int32_t FusionSetting(std::uint32_t)
+{
+    SensorLibLogWrite("FusionSetting Mask 0x%x", kFusionMask);
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded(kExceptionTextNoLf, [] {
+        return FusionRpcSetting(g_fusion.bindingHandle, static_cast<long>(kFusionMask));
+    });
+    if (result != 0)
+        return result;  // deliberately returns with the lock still held
+    LeaveCriticalSection(&g_fusion.lock);
+    for (int index = 0; index < kFusionSensorCount; ++index) {
+        if (!(kFusionMask & (1u << index)))
+            continue;
+        std::int32_t r = StartSensorThread(index);
+        if (r != 0)
+            return r;
+    }
+    return 0;
+}
+
+unsigned __stdcall GetSensorDataProc(void* argument)
+{
+    auto* args = static_cast<FusionThreadArgs*>(argument);
+    int index = args->index;
+    SensorLibLogWrite("GetSensorDataProc:index %d,FusionFlag %d", index, args->fusionFlag);
+    HANDLE pair[2] = {g_fusion.sensorEvents[index], g_fusion.stopEvents[index]};
+    for (;;) {
+        DWORD w = WaitForMultipleObjects(2, pair, FALSE, INFINITE);
+        if (w == WAIT_OBJECT_0) {
+            SYSTEMTIME t;
+            GetLocalTime(&t);
+            char text[256];
+            std::snprintf(text, sizeof text, "Event occur: %d.%d:%d:%d:%d:%d", t.wMonth, t.wDay, t.wHour,
+                          t.wMinute, t.wSecond, t.wMilliseconds);
+            SensorLibLogWrite("Event!%s", text);
+            SensorDataCallback(args->fusionFlag);
+        } else if (w == WAIT_OBJECT_0 + 1) {
+            break;
+        }
+        // Any other outcome: wait again at once, deliberately without a pause.
+    }
+    SensorLibLogWrite("Thread exit %u", static_cast<unsigned>(index));
+    return 0;
+}
+
+std::int32_t SensorDataCallback(std::int32_t id)
+{
+    // One local record holding a buffer per sensor; not cleared before the fetch.
+    struct {
+        byte gesture[8];
+        byte raw1[4];
+        byte color[8];
+        byte hod[8];
+        byte healthy[8];
+        byte intruder[34];
+        byte attention[4];
+        byte test[12];
+    } records;
+    byte* buffer = nullptr;
+    std::int32_t size = 0;
+    if (id >= 0 && id < kFusionSensorCount) {
+        size = CallbackRecordSize(id);
+        switch (id) {
+        case 0: buffer = records.gesture; break;
+        case 1: buffer = records.raw1; break;
+        case 2: buffer = records.color; break;
+        case 3: buffer = records.hod; break;
+        case 4: buffer = records.healthy; break;
+        case 5: buffer = records.intruder; break;
+        case 6: buffer = records.attention; break;
+        case 31: buffer = records.test; break;
+        default: break;
+        }
+    }
+    EnterCriticalSection(&g_fusion.lock);
+    std::int32_t result = Guarded(kExceptionText, [&] {
+        return FusionRpcGetSensorData(g_fusion.bindingHandle, id, size, buffer);
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    if (result == 0 && g_fusion.dataCallback) {
+        SensorLibLogWrite("SensorDataCallback,id %d\n", id);
+        g_fusion.dataCallback(g_fusion.dataCallbackContext, id, buffer);
+        SensorLibLogWrite("SensorDataCallback,end\n");
+    }
+    return result;
+}
+
+std::int32_t StartFusion(void*, std::uint32_t param)
+{
+    const int i = kFusionAttentionIndex;
+    SensorLibLogWrite("start fusion %d,Param %d,%lu\n", i, static_cast<int>(param),
+                      static_cast<unsigned long>(g_fusion.FusionStatus & kFusionMask));
+    if (param == 1) {
+        EnterCriticalSection(&g_fusion.lock);
+        std::int32_t result = Guarded(kExceptionText, [] {
+            return FusionRpcStartSensor(g_fusion.bindingHandle, kFusionAttentionIndex, 1);
+        });
+        LeaveCriticalSection(&g_fusion.lock);
+        if (result != 0)
+            return result;
+        SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", i, static_cast<unsigned long>(g_fusion.FusionStatus),
+                          static_cast<unsigned long>(g_fusion.FusionStatus & kFusionMask));
+        if (!(g_fusion.FusionStatus & (1u << i)))
+            return StartSensorThread(i);
+        return 0;  // thread already running (the usual case after InitFusion)
+    }
+    if (param == 0) {
+        SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", i, static_cast<unsigned long>(g_fusion.FusionStatus),
+                          static_cast<unsigned long>(g_fusion.FusionStatus & kFusionMask));
+        if (g_fusion.FusionStatus & (1u << i)) {
+            g_fusion.sensorEvents[i] = nullptr;  // not closed: kept so deliberately
+            if (g_fusion.stopEvents[i]) {
+                SetEvent(g_fusion.stopEvents[i]);
+                WaitForSingleObject(g_fusion.threadHandles[i], 1000);
+                CloseHandle(g_fusion.threadHandles[i]);
+                g_fusion.threadHandles[i] = nullptr;
+                CloseHandle(g_fusion.stopEvents[i]);
+            }
+            g_fusion.FusionStatus &= ~(1u << i);
+        }
+        EnterCriticalSection(&g_fusion.lock);
+        std::int32_t result = Guarded(kExceptionText, [] {
+            return FusionRpcStartSensor(g_fusion.bindingHandle, kFusionAttentionIndex, 0);
+        });
+        LeaveCriticalSection(&g_fusion.lock);
+        return result;
+    }
+    return 0;
+}
+
+std::int32_t UnInitial()
+{
+    std::uint32_t copy = g_fusion.FusionStatus;
+    for (int index = 0; index < kFusionSensorCount; ++index) {
+        g_fusion.sensorEvents[index] = nullptr;  // not closed, as in StartFusion
+        if ((copy & 1u) && g_fusion.stopEvents[index]) {
+            SetEvent(g_fusion.stopEvents[index]);
+            if (WaitForSingleObject(g_fusion.threadHandles[index], 5000) == WAIT_OBJECT_0)
+                SensorLibLogWrite("Tread exit,index:%d", index);
+            CloseHandle(g_fusion.threadHandles[index]);
+            g_fusion.threadHandles[index] = nullptr;
+            CloseHandle(g_fusion.stopEvents[index]);  // the field keeps the stale value
+        }
+        copy >>= 1;
+        SensorLibLogWrite("UnInitial,FusionStatus:%d", static_cast<int>(copy));
+    }
+    EnterCriticalSection(&g_fusion.lock);
+    SensorLibLogWrite("UnInitial,FusionMask:%d", static_cast<int>(g_fusion.FusionStatus));
+    std::int32_t result = Guarded(kExceptionTextNoLf, [] {
+        return FusionRpcUnInit(g_fusion.bindingHandle, static_cast<long>(g_fusion.FusionStatus));
+    });
+    LeaveCriticalSection(&g_fusion.lock);
+    if (ReleaseFusionBinding() != RPC_S_OK)
+        result = 1;
+    // The lock is not deleted: the host may still call the wrappers after
+    // "close" (see FusionLockOwner); they then fail cleanly with result 1.
+    return result;
+}
+
+std::int32_t RegisterSensorDataCallback(SensorDataCallbackFn callback, void* context)
+{
+    g_fusion.dataCallback = callback;
+    g_fusion.dataCallbackContext = context;
+    return 0;
+}

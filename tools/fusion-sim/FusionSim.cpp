@@ -1,0 +1,596 @@
+// fusion-sim: a simulator of the sensor fusion service, for tests and for
+// trying the plug-in by hand. See kUsage below and FusionSimCtl.h.
+#include "FusionRpc.h"
+#include "FusionSimCtl.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char kUsage[] =
+    "fusion-sim: simulator of the sensor fusion service \"VantoqSensorFusion\".\n"
+    "\n"
+    "Serves the seven FusionRpc procedures over ncacn_np at\n"
+    "\\pipe\\Vantoq.SensorFusion.EndPoint_edc08f (no authentication required), creates the\n"
+    "service's seven Global\\Vantoq.SensorFusion.* events (auto-reset), keeps a sensor model\n"
+    "(status word, delay, 4-byte attention record) and records every call it receives.\n"
+    "One simulator per Wine prefix (or machine) at a time.\n"
+    "\n"
+    "Usage:\n"
+    "  fusion-sim run [options]        console mode; ends on Ctrl-C or `ctl quit`\n"
+    "  fusion-sim install [options]    register the service VantoqSensorFusion (demand start)\n"
+    "                                  with this executable and these options\n"
+    "  fusion-sim uninstall            stop (bounded wait) and delete the service\n"
+    "  fusion-sim start | stop         start / stop the service and wait for its state\n"
+    "  fusion-sim service [options]    the service's own entry (used by the SCM only)\n"
+    "  fusion-sim ctl COMMAND [ARG]    drive a running simulator (console or service)\n"
+    "\n"
+    "Options of run / install / service:\n"
+    "  --status WORD          initial status word (default 0x10000000: supported, stopped;\n"
+    "                         0x10000001 active; 0 unsupported)\n"
+    "  --delay N              initial delay (default 30)\n"
+    "  --attention N          initial attention record (default 1: looking at the screen)\n"
+    "  --no-attention-event   do not create Global\\Vantoq.SensorFusion.AttentionEVENT\n"
+    "  --quiet                do not print the calls (console mode)\n"
+    "\n"
+    "Control commands (fusion-sim ctl ...; exit code 0 on success, 1 on failure):\n"
+    "  look-away              attention record 0, then signal the attention event\n"
+    "  look-back              attention record 1, then signal the attention event\n"
+    "  attention N [nosignal] set the attention record (and signal unless nosignal)\n"
+    "  signal INDEX           signal the event of sensor INDEX (0, 2-6, 31)\n"
+    "  status WORD            set the status word answered by opnum 4\n"
+    "  delay N                set the delay answered by opnum 6\n"
+    "  force OPNUM CODE       make procedure OPNUM (0-6, or -1 for all) return CODE\n"
+    "  unforce OPNUM          back to normal answers (-1: all)\n"
+    "  reply-delay MS         every reply waits MS milliseconds before it leaves\n"
+    "  hold | release         stop answering (calls are recorded, replies held) / answer again\n"
+    "  drop-event | restore-event   close / create again the attention event\n"
+    "  model                  print status, delay, attention, event present, held, reply delay\n"
+    "  calls                  print the call record, one line per call:\n"
+    "                           seq opnum arg0 arg1 result answered len hexbytes\n"
+    "                         arg0 = mask (opnums 0, 5) or sensor id; arg1 = size or start param;\n"
+    "                         bytes = sent by the client (opnum 2) or sent back (1, 4, 6)\n"
+    "  clear-calls            empty the call record\n"
+    "  wait-calls N MS        wait up to MS ms until N calls were received\n"
+    "  wait-ready MS          wait up to MS ms for a simulator to be ready\n"
+    "  quit                   end the console simulator (a service: use stop)\n"
+    "\n"
+    "From a C++ test under Wine, link qx_fusion_sim_ctl and include FusionSimCtl.h: the same\n"
+    "operations as functions (FusionSimLaunch, FusionSimSetAttention, FusionSimForceResult,\n"
+    "FusionSimHoldReplies, FusionSimReadCalls, FusionSimInstallService, ...). From CMake,\n"
+    "include(FusionSim) gives qx_fusion_sim_service_fixture() and qx_fusion_sim_test().\n";
+
+struct Options {
+    std::uint32_t status = 0x10000000;
+    std::uint32_t delay = 30;
+    std::uint32_t attention = 1;
+    bool attentionEvent = true;
+    bool quiet = false;
+};
+
+HANDLE g_mapping;
+HANDLE g_mutex;
+HANDLE g_commandEvent;
+HANDLE g_quitEvent;
+HANDLE g_commandThread;
+HANDLE g_sensorEvents[32];
+FusionSimShared* g_block;
+std::atomic<bool> g_quitting{false};
+bool g_quiet;
+
+SERVICE_STATUS_HANDLE g_serviceHandle;
+SERVICE_STATUS g_serviceStatus;
+Options g_serviceOptions;
+
+const wchar_t* SensorEventName(int index)
+{
+    switch (index) {
+    case 0: return L"Global\\Vantoq.SensorFusion.GestureEvent";
+    case 2: return L"Global\\Vantoq.SensorFusion.ColorEvent";
+    case 3: return L"Global\\Vantoq.SensorFusion.HODEVENT";
+    case 4: return L"Global\\Vantoq.SensorFusion.HealthyEVENT";
+    case 5: return L"Global\\Vantoq.SensorFusion.IntruderEVENT";
+    case 6: return L"Global\\Vantoq.SensorFusion.AttentionEVENT";
+    case 31: return L"Global\\Vantoq.SensorFusion.TestEvent";
+    default: return nullptr;
+    }
+}
+
+// Named objects get a null DACL: on Windows the service runs as LocalSystem in
+// session 0 while tests and the plug-in run as the user.
+SECURITY_ATTRIBUTES* OpenSecurity()
+{
+    static SECURITY_DESCRIPTOR sd;
+    static SECURITY_ATTRIBUTES sa;
+    InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&sd, TRUE, nullptr, FALSE);
+    sa = {sizeof sa, &sd, FALSE};
+    return &sa;
+}
+
+void Lock() { WaitForSingleObject(g_mutex, INFINITE); }
+void Unlock() { ReleaseMutex(g_mutex); }
+
+void CreateAttentionEvent()
+{
+    if (!g_sensorEvents[6])
+        g_sensorEvents[6] = CreateEventW(OpenSecurity(), FALSE, FALSE, SensorEventName(6));
+}
+
+// --- the procedures ---------------------------------------------------------
+
+// Records a call on arrival, then applies the reply delay and the hold.
+// Returns the record slot (or -1 when the record is full).
+int BeginCall(int opnum, long a0, long a1, const unsigned char* in, long inLen)
+{
+    Lock();
+    std::uint32_t seq = ++g_block->callCount;
+    int slot = seq <= static_cast<std::uint32_t>(kFusionSimMaxCalls) ? static_cast<int>(seq - 1) : -1;
+    if (slot >= 0) {
+        FusionSimCall& c = g_block->calls[slot];
+        std::memset(&c, 0, sizeof c);
+        c.seq = seq;
+        c.opnum = opnum;
+        c.arg0 = a0;
+        c.arg1 = a1;
+        if (in && inLen > 0) {
+            c.dataLen = static_cast<std::uint32_t>(inLen);
+            std::memcpy(c.data, in, inLen < kFusionSimMaxBytes ? inLen : kFusionSimMaxBytes);
+        }
+    }
+    std::uint32_t delay = g_block->replyDelayMs;
+    Unlock();
+    if (delay)
+        Sleep(delay);
+    for (;;) {
+        Lock();
+        bool hold = g_block->holdReplies != 0;
+        Unlock();
+        if (!hold || g_quitting)
+            break;
+        Sleep(5);
+    }
+    return slot;
+}
+
+// Records the answer (and the bytes sent back) and prints the call.
+long EndCall(int slot, int opnum, long result, const unsigned char* out, long outLen)
+{
+    Lock();
+    if (g_block->forceActive[opnum])
+        result = g_block->forceResult[opnum];
+    if (slot >= 0) {
+        FusionSimCall& c = g_block->calls[slot];
+        if (out && outLen > 0) {
+            c.dataLen = static_cast<std::uint32_t>(outLen);
+            std::memcpy(c.data, out, outLen < kFusionSimMaxBytes ? outLen : kFusionSimMaxBytes);
+        }
+        c.result = result;
+        c.answered = 1;
+        if (!g_quiet)
+            std::printf("call %s\n", FusionSimFormatCall(c).c_str());
+    }
+    Unlock();
+    if (!g_quiet)
+        std::fflush(stdout);
+    return result;
+}
+
+bool Forced(int opnum)
+{
+    Lock();
+    bool f = g_block->forceActive[opnum] != 0;
+    Unlock();
+    return f;
+}
+
+void PutWord(unsigned char* data, long size, std::uint32_t value)
+{
+    for (long i = 0; i < size; ++i)
+        data[i] = i < 4 ? static_cast<unsigned char>(value >> (8 * i)) : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void* __RPC_USER MIDL_user_allocate(SIZE_T size) { return HeapAlloc(GetProcessHeap(), 0, size); }
+void __RPC_USER MIDL_user_free(void* p) { HeapFree(GetProcessHeap(), 0, p); }
+
+LONG __cdecl FusionRpcSetting(handle_t, LONG mask)
+{
+    int slot = BeginCall(0, mask, 0, nullptr, 0);
+    return EndCall(slot, 0, 0, nullptr, 0);
+}
+
+LONG __cdecl FusionRpcGetSensorData(handle_t, LONG id, LONG size, byte* data)
+{
+    int slot = BeginCall(1, id, size, nullptr, 0);
+    Lock();
+    std::uint32_t attention = g_block->attention;
+    Unlock();
+    if (id == 6)
+        PutWord(data, size, attention);
+    else
+        for (long i = 0; i < size; ++i)
+            data[i] = static_cast<byte>(id * 16 + i);
+    return EndCall(slot, 1, 0, data, size);
+}
+
+LONG __cdecl FusionRpcSetSensorParam(handle_t, LONG id, LONG size, byte* data)
+{
+    int slot = BeginCall(2, id, size, data, size);
+    if (!Forced(2) && id == 6 && size >= 4) {
+        Lock();
+        g_block->delay = data[0] | (data[1] << 8) | (data[2] << 16) | (static_cast<std::uint32_t>(data[3]) << 24);
+        Unlock();
+    }
+    return EndCall(slot, 2, 0, nullptr, 0);
+}
+
+LONG __cdecl FusionRpcStartSensor(handle_t, LONG id, LONG param)
+{
+    int slot = BeginCall(3, id, param, nullptr, 0);
+    if (!Forced(3) && id == 6) {
+        Lock();
+        // Only a supported sensor changes state; 0 (unsupported) stays 0.
+        if ((g_block->statusWord & 0xFFFFFFFEu) == 0x10000000u && (param == 0 || param == 1))
+            g_block->statusWord = 0x10000000u | static_cast<std::uint32_t>(param);
+        Unlock();
+    }
+    return EndCall(slot, 3, 0, nullptr, 0);
+}
+
+LONG __cdecl FusionRpcGetSensorStatus(handle_t, LONG id, LONG size, byte* data)
+{
+    int slot = BeginCall(4, id, size, nullptr, 0);
+    Lock();
+    std::uint32_t word = id == 6 ? g_block->statusWord : 0;
+    Unlock();
+    PutWord(data, size, word);
+    return EndCall(slot, 4, 0, data, size);
+}
+
+LONG __cdecl FusionRpcUnInit(handle_t, LONG mask)
+{
+    int slot = BeginCall(5, mask, 0, nullptr, 0);
+    return EndCall(slot, 5, 0, nullptr, 0);
+}
+
+LONG __cdecl FusionRpcGetSensorParam(handle_t, LONG id, LONG size, byte* data)
+{
+    int slot = BeginCall(6, id, size, nullptr, 0);
+    Lock();
+    std::uint32_t delay = id == 6 ? g_block->delay : 0;
+    Unlock();
+    PutWord(data, size, delay);
+    return EndCall(slot, 6, 0, data, size);
+}
+
+}  // extern "C"
+
+namespace {
+
+// --- server life ------------------------------------------------------------
+
+DWORD WINAPI CommandThread(void*)
+{
+    HANDLE waits[2] = {g_commandEvent, g_quitEvent};
+    std::uint32_t done = 0;
+    for (;;) {
+        DWORD w = WaitForMultipleObjects(2, waits, FALSE, INFINITE);
+        if (w != WAIT_OBJECT_0)
+            return 0;
+        Lock();
+        std::uint32_t seq = g_block->commandSeq, code = g_block->commandCode, arg = g_block->commandArg;
+        Unlock();
+        if (seq == done)
+            continue;
+        done = seq;
+        if (code == kFusionSimCmdDropAttentionEvent) {
+            if (arg) {
+                if (g_sensorEvents[6])
+                    CloseHandle(g_sensorEvents[6]);
+                g_sensorEvents[6] = nullptr;
+            } else {
+                CreateAttentionEvent();
+            }
+            Lock();
+            g_block->attentionEventPresent = g_sensorEvents[6] != nullptr;
+            g_block->commandDone = seq;
+            Unlock();
+        } else if (code == kFusionSimCmdQuit) {
+            SetEvent(g_quitEvent);  // commandDone is not needed: the block goes away
+        } else {
+            Lock();
+            g_block->commandDone = seq;
+            Unlock();
+        }
+    }
+}
+
+bool StartServer(const Options& o)
+{
+    g_quiet = o.quiet;
+    g_quitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    g_mutex = CreateMutexW(OpenSecurity(), FALSE, kFusionSimMutexName);
+    g_mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, OpenSecurity(), PAGE_READWRITE, 0,
+                                   sizeof(FusionSimShared), kFusionSimStateName);
+    if (!g_mapping || GetLastError() == ERROR_ALREADY_EXISTS) {
+        std::fprintf(stderr, "fusion-sim: another simulator is running (or the state block cannot be made)\n");
+        return false;
+    }
+    g_block = static_cast<FusionSimShared*>(MapViewOfFile(g_mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
+    g_commandEvent = CreateEventW(OpenSecurity(), FALSE, FALSE, kFusionSimCommandName);
+    if (!g_mutex || !g_block || !g_commandEvent)
+        return false;
+    Lock();
+    std::memset(g_block, 0, sizeof *g_block);
+    g_block->magic = kFusionSimMagic;
+    g_block->pid = GetCurrentProcessId();
+    g_block->statusWord = o.status;
+    g_block->delay = o.delay;
+    g_block->attention = o.attention;
+    Unlock();
+    for (int i = 0; i < 32; ++i)
+        if (SensorEventName(i) && (i != 6 || o.attentionEvent))
+            g_sensorEvents[i] = CreateEventW(OpenSecurity(), FALSE, FALSE, SensorEventName(i));
+
+    RPC_STATUS st = RpcServerUseProtseqEpW(reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")),
+                                           RPC_C_PROTSEQ_MAX_REQS_DEFAULT,
+                                           reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(kFusionSimEndpoint)),
+                                           nullptr);
+    if (st == RPC_S_OK)
+        st = RpcServerRegisterIfEx(FusionRpc_v1_0_s_ifspec, nullptr, nullptr, RPC_IF_ALLOW_CALLBACKS_WITH_NO_AUTH,
+                                   RPC_C_LISTEN_MAX_CALLS_DEFAULT, nullptr);
+    if (st == RPC_S_OK)
+        st = RpcServerListen(1, RPC_C_LISTEN_MAX_CALLS_DEFAULT, TRUE);
+    if (st != RPC_S_OK) {
+        std::fprintf(stderr, "fusion-sim: RPC server set-up failed: %lu\n", static_cast<unsigned long>(st));
+        return false;
+    }
+    g_commandThread = CreateThread(nullptr, 0, CommandThread, nullptr, 0, nullptr);
+    Lock();
+    g_block->attentionEventPresent = g_sensorEvents[6] != nullptr;
+    g_block->ready = 1;
+    Unlock();
+    if (!g_quiet) {
+        std::printf("fusion-sim: serving %ls (status 0x%x, delay %u, attention event %s)\n", kFusionSimEndpoint,
+                    o.status, o.delay, o.attentionEvent ? "created" : "left out");
+        std::fflush(stdout);
+    }
+    return true;
+}
+
+void StopServer()
+{
+    g_quitting = true;  // releases held replies
+    if (g_block) {
+        Lock();
+        g_block->ready = 0;
+        g_block->magic = 0;
+        Unlock();
+    }
+    RpcMgmtStopServerListening(nullptr);
+    RpcMgmtWaitServerListen();
+    RpcServerUnregisterIf(nullptr, nullptr, FALSE);
+    SetEvent(g_quitEvent);
+    if (g_commandThread) {
+        WaitForSingleObject(g_commandThread, 5000);
+        CloseHandle(g_commandThread);
+    }
+    for (HANDLE& h : g_sensorEvents)
+        if (h) {
+            CloseHandle(h);
+            h = nullptr;
+        }
+    if (g_block)
+        UnmapViewOfFile(g_block);
+    g_block = nullptr;
+    if (g_mapping)
+        CloseHandle(g_mapping);
+    if (g_commandEvent)
+        CloseHandle(g_commandEvent);
+}
+
+BOOL WINAPI ConsoleHandler(DWORD)
+{
+    if (g_quitEvent)
+        SetEvent(g_quitEvent);
+    return TRUE;
+}
+
+bool ParseNumber(const wchar_t* s, std::uint32_t* out)
+{
+    if (!s || !*s)
+        return false;
+    wchar_t* end = nullptr;
+    bool neg = *s == L'-';
+    unsigned long v = std::wcstoul(neg ? s + 1 : s, &end, 0);
+    if (*end)
+        return false;
+    *out = neg ? static_cast<std::uint32_t>(-static_cast<long long>(v)) : static_cast<std::uint32_t>(v);
+    return true;
+}
+
+bool ParseOptions(int argc, wchar_t** argv, int first, Options* o)
+{
+    for (int i = first; i < argc; ++i) {
+        std::wstring a = argv[i];
+        if (a == L"--no-attention-event")
+            o->attentionEvent = false;
+        else if (a == L"--quiet")
+            o->quiet = true;
+        else if (a == L"--status" && i + 1 < argc && ParseNumber(argv[i + 1], &o->status))
+            ++i;
+        else if (a == L"--delay" && i + 1 < argc && ParseNumber(argv[i + 1], &o->delay))
+            ++i;
+        else if (a == L"--attention" && i + 1 < argc && ParseNumber(argv[i + 1], &o->attention))
+            ++i;
+        else {
+            std::fprintf(stderr, "fusion-sim: bad option %ls\n", argv[i]);
+            return false;
+        }
+    }
+    return true;
+}
+
+void ReportService(DWORD state, DWORD exitCode = NO_ERROR)
+{
+    g_serviceStatus.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    g_serviceStatus.dwCurrentState = state;
+    g_serviceStatus.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
+    g_serviceStatus.dwWin32ExitCode = exitCode;
+    g_serviceStatus.dwWaitHint = state == SERVICE_RUNNING || state == SERVICE_STOPPED ? 0 : 5000;
+    SetServiceStatus(g_serviceHandle, &g_serviceStatus);
+}
+
+DWORD WINAPI ServiceControl(DWORD control, DWORD, void*, void*)
+{
+    if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
+        ReportService(SERVICE_STOP_PENDING);
+        SetEvent(g_quitEvent);
+    }
+    return NO_ERROR;
+}
+
+void WINAPI ServiceMain(DWORD, wchar_t**)
+{
+    g_serviceHandle = RegisterServiceCtrlHandlerExW(kFusionSimServiceName, ServiceControl, nullptr);
+    if (!g_serviceHandle)
+        return;
+    ReportService(SERVICE_START_PENDING);
+    g_serviceOptions.quiet = true;
+    if (!StartServer(g_serviceOptions)) {
+        StopServer();
+        ReportService(SERVICE_STOPPED, ERROR_SERVICE_SPECIFIC_ERROR);
+        return;
+    }
+    ReportService(SERVICE_RUNNING);
+    WaitForSingleObject(g_quitEvent, INFINITE);
+    StopServer();
+    ReportService(SERVICE_STOPPED);
+}
+
+int RunCtl(int argc, wchar_t** argv)
+{
+    if (argc < 3) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    std::wstring cmd = argv[2];
+    const wchar_t* a1 = argc > 3 ? argv[3] : nullptr;
+    const wchar_t* a2 = argc > 4 ? argv[4] : nullptr;
+    std::uint32_t n1 = 0, n2 = 0;
+    bool ok = false;
+    if (cmd == L"look-away")
+        ok = FusionSimSetAttention(0, true);
+    else if (cmd == L"look-back")
+        ok = FusionSimSetAttention(1, true);
+    else if (cmd == L"attention" && ParseNumber(a1, &n1))
+        ok = FusionSimSetAttention(n1, !(a2 && std::wstring(a2) == L"nosignal"));
+    else if (cmd == L"signal" && ParseNumber(a1, &n1))
+        ok = FusionSimSignal(static_cast<int>(n1));
+    else if (cmd == L"status" && ParseNumber(a1, &n1))
+        ok = FusionSimSetStatus(n1);
+    else if (cmd == L"delay" && ParseNumber(a1, &n1))
+        ok = FusionSimSetDelay(n1);
+    else if (cmd == L"force" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
+        ok = FusionSimForceResult(static_cast<int>(n1), static_cast<std::int32_t>(n2));
+    else if (cmd == L"unforce" && ParseNumber(a1, &n1))
+        ok = FusionSimClearForced(static_cast<int>(n1));
+    else if (cmd == L"reply-delay" && ParseNumber(a1, &n1))
+        ok = FusionSimSetReplyDelay(n1);
+    else if (cmd == L"hold" || cmd == L"release")
+        ok = FusionSimHoldReplies(cmd == L"hold");
+    else if (cmd == L"drop-event" || cmd == L"restore-event")
+        ok = FusionSimDropAttentionEvent(cmd == L"drop-event");
+    else if (cmd == L"model") {
+        FusionSimModel m{};
+        ok = FusionSimGetModel(&m);
+        if (ok)
+            std::printf("status 0x%x\ndelay %u\nattention %u\nattention-event %d\nholding %d\nreply-delay %u\npid %u\n",
+                        m.statusWord, m.delay, m.attention, m.attentionEventPresent, m.holdingReplies,
+                        m.replyDelayMs, m.pid);
+    } else if (cmd == L"calls") {
+        std::vector<FusionSimCall> calls;
+        ok = FusionSimReadCalls(&calls);
+        for (const auto& c : calls)
+            std::printf("%s\n", FusionSimFormatCall(c).c_str());
+    } else if (cmd == L"clear-calls")
+        ok = FusionSimClearCalls();
+    else if (cmd == L"wait-calls" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
+        ok = FusionSimWaitCalls(n1, n2);
+    else if (cmd == L"wait-ready" && ParseNumber(a1, &n1))
+        ok = FusionSimWaitReady(n1);
+    else if (cmd == L"quit")
+        ok = FusionSimQuit(5000);
+    else {
+        std::fprintf(stderr, "fusion-sim: unknown or incomplete control command\n%s", kUsage);
+        return 2;
+    }
+    if (!ok)
+        std::fprintf(stderr, "fusion-sim ctl %ls: failed (no simulator running?)\n", cmd.c_str());
+    return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    std::wstring mode = argc > 1 ? argv[1] : L"run";
+    if (mode == L"--help" || mode == L"-h" || mode == L"help") {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    if (mode == L"ctl")
+        return RunCtl(argc, argv);
+    if (mode == L"service") {
+        if (!ParseOptions(argc, argv, 2, &g_serviceOptions))
+            return 2;
+        g_quitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        SERVICE_TABLE_ENTRYW table[] = {{const_cast<wchar_t*>(kFusionSimServiceName), ServiceMain},
+                                        {nullptr, nullptr}};
+        return StartServiceCtrlDispatcherW(table) ? 0 : 1;
+    }
+    if (mode == L"install") {
+        Options o;
+        if (!ParseOptions(argc, argv, 2, &o))
+            return 2;
+        std::wstring args;
+        for (int i = 2; i < argc; ++i)
+            args += std::wstring(argv[i]) + L" ";
+        bool ok = FusionSimInstallService(args);
+        std::printf("fusion-sim: install %s\n", ok ? "done" : "failed");
+        return ok ? 0 : 1;
+    }
+    if (mode == L"uninstall") {
+        bool ok = FusionSimUninstallService();
+        std::printf("fusion-sim: uninstall %s\n", ok ? "done" : "failed");
+        return ok ? 0 : 1;
+    }
+    if (mode == L"start" || mode == L"stop") {
+        bool ok = mode == L"start" ? FusionSimStartService() : FusionSimStopService();
+        std::printf("fusion-sim: %ls %s\n", mode.c_str(), ok ? "done" : "failed");
+        return ok ? 0 : 1;
+    }
+    Options o;
+    if (!ParseOptions(argc, argv, mode == L"run" ? 2 : 1, &o))
+        return 2;
+    if (!StartServer(o)) {
+        StopServer();
+        return 1;
+    }
+    SetConsoleCtrlHandler(ConsoleHandler, TRUE);
+    WaitForSingleObject(g_quitEvent, INFINITE);
+    StopServer();
+    return 0;
+}
