@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what it needs, builds both trees, runs the native
-# tests, then the Windows tests through Wine (one fresh Wine prefix per run).
+# tests, a short fuzz run of each fuzz target (clang, sanitizers), then the
+# Windows tests through Wine (one fresh Wine prefix per run).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/build.sh || exit 1
@@ -8,6 +9,10 @@ scripts/build.sh || exit 1
 status=0
 echo "== native tests"
 (cd build/native && ctest --output-on-failure) || status=1
+echo "== fuzzing (build/fuzz, clang: replay of seeds and kept inputs, 60 s per target)"
+CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQX_FUZZ=ON >/dev/null \
+  && cmake --build build/fuzz -j "${QX_JOBS:-$(nproc)}" --target qx_fuzz \
+  && (cd build/fuzz && ctest -L fuzz --output-on-failure) || status=1
 echo "== Windows tests under Wine"
 (cd build/win && ctest --output-on-failure) || status=1
 exit $status
