@@ -35,6 +35,8 @@
 #include "FusionSimCtl.h"
 #include "PluginTestSupport.h"
 #include "TestSupport.h"
+// After windows.h (through the headers above).
+#include <tlhelp32.h>
 
 using qxtest::GetUserDword;
 using qxtest::HostRun;
@@ -121,6 +123,23 @@ std::uint32_t Dword(const FusionSimCall& c) {
                         : 0xdeadbeef;
 }
 
+// The reports the fetched attention records imply: the first record a
+// plug-in copy fetches counts as a change, then every change to 0.
+std::size_t ExpectedReports(const std::vector<FusionSimCall>& calls, std::size_t* fetches = nullptr) {
+  std::size_t expected = 0;
+  std::int64_t last = -1;
+  std::size_t answered = 0;
+  for (const FusionSimCall& c : calls) {
+    if (c.opnum != kOpGetSensorData || !c.answered || c.result != 0) continue;
+    ++answered;
+    const std::uint32_t record = Dword(c);
+    if (record == 0 && last != 0) ++expected;
+    last = record;
+  }
+  if (fetches) *fetches = answered;
+  return expected;
+}
+
 std::string DumpCalls() {
   std::string out;
   for (const FusionSimCall& c : Calls(-1)) out += FusionSimFormatCall(c) + "\n";
@@ -175,6 +194,17 @@ long RecordClock(const std::string& record) {
   if (std::sscanf(record.c_str(), "%d-%d %d:%d:%d:%d", &mo, &d, &h, &mi, &s, &ms) != 6) return -1;
   return ((h * 60L + mi) * 60L + s) * 1000L + ms;
 }
+DWORD ThreadsOfThisProcess() {
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 entry = {};
+  entry.dwSize = sizeof(entry);
+  DWORD count = 0;
+  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
+    if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++count;
+  CloseHandle(snapshot);
+  return count;
+}
+
 std::string LogText() {
   std::string out;
   for (const std::string& r : qxtest::LogRecords()) out += r;
@@ -579,17 +609,17 @@ TEST_F(Running, RepliesDelayedBySeconds) {
 // actions made it, and it got exactly one report per change to 0 among the
 // records the waiting thread fetched.
 TEST_F(Running, EventStormWhileActionsRunOnAnotherThread) {
+  const DWORD threadsBefore = ThreadsOfThisProcess();
   InitAndSwitchOn();
-  std::atomic<bool> storming{true};
+  // The host thread runs a fixed series of actions; events are fired for as
+  // long as it runs.
+  std::atomic<bool> hostDone{false};
   int lastDelay = 10;
   int actions = 0;
   std::thread host([&] {
-    for (int i = 0; storming || i < 20; ++i) {
+    for (int i = 0; i < 60; ++i) {
       const int delay = 10 + (i * 7) % 51;
-      if (plugin.Action("set_attention_delay", DelayParams(delay).c_str()) != Attention(delay, 2)) {
-        ADD_FAILURE() << "set_attention_delay " << delay;
-        break;
-      }
+      EXPECT_EQ(Attention(delay, 2), plugin.Action("set_attention_delay", DelayParams(delay).c_str()));
       lastDelay = delay;
       EXPECT_EQ(Attention(delay, 2), plugin.Action("get_attention", nullptr));
       actions += 2;
@@ -598,12 +628,19 @@ TEST_F(Running, EventStormWhileActionsRunOnAnotherThread) {
         EXPECT_EQ(Attention(delay, 2), plugin.Action("set_attention_status", StatusParams(2).c_str()));
         actions += 2;
       }
-      if (i >= 150) break;
     }
+    hostDone = true;
   });
+  // The simulator keeps the first kFusionSimMaxCalls calls: the storm ends
+  // early rather than overflow the record the check below needs whole.
   int signals = 0;
-  for (; signals < 1500; ++signals) ASSERT_TRUE(FusionSimSetAttention(signals % 2 ? 1 : 0, true));
-  storming = false;
+  while (!hostDone) {
+    if (!FusionSimSetAttention(signals % 2 ? 1 : 0, true)) {
+      ADD_FAILURE() << "simulator gone";
+      break;
+    }
+    if (++signals % 256 == 0 && Calls(-1).size() > kFusionSimMaxCalls - 800) break;
+  }
   host.join();
   WaitPipeQuiet(500, 15000);
   std::size_t calls = WaitHostCalls(100000, 300);
@@ -615,16 +652,8 @@ TEST_F(Running, EventStormWhileActionsRunOnAnotherThread) {
 
   // The reports the fetched records imply: the first record counts as a
   // change, then every change to 0.
-  std::size_t expected = 0;
-  std::int64_t last = -1;
   std::size_t fetches = 0;
-  for (const FusionSimCall& c : all) {
-    if (c.opnum != kOpGetSensorData || !c.answered || c.result != 0) continue;
-    ++fetches;
-    const std::uint32_t record = Dword(c);
-    if (record == 0 && last != 0) ++expected;
-    last = record;
-  }
+  const std::size_t expected = ExpectedReports(all, &fetches);
   std::printf("%d signals, %zu fetches, %d actions, %zu reports\n", signals, fetches, actions, calls);
   EXPECT_GT(fetches, 10u);
   EXPECT_GT(expected, 0u);
@@ -647,6 +676,15 @@ TEST_F(Running, EventStormWhileActionsRunOnAnotherThread) {
   EXPECT_EQ(std::optional<DWORD>(static_cast<DWORD>(lastDelay)), GetUserDword(L"attention_delay"));
   EXPECT_EQ(static_cast<std::uint32_t>(lastDelay), model.delay);
   EXPECT_EQ(0x10000001u, model.statusWord);
+
+  // Every waiting thread the storm saw started and stopped has ended after
+  // "close": none is left behind to take later events (the runtime's own
+  // RPC threads may stay, so the count is polled with a bound).
+  EXPECT_EQ("", plugin.Action("close", nullptr));
+  initDone = false;
+  DWORD after = ThreadsOfThisProcess();
+  for (int i = 0; i < 50 && after > threadsBefore; ++i, Sleep(100)) after = ThreadsOfThisProcess();
+  EXPECT_LE(after, threadsBefore);
 }
 
 // The service process is killed while a call waits for its reply; the call
@@ -703,9 +741,22 @@ TEST_F(Running, ServiceKilledInTheMiddleOfACallAndRestarted) {
   EXPECT_EQ(std::optional<DWORD>(40), GetUserDword(L"attention_delay"));
 
   // The waiting thread started again by the last action hears the new
-  // service's event: one report when the user looks away.
-  ASSERT_TRUE(FusionSimSetAttention(0, true));
-  EXPECT_EQ(1u, WaitHostCalls(1, 5000));
+  // service's events. Under Wine a fetch may fail once on a connection the
+  // runtime kept from before the kill (1727, logged by the client; the
+  // service never sees the call): that look-away is lost, as a failed fetch
+  // always is. So the user looks away until a report comes (bounded), and
+  // every fetch that did reach the service and changed the status to 0 must
+  // have given exactly one report.
+  const std::size_t lostBefore = CountInSensorLibLog("Runtime reported exception 0x6bf");
+  for (int attempt = 0; attempt < 3 && HostCallCount() == 0; ++attempt) {
+    ASSERT_TRUE(FusionSimSetAttention(1, true));
+    Sleep(300);
+    ASSERT_TRUE(FusionSimSetAttention(0, true));
+    WaitHostCalls(1, 3000);
+  }
+  EXPECT_EQ(ExpectedReports(Calls(kOpGetSensorData)), HostCallCount()) << DumpCalls();
+  EXPECT_GE(HostCallCount(), 1u);
+  std::printf("fetches lost after the restart: %zu\n", CountInSensorLibLog("Runtime reported exception 0x6bf") - lostBefore);
 
   // "close" and a new "init" set everything up again (the service is
   // restarted by it).
@@ -713,11 +764,12 @@ TEST_F(Running, ServiceKilledInTheMiddleOfACallAndRestarted) {
   EXPECT_EQ("", plugin.Action("init", nullptr));
   EXPECT_EQ(std::vector<std::string>{"ability: 1"}, LogMessages("AttentionPlugin.cpp", 193));
   EXPECT_EQ(Attention(40, 2), plugin.Action("get_attention", nullptr));
+  const std::size_t reports = HostCallCount();
   ASSERT_TRUE(FusionSimSetAttention(1, true));
   ASSERT_TRUE(FusionSimWaitCalls(1, 5000));
   Sleep(200);
   ASSERT_TRUE(FusionSimSetAttention(0, true));
-  EXPECT_EQ(2u, WaitHostCalls(2, 5000));
+  EXPECT_EQ(reports + 1, WaitHostCalls(reports + 1, 5000));
 }
 
 }  // namespace
