@@ -1,9 +1,7 @@
-// Test side of the diagnostic log: set the process's logger up on a plain-text
-// file of the test's own, at the debug level, and read back the records that a
-// step wrote.
+// Test side of the diagnostic log: the process's logger set up on a file of
+// the test's own, obfuscated as the plug-in writes it, at the debug level; the
+// records a step wrote are read back through the frame decoder logread uses.
 #pragma once
-
-#include <windows.h>
 
 #include <string>
 #include <vector>
@@ -18,21 +16,13 @@ struct Record {
   long msOfDay = 0;    // the record's local time, milliseconds since midnight
 };
 
-// Sets Logger::Instance() up on `fileName` in the temporary folder, plain text,
-// level 5 (through a config.ini that exists only for the set-up). Returns the
-// full path. Any old file of that name is removed first.
-std::wstring SetUp(const wchar_t* fileName);
-
+// Sets Logger::Instance() up on "<temp>\<fileName>.logdat" (any old file removed).
+void SetUp(const wchar_t* fileName);
 // Current size of the log file: a mark to read from.
 std::size_t Mark();
-
 // Records written since `mark`.
 std::vector<Record> Since(std::size_t mark);
-
-// Records of `source` only.
-std::vector<Record> From(const std::vector<Record>& records, const std::string& source);
-
-// "tag source(line) text" of each record, one per line, for failure messages.
+// One "tag source(line) text" line per record, for failure messages.
 std::string Dump(const std::vector<Record>& records);
 
 }  // namespace testlog

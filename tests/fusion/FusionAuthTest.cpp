@@ -1,14 +1,9 @@
 // The shipped client (qx_fusion: packet privacy, WINNT, null identity) against
-// fusion-sim under Wine. Wine cannot complete an authenticated bind, so the
-// first remote call must fail cleanly: result 1, one exception line, no crash,
-// no hang, nothing delivered to the service. On Windows the same binding is
-// the normal path. The code depends on the machine's Samba set-up: 5 (access
-// denied) where ntlm_auth reaches a winbindd, 1747 (RPC_S_UNKNOWN_AUTHN_SERVICE)
-// with ntlm_auth installed and no winbindd (what the build machine, with
-// Debian's winbind package from scripts/install-deps.sh, gives). Without
-// ntlm_auth at all RpcBindingSetAuthInfoW itself fails and the binding is left
-// unauthenticated (InitFusion returns 1 and nothing re-binds, as designed):
-// the test then fails on purpose, since it would prove nothing.
+// fusion-sim. Wine cannot complete an authenticated bind, so the first remote
+// call must fail cleanly: result 1, one exception line, no crash, no hang,
+// nothing delivered. The code is 5 (access denied) where ntlm_auth reaches a
+// winbindd, 1747 with ntlm_auth and no winbindd (the build machine). Without
+// ntlm_auth the binding stays unauthenticated and the test fails on purpose.
 #include "FusionClientState.h"
 #include "FusionTestSupport.h"
 

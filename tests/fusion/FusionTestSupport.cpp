@@ -1,17 +1,10 @@
 #include "FusionTestSupport.h"
 
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
 namespace fusiontest {
-
-bool IsChild()
-{
-    char buf[8];
-    return GetEnvironmentVariableA("FUSION_TEST_CHILD", buf, sizeof buf) > 0;
-}
+namespace {
 
 std::string LogPath()
 {
@@ -19,6 +12,10 @@ std::string LogPath()
     ExpandEnvironmentStringsA("%programdata%\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log", path, MAX_PATH);
     return path;
 }
+
+bool Stamped(const std::string& line) { return !line.empty() && line[0] == '['; }
+
+}  // namespace
 
 std::uint64_t LogSize()
 {
@@ -31,19 +28,12 @@ std::uint64_t LogSize()
 std::vector<std::string> LogLinesSince(std::uint64_t offset)
 {
     std::ifstream in(LogPath(), std::ios::binary);
-    std::vector<std::string> lines;
-    if (!in)
-        return lines;
     in.seekg(static_cast<std::streamoff>(offset));
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<std::string> lines;
     std::size_t at = 0;
-    for (;;) {
-        std::size_t end = text.find("\r\n", at);
-        if (end == std::string::npos)
-            break;
+    for (std::size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
         lines.push_back(text.substr(at, end - at));
-        at = end + 2;
-    }
     if (at < text.size())
         lines.push_back(text.substr(at) + "<no CRLF>");
     return lines;
@@ -51,24 +41,22 @@ std::vector<std::string> LogLinesSince(std::uint64_t offset)
 
 std::string Message(const std::string& line)
 {
-    if (line.empty() || line[0] != '[')
-        return line;
-    std::size_t close = line.find(']');
-    return close == std::string::npos ? line : line.substr(close + 1);
+    const std::size_t close = line.find(']');
+    return !Stamped(line) || close == std::string::npos ? line : line.substr(close + 1);
 }
 
 int CountMessages(const std::vector<std::string>& lines, const std::string& text)
 {
     int n = 0;
     for (const auto& l : lines)
-        n += Message(l) == text && !l.empty() && l[0] == '[';
+        n += Stamped(l) && Message(l) == text;
     return n;
 }
 
 int FindMessage(const std::vector<std::string>& lines, const std::string& text, int from)
 {
     for (int i = from; i < static_cast<int>(lines.size()); ++i)
-        if (!lines[i].empty() && lines[i][0] == '[' && Message(lines[i]) == text)
+        if (Stamped(lines[i]) && Message(lines[i]) == text)
             return i;
     return -1;
 }
@@ -82,8 +70,7 @@ DWORD RunChild(const std::string& name, DWORD timeoutMs)
     CreateDirectoryA(dir, nullptr);
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring cmd = L"\"" + std::wstring(self) + L"\" --gtest_filter=Child." +
-                       std::wstring(name.begin(), name.end());
+    std::wstring cmd = L"\"" + std::wstring(self) + L"\" --gtest_filter=Child." + std::wstring(name.begin(), name.end());
     SetEnvironmentVariableW(L"FUSION_TEST_CHILD", L"1");
     STARTUPINFOW si{};
     si.cb = sizeof si;
@@ -110,17 +97,6 @@ std::vector<FusionSimCall> CallsOf(int opnum)
         if (c.opnum == opnum)
             some.push_back(c);
     return some;
-}
-
-Sim::Sim(const std::wstring& args)
-{
-    ok_ = FusionSimLaunch(args, 20000, &proc_);
-}
-
-Sim::~Sim()
-{
-    if (ok_)
-        FusionSimQuit(10000, &proc_);
 }
 
 }  // namespace fusiontest

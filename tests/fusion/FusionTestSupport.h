@@ -1,7 +1,6 @@
-// Shared helpers of the fusion client tests: re-launching the test program in
-// a child role (the client's state is process-wide, and some cases leave it
-// broken on purpose), reading what a child wrote to SensorLibLog.log, and
-// looking at the simulator's call record.
+// Helpers of the fusion client tests: re-launching this program in a child
+// role (the client's state is process-wide, and some cases leave it broken on
+// purpose), reading what a child wrote to SensorLibLog.log, the call record.
 #pragma once
 
 #include "FusionSimCtl.h"
@@ -15,34 +14,26 @@
 
 namespace fusiontest {
 
-// True inside a child run (FUSION_TEST_CHILD set by RunChild).
-bool IsChild();
-
-// Path of SensorLibLog.log in the current prefix.
-std::string LogPath();
-// Current size of the log (0 when absent).
-std::uint64_t LogSize();
-// Lines (CRLF split, empty lines kept) appended since `offset`.
+std::uint64_t LogSize();  // of SensorLibLog.log, 0 when absent
+// Lines appended since `offset` (CRLF split, empty lines kept).
 std::vector<std::string> LogLinesSince(std::uint64_t offset);
 // The message part of a log line: what follows "[MM-DD-hh-mm-ss:ms]".
 std::string Message(const std::string& line);
-// Number of lines whose message equals `text`.
+// Number of stamped lines whose message equals `text`, and the first at or after `from` (-1: none).
 int CountMessages(const std::vector<std::string>& lines, const std::string& text);
-// Index of the first line whose message equals `text` at or after `from`, or -1.
 int FindMessage(const std::vector<std::string>& lines, const std::string& text, int from = 0);
 
-// Runs this program again with --gtest_filter=Child.<name>, bounded by
-// timeoutMs (killed after it). Returns the exit code (0xDEAD when killed).
+// Runs this program again with --gtest_filter=Child.<name>, killed after
+// timeoutMs. Returns the exit code (0xDEAD when killed).
 DWORD RunChild(const std::string& name, DWORD timeoutMs = 60000);
 
-// Calls of one opnum in the simulator's record.
 std::vector<FusionSimCall> CallsOf(int opnum);
 
 // A console simulator for the length of a scope.
 class Sim {
 public:
-    explicit Sim(const std::wstring& args = L"");
-    ~Sim();
+    explicit Sim(const std::wstring& args = L"") { ok_ = FusionSimLaunch(args, 20000, &proc_); }
+    ~Sim() { if (ok_) FusionSimQuit(10000, &proc_); }
     bool ok() const { return ok_; }
 
 private:
@@ -56,6 +47,6 @@ private:
 #define CHILD_TEST(name) TEST(Child, name)
 #define CHILD_ONLY() \
     do { \
-        if (!fusiontest::IsChild()) \
+        if (GetEnvironmentVariableA("FUSION_TEST_CHILD", nullptr, 0) == 0) \
             GTEST_SKIP() << "runs as a child of another case"; \
     } while (0)
