@@ -3,7 +3,9 @@
 # once beside it) and keeps its wineserver alive for the run; "wine_prefix_stop"
 # ends that server. Every Wine test requires the fixture and gets the prefix.
 set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wine/prefix CACHE PATH "Wine prefix of the test run")
-set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=")
+# A UTF-8 locale whatever the caller's: Wine maps Windows file names to Unix
+# ones through it, and a fresh machine's C locale cannot hold non-ASCII names.
+set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=;LC_ALL=C.UTF-8")
 
 # GoogleTest from Debian's sources, built with the cross compiler.
 if(BUILD_TESTING AND EXISTS /usr/src/googletest/CMakeLists.txt)
