@@ -19,6 +19,9 @@
 // prefix (scripts/bench.sh does it) and QXAttentionPlugin-noauth.dll beside it.
 //
 //   action_bench [calls-per-round=200] [rounds=10] [events=300] [init-rounds=9]
+//   action_bench --trace [calls]   runs each kind `calls` times, plug-in then
+//                                  floor, between marker events (for counting
+//                                  server requests per call)
 #include <windows.h>
 #include <process.h>
 #include <rpc.h>
@@ -379,6 +382,11 @@ void InitBench(int rounds) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const bool trace = argc > 1 && std::strcmp(argv[1], "--trace") == 0;
+  if (trace) {
+    --argc;
+    ++argv;
+  }
   const int calls = argc > 1 ? std::atoi(argv[1]) : 200;
   const int rounds = argc > 2 ? std::atoi(argv[2]) : 10;
   const int events = argc > 3 ? std::atoi(argv[3]) : 300;
@@ -411,48 +419,72 @@ int main(int argc, char** argv) {
     return 1;
   }
 
+  // Each kind: the plug-in's call, its floor, and the status the plug-in must
+  // be in before it (the sensor's thread on or off).
+  struct Kind {
+    const char* name;
+    int statusBefore;
+    std::function<void()> plugin, floor;
+  };
+  const std::vector<Kind> kinds = {
+      {"get_attention", 2, [] { g_plugin.Run("get_attention"); },
+       [] { Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n"); }},
+      {"ability", 2, [] { g_plugin.Run("ability"); },
+       [] {
+         Rec(kPluginSource, 341, L"resp: %s",
+             L"{\"ability\":1,\"id\":\"F4010\",\"items\":{\"delay\":30,\"status\":2},\"plugin\":\"Attention\"}\n");
+       }},
+      {"set_attention_status 2 (sensor on)", 2,
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); }, FloorStatusOn},
+      {"set_attention_status 1 (sensor off)", 1,
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); }, FloorStatusOff},
+      // Toggling stops and starts the plug-in's waiting thread each time; one
+      // unit is the pair of actions.
+      {"set_attention_status 2,1 (toggling)", 1,
+       [] {
+         g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}");
+         g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}");
+       },
+       [] {
+         FloorToggleOn();
+         FloorToggleOff();
+       }},
+      {"set_attention_delay 30", 2,
+       [] { g_plugin.Run("set_attention_delay", "{\"F4010\":{\"delay\":30}}"); }, FloorDelay},
+  };
+  auto settle = [](int status) {
+    g_plugin.Run("set_attention_status", status == 2 ? "{\"F4010\":{\"status\":2}}" : "{\"F4010\":{\"status\":1}}");
+  };
+
+  if (trace) {
+    // Profiling aid: with the wineserver tracing its requests (wineserver
+    // -f -d2), count the requests between the markers, named events whose
+    // creation shows in the trace (scripts/trace-actions.sh does it).
+    auto mark = [](const std::string& text) {
+      const std::wstring name(text.begin(), text.end());
+      CloseHandle(CreateEventW(nullptr, FALSE, FALSE, name.c_str()));
+    };
+    for (const Kind& k : kinds) {
+      settle(k.statusBefore);
+      mark(std::string("QXMARK plugin ") + k.name);
+      for (int i = 0; i < calls; ++i) k.plugin();
+      mark(std::string("QXMARK floor ") + k.name);
+      for (int i = 0; i < calls; ++i) k.floor();
+      mark("QXMARK end");
+    }
+    g_plugin.Run("close");
+    return 0;
+  }
+
   std::fprintf(g_out, "Actions through the exports vs their floor; %d rounds x %d calls, alternating; medians\n",
                rounds, calls);
   std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio", "1.10x");
-  Report("get_attention", Alternate(rounds, calls, [] { g_plugin.Run("get_attention"); },
-                                    [] {
-                                      Rec(kPluginSource, 341, L"resp: %s",
-                                          L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n");
-                                    }),
-         1.10);
-  Report("ability", Alternate(rounds, calls, [] { g_plugin.Run("ability"); },
-                              [] {
-                                Rec(kPluginSource, 341, L"resp: %s",
-                                    L"{\"ability\":1,\"id\":\"F4010\",\"items\":{\"delay\":30,\"status\":2},"
-                                    L"\"plugin\":\"Attention\"}\n");
-                              }),
-         1.10);
-  Report("set_attention_status 2 (sensor on)",
-         Alternate(rounds, calls, [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); },
-                   FloorStatusOn),
-         1.10);
-  g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}");
-  Report("set_attention_status 1 (sensor off)",
-         Alternate(rounds, calls, [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); },
-                   FloorStatusOff),
-         1.10);
-  // Toggling stops and starts the plug-in's waiting thread each time.
-  Report("set_attention_status 2,1 (toggling)",
-         Alternate(rounds, calls / 2,
-                   [] {
-                     g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}");
-                     g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}");
-                   },
-                   [] {
-                     FloorToggleOn();
-                     FloorToggleOff();
-                   }),
-         1.10);
-  g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}");
-  Report("set_attention_delay 30",
-         Alternate(rounds, calls, [] { g_plugin.Run("set_attention_delay", "{\"F4010\":{\"delay\":30}}"); },
-                   FloorDelay),
-         1.10);
+  for (const Kind& k : kinds) {
+    settle(k.statusBefore);
+    const bool pair = std::strstr(k.name, "toggling") != nullptr;
+    Report(k.name, Alternate(rounds, pair ? calls / 2 : calls, k.plugin, k.floor), 1.10);
+  }
+  settle(2);
 
   std::fprintf(g_out, "\nAttention event -> host callback; %d events, alternating; medians\n", events);
   std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio", "1.20x");
