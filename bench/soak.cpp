@@ -12,7 +12,7 @@
 //    stopping the thread (StartFusion 0, UnInitial) drops that handle without
 //    closing it: one per thread start.
 //
-//   soak [cycles=300] [actions=100000] [sample-every=10]
+//   soak [cycles=300] [actions=100000] [sample-every=10] [all|toggle|steady]
 // Needs the simulator registered and running as the service "VantoqSensorFusion"
 // (scripts/soak.sh does it) and QXAttentionPlugin-noauth.dll beside it.
 #include <windows.h>
@@ -175,6 +175,9 @@ int main(int argc, char** argv) {
   const int cycles = argc > 1 ? std::atoi(argv[1]) : 300;
   const long long actions = argc > 2 ? std::atoll(argv[2]) : 100000;
   const int every = argc > 3 ? std::atoi(argv[3]) : 10;
+  // For finding what grows: "toggle" runs only the status actions (each 2
+  // after a 1 starts the waiting thread), "steady" only the others.
+  const std::string mix = argc > 4 ? argv[4] : "all";
   g_out = bench::QuietStdout();
 
   if (FusionSimServiceState() != SERVICE_RUNNING && !FusionSimStartService(15000)) {
@@ -242,7 +245,10 @@ int main(int argc, char** argv) {
     const long long target = actions * cycle / cycles;
     for (long long i = done; i < target; ++i, ++done) {
       std::string r;
-      switch (i % 10) {
+      long long kind = i % 10;
+      if (mix == "toggle") kind = (i % 2) ? 4 : 7;
+      if (mix == "steady") kind = (i % 5 == 2) ? 3 : i % 2;
+      switch (kind) {
         case 0: case 5: case 9:
           r = plugin.Run("get_attention");
           break;
