@@ -118,12 +118,16 @@ struct FloorThread {
   HANDLE ready = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   static unsigned __stdcall Proc(void* self) {
     auto* t = static_cast<FloorThread*>(self);
+    // The waiting thread's own two lines: one before the starter may go on,
+    // one before the join completes.
+    SensorLibLogWrite("GetSensorDataProc:index %d,FusionFlag %d", 6, 6);
     HANDLE pair[2] = {t->sensor, t->stop};
     SetEvent(t->ready);
     for (;;) {
       const DWORD w = WaitForMultipleObjects(2, pair, FALSE, INFINITE);
       if (w == WAIT_OBJECT_0 + 1) break;
     }
+    SensorLibLogWrite("Thread exit %u", 6u);
     return 0;
   }
   void Start() {
