@@ -3,6 +3,7 @@
 // Every message goes to the sensor library log (SensorLibLog.h).
 #include "FusionClientState.h"
 
+#include "FusionEvents.h"
 #include "FusionRpc.h"
 #include "FusionSehGuard.h"
 #include "SensorLibLog.h"
@@ -130,20 +131,6 @@ std::int32_t StartSensorThread(int index)
 
 }  // namespace
 
-const char* FusionSensorEventName(int index)
-{
-    switch (index) {
-    case 0: return "Vantoq.SensorFusion.GestureEvent";
-    case 2: return "Vantoq.SensorFusion.ColorEvent";
-    case 3: return "Vantoq.SensorFusion.HODEVENT";
-    case 4: return "Vantoq.SensorFusion.HealthyEVENT";
-    case 5: return "Vantoq.SensorFusion.IntruderEVENT";
-    case 6: return "Vantoq.SensorFusion.AttentionEVENT";
-    case 31: return "Vantoq.SensorFusion.TestEvent";
-    default: return nullptr;
-    }
-}
-
 // Memory routines of the stubs: the process heap's plain allocate and free.
 extern "C" void* __RPC_USER MIDL_user_allocate(SIZE_T size) { return HeapAlloc(GetProcessHeap(), 0, size); }
 extern "C" void __RPC_USER MIDL_user_free(void* p) { HeapFree(GetProcessHeap(), 0, p); }
@@ -249,7 +236,7 @@ std::int32_t InitFusion()
         std::memset(g_fusion.eventNames[index], 0, sizeof g_fusion.eventNames[index]);
         // Byte count 260 given to a wide formatter: at most 129 characters and
         // the terminator (kept so; every name fits).
-        _snwprintf(g_fusion.eventNames[index], MAX_PATH / sizeof(wchar_t) - 1, L"Global\\%S",
+        _snwprintf(g_fusion.eventNames[index], MAX_PATH / sizeof(wchar_t) - 1, L"Global\\%s",
                    FusionSensorEventName(index));
     }
     return FusionSetting(kFusionMask);

@@ -40,8 +40,5 @@ struct FusionClientState {
 // of FusionClient.cpp before any caller can reach the client.
 extern FusionClientState g_fusion;
 
-// Name of each sensor's event behind "Global\", or nullptr (indexes 1, 7..30).
-const char* FusionSensorEventName(int index);
-
 // Thread procedure of one followed sensor: argument is a FusionThreadArgs*.
 unsigned __stdcall GetSensorDataProc(void* argument);

@@ -179,8 +179,9 @@ TEST(Client, LifecycleAgainstTheSimulator)
         SCOPED_TRACE(FusionSimFormatCall(all[i]));
         EXPECT_EQ(expected[i][0], all[i].opnum);
         EXPECT_EQ(expected[i][1], all[i].arg0);
-        if (expected[i][2] >= 0)
+        if (expected[i][2] >= 0) {
             EXPECT_EQ(expected[i][2], all[i].arg1);
+        }
     }
     ASSERT_EQ(4u, all[2].dataLen);
     EXPECT_EQ(0, std::memcmp(all[2].data, "\x2a\0\0\0", 4));
@@ -354,8 +355,9 @@ TEST(SensorLibLog, LineFormatAndTruncationTo2047)
     ASSERT_FALSE(lines.empty());
     const std::regex stamp("^\\[\\d\\d-\\d\\d-\\d\\d-\\d\\d-\\d\\d:\\d{1,3}\\].*");
     for (std::size_t i = 1; i < lines.size(); ++i)  // the first is the version line
-        if (!lines[i].empty())
+        if (!lines[i].empty()) {
             EXPECT_TRUE(std::regex_match(lines[i], stamp)) << lines[i].substr(0, 60);
+        }
     const std::string msg = Message(lines.back());
     EXPECT_EQ(2047u, msg.size());
     EXPECT_EQ('E', msg.back());

@@ -1,5 +1,6 @@
 // fusion-sim: a simulator of the sensor fusion service, for tests and for
 // trying the plug-in by hand. See kUsage below and FusionSimCtl.h.
+#include "FusionEvents.h"
 #include "FusionRpc.h"
 #include "FusionSimCtl.h"
 
@@ -94,20 +95,6 @@ SERVICE_STATUS_HANDLE g_serviceHandle;
 SERVICE_STATUS g_serviceStatus;
 Options g_serviceOptions;
 
-const wchar_t* SensorEventName(int index)
-{
-    switch (index) {
-    case 0: return L"Global\\Vantoq.SensorFusion.GestureEvent";
-    case 2: return L"Global\\Vantoq.SensorFusion.ColorEvent";
-    case 3: return L"Global\\Vantoq.SensorFusion.HODEVENT";
-    case 4: return L"Global\\Vantoq.SensorFusion.HealthyEVENT";
-    case 5: return L"Global\\Vantoq.SensorFusion.IntruderEVENT";
-    case 6: return L"Global\\Vantoq.SensorFusion.AttentionEVENT";
-    case 31: return L"Global\\Vantoq.SensorFusion.TestEvent";
-    default: return nullptr;
-    }
-}
-
 // Named objects get a null DACL: on Windows the service runs as LocalSystem in
 // session 0 while tests and the plug-in run as the user.
 SECURITY_ATTRIBUTES* OpenSecurity()
@@ -126,7 +113,7 @@ void Unlock() { ReleaseMutex(g_mutex); }
 void CreateAttentionEvent()
 {
     if (!g_sensorEvents[6])
-        g_sensorEvents[6] = CreateEventW(OpenSecurity(), FALSE, FALSE, SensorEventName(6));
+        g_sensorEvents[6] = CreateEventW(OpenSecurity(), FALSE, FALSE, FusionGlobalEventName(6).c_str());
 }
 
 // --- the procedures ---------------------------------------------------------
@@ -359,8 +346,8 @@ bool StartServer(const Options& o)
     g_block->attention = o.attention;
     Unlock();
     for (int i = 0; i < 32; ++i)
-        if (SensorEventName(i) && (i != 6 || o.attentionEvent))
-            g_sensorEvents[i] = CreateEventW(OpenSecurity(), FALSE, FALSE, SensorEventName(i));
+        if (FusionSensorEventName(i) && (i != 6 || o.attentionEvent))
+            g_sensorEvents[i] = CreateEventW(OpenSecurity(), FALSE, FALSE, FusionGlobalEventName(i).c_str());
 
     RPC_STATUS st = RpcServerUseProtseqEpW(reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")),
                                            RPC_C_PROTSEQ_MAX_REQS_DEFAULT,

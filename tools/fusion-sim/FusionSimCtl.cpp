@@ -1,5 +1,7 @@
 #include "FusionSimCtl.h"
 
+#include "FusionEvents.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -69,20 +71,6 @@ bool WithBlock(F&& f)
         return false;
     f(*b);
     return true;
-}
-
-std::wstring EventName(int index)
-{
-    switch (index) {
-    case 0: return L"Global\\Vantoq.SensorFusion.GestureEvent";
-    case 2: return L"Global\\Vantoq.SensorFusion.ColorEvent";
-    case 3: return L"Global\\Vantoq.SensorFusion.HODEVENT";
-    case 4: return L"Global\\Vantoq.SensorFusion.HealthyEVENT";
-    case 5: return L"Global\\Vantoq.SensorFusion.IntruderEVENT";
-    case 6: return L"Global\\Vantoq.SensorFusion.AttentionEVENT";
-    case 31: return L"Global\\Vantoq.SensorFusion.TestEvent";
-    default: return L"";
-    }
 }
 
 bool SendCommand(FusionSimCommand code, std::uint32_t arg, DWORD timeoutMs)
@@ -234,7 +222,7 @@ bool FusionSimSetAttention(std::uint32_t record, bool signal)
 
 bool FusionSimSignal(int index)
 {
-    std::wstring name = EventName(index);
+    std::wstring name = FusionGlobalEventName(index);
     if (name.empty())
         return false;
     HANDLE ev = OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str());
