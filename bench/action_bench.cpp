@@ -83,33 +83,6 @@ bool Bind() {
   return ok;
 }
 
-// The plug-in's sensor thread is on (status 2) in the steady state; these are
-// the fusion client's lines of StartFusion, written with the same values.
-void FloorStatusOn() {
-  Rec(kInfoSource, 57, L"set_attention_ctrl %d", 2);
-  Rec(kControllerSource, 258, L"attention_start begin w:%d e:%d", 1, 1);
-  SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 1, 64ul);
-  FusionRpcStartSensor(g_binding, 6, 1);
-  SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, 64ul, 64ul);
-  Rec(kControllerSource, 265, L"SetFusionActive 1");
-  Rec(kControllerSource, 267, L"tof_start end%d", 0);
-  Rec(kPluginSource, 281, L"status value: %d", 2);
-  RegistryWrite(L"attention_state", 2);
-  Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n");
-}
-
-// Status 1 with the sensor thread already stopped.
-void FloorStatusOff() {
-  Rec(kInfoSource, 57, L"set_attention_ctrl %d", 1);
-  SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 0, 0ul);
-  SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, 0ul, 0ul);
-  FusionRpcStartSensor(g_binding, 6, 0);
-  Rec(kControllerSource, 276, L"attention_stop =%d SetFusionActive %d", 0, 0);
-  Rec(kPluginSource, 281, L"status value: %d", 1);
-  RegistryWrite(L"attention_state", 1);
-  Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":1}\n");
-}
-
 // A waiting thread's life as StartFusion makes and ends it: stop event, the
 // named attention event opened, the thread started and holding its pair; then
 // stop signalled, joined, closed.
@@ -145,30 +118,35 @@ struct FloorThread {
   }
 } g_floorThread;
 
-void FloorToggleOff() {
-  Rec(kInfoSource, 57, L"set_attention_ctrl %d", 1);
-  SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 0, 64ul);
-  SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, 64ul, 64ul);
-  g_floorThread.Stop();
-  FusionRpcStartSensor(g_binding, 6, 0);
-  Rec(kControllerSource, 276, L"attention_stop =%d SetFusionActive %d", 0, 0);
-  Rec(kPluginSource, 281, L"status value: %d", 1);
-  RegistryWrite(L"attention_state", 1);
-  Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":1}\n");
+std::wstring Resp(int status) {
+  return L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":" + std::to_wstring(status) + L"}\n";
 }
 
-void FloorToggleOn() {
-  Rec(kInfoSource, 57, L"set_attention_ctrl %d", 2);
-  Rec(kControllerSource, 258, L"attention_start begin w:%d e:%d", 0, 1);
-  SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 1, 0ul);
-  FusionRpcStartSensor(g_binding, 6, 1);
-  SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, 0ul, 0ul);
-  g_floorThread.Start();
-  Rec(kControllerSource, 265, L"SetFusionActive 1");
-  Rec(kControllerSource, 267, L"tof_start end%d", 0);
-  Rec(kPluginSource, 281, L"status value: %d", 2);
-  RegistryWrite(L"attention_state", 2);
-  Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n");
+// "set_attention_status" 2 or 1: the fusion client's lines and call of
+// StartFusion and the plug-in's records, with the values the steady state
+// gives. `toggle`: the waiting thread is started or stopped on the way (the
+// status changes); otherwise it stays as it was (on for 2, off for 1).
+void FloorStatus(int status, bool toggle) {
+  const unsigned long mask = (status == 2) != toggle ? 64ul : 0ul;  // the sensor's bit before the call
+  Rec(kInfoSource, 57, L"set_attention_ctrl %d", status);
+  if (status == 2) {
+    Rec(kControllerSource, 258, L"attention_start begin w:%d e:%d", mask ? 1 : 0, 1);
+    SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 1, mask);
+    FusionRpcStartSensor(g_binding, 6, 1);
+    SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, mask, mask);
+    if (toggle) g_floorThread.Start();
+    Rec(kControllerSource, 265, L"SetFusionActive 1");
+    Rec(kControllerSource, 267, L"tof_start end%d", 0);
+  } else {
+    SensorLibLogWrite("start fusion %d,Param %d,%lu\n", 6, 0, mask);
+    SensorLibLogWrite("start fusion %d,mask %lu,%lu\n", 6, mask, mask);
+    if (toggle) g_floorThread.Stop();
+    FusionRpcStartSensor(g_binding, 6, 0);
+    Rec(kControllerSource, 276, L"attention_stop =%d SetFusionActive %d", 0, 0);
+  }
+  Rec(kPluginSource, 281, L"status value: %d", status);
+  RegistryWrite(L"attention_state", status);
+  Rec(kPluginSource, 341, L"resp: %s", Resp(status).c_str());
 }
 
 void FloorDelay() {
@@ -178,7 +156,7 @@ void FloorDelay() {
   Rec(kControllerSource, 182, L"Set delay: %d \xFF0Cresp:%d", 30, 0);
   RegistryWrite(L"attention_delay", 30);
   Rec(kPluginSource, 325, L"set attention delay success!");
-  Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n");
+  Rec(kPluginSource, 341, L"resp: %s", Resp(2).c_str());
 }
 
 // ---------------------------------------------------------------------------
@@ -432,16 +410,16 @@ int main(int argc, char** argv) {
   };
   const std::vector<Kind> kinds = {
       {"get_attention", 2, [] { g_plugin.Run("get_attention"); },
-       [] { Rec(kPluginSource, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n"); }},
+       [] { Rec(kPluginSource, 341, L"resp: %s", Resp(2).c_str()); }},
       {"ability", 2, [] { g_plugin.Run("ability"); },
        [] {
          Rec(kPluginSource, 341, L"resp: %s",
              L"{\"ability\":1,\"id\":\"F4010\",\"items\":{\"delay\":30,\"status\":2},\"plugin\":\"Attention\"}\n");
        }},
       {"set_attention_status 2 (sensor on)", 2,
-       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); }, FloorStatusOn},
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); }, [] { FloorStatus(2, false); }},
       {"set_attention_status 1 (sensor off)", 1,
-       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); }, FloorStatusOff},
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); }, [] { FloorStatus(1, false); }},
       // Toggling stops and starts the plug-in's waiting thread each time; one
       // unit is the pair of actions.
       {"set_attention_status 2,1 (toggling)", 1,
@@ -450,8 +428,8 @@ int main(int argc, char** argv) {
          g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}");
        },
        [] {
-         FloorToggleOn();
-         FloorToggleOff();
+         FloorStatus(2, true);
+         FloorStatus(1, true);
        }},
       {"set_attention_delay 30", 2,
        [] { g_plugin.Run("set_attention_delay", "{\"F4010\":{\"delay\":30}}"); }, FloorDelay},

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchPlugin.h"
 #include "LogFrame.h"
 #include "Logger.h"
 
@@ -28,13 +29,6 @@ std::wstring BenchFile() {
   wchar_t temp[MAX_PATH];
   GetTempPathW(MAX_PATH, temp);
   return std::wstring(temp) + L"qx-log-bench.log";
-}
-
-double Now() {
-  LARGE_INTEGER f, c;
-  QueryPerformanceFrequency(&f);
-  QueryPerformanceCounter(&c);
-  return static_cast<double>(c.QuadPart) / static_cast<double>(f.QuadPart);
 }
 
 int ChildLogger(int records) {
@@ -101,18 +95,13 @@ double Round(const char* role, int processes, int records) {
     children.push_back(pi.hProcess);
   }
   Sleep(500 + 100 * processes);  // let every child reach the start line
-  const double start = Now();
+  const double start = bench::Seconds();
   SetEvent(go);
   WaitForMultipleObjects(static_cast<DWORD>(children.size()), children.data(), TRUE, INFINITE);
-  const double elapsed = Now() - start;
+  const double elapsed = bench::Seconds() - start;
   for (HANDLE h : children) CloseHandle(h);
   CloseHandle(go);
   return elapsed / (static_cast<double>(processes) * records);
-}
-
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
 }
 
 }  // namespace
@@ -140,7 +129,7 @@ int main(int argc, char** argv) {
         (std::string(role) == "floor" ? floor : std::string(role) == "logger" ? write : checks).push_back(t);
       }
     }
-    const double w = Median(write) * 1e6, f = Median(floor) * 1e6, c = Median(checks) * 1e6;
+    const double w = bench::Median(write) * 1e6, f = bench::Median(floor) * 1e6, c = bench::Median(checks) * 1e6;
     std::printf("%-10d %12.1f %12.1f %8.3f %6s  %18.1f %8.3f\n", processes, w, f, w / f,
                 w / f <= 1.10 ? "met" : "MISS", c, w / c);
   }

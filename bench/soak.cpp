@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BenchPlugin.h"
@@ -189,7 +190,7 @@ int main(int argc, char** argv) {
     std::fprintf(g_out, "soak: no simulator model\n");
     return 1;
   }
-  DWORD simPid = model.pid;
+  const DWORD simPid = model.pid;
   HANDLE sim = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, simPid);
   if (!sim) {
     std::fprintf(g_out, "soak: cannot open the simulator's process %lu\n", static_cast<unsigned long>(simPid));
@@ -210,28 +211,18 @@ int main(int argc, char** argv) {
   // A known start: status 1 stored, so the first "init" leaves the sensor off.
   // (Not through "set_attention_status": before "init" the ability is not
   // known, and that action would store 0.)
-  HKEY key = nullptr;
-  if (RegCreateKeyExW(HKEY_CURRENT_USER, L"SOFTWARE\\Vantoq\\Quillomatic", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                      &key, nullptr) == ERROR_SUCCESS) {
-    const DWORD one = 1;
-    RegSetValueExW(key, L"attention_state", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&one), sizeof(one));
-    RegCloseKey(key);
-  }
+  const DWORD one = 1;
+  RegSetKeyValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Vantoq\\Quillomatic", L"attention_state", REG_DWORD, &one, sizeof(one));
   const double start = bench::Seconds();
   auto take = [&](int cycle) {
-    Sample h = Measure(self, selfPid);
-    h.cycle = cycle;
-    h.actions = done;
-    h.seconds = bench::Seconds() - start;
-    h.deliberate = deliberate;
-    host.push_back(h);
-    Print("host", h);
-    Sample s = Measure(sim, simPid);
-    s.cycle = cycle;
-    s.actions = done;
-    s.seconds = h.seconds;
-    simulator.push_back(s);
-    Print("sim", s);
+    const double seconds = bench::Seconds() - start;
+    for (auto [who, process, pid, into, byDesign] : {std::make_tuple("host", self, selfPid, &host, deliberate),
+                                                     std::make_tuple("sim", sim, simPid, &simulator, 0LL)}) {
+      Sample s = Measure(process, pid);
+      s.cycle = cycle, s.actions = done, s.seconds = seconds, s.deliberate = byDesign;
+      into->push_back(s);
+      Print(who, s);
+    }
   };
   take(0);
 
@@ -249,12 +240,8 @@ int main(int argc, char** argv) {
       if (mix == "toggle") kind = (i % 2) ? 4 : 7;
       if (mix == "steady") kind = (i % 5 == 2) ? 3 : i % 2;
       switch (kind) {
-        case 0: case 5: case 9:
-          r = plugin.Run("get_attention");
-          break;
-        case 1: case 6:
-          r = plugin.Run("ability");
-          break;
+        case 0: case 5: case 9: r = plugin.Run("get_attention"); break;
+        case 1: case 6: r = plugin.Run("ability"); break;
         case 2: case 7:
           r = plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}");
           if (!sensorOn) ++deliberate;

@@ -15,34 +15,46 @@ std::vector<std::string> g_args;
 void SetArgs(int argc, char** argv) { g_args.assign(argv, argv + argc); }
 const std::vector<std::string>& Args() { return g_args; }
 
+std::wstring ExeDir() {
+  wchar_t self[MAX_PATH] = {};
+  const std::wstring path(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
+  return path.substr(0, path.find_last_of(L"\\/") + 1);
+}
+
+HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutFile,
+                    const std::wstring& stderrFile) {
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof(startup);
+  SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
+  auto open = [&](const std::wstring& name) {
+    return CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, CREATE_ALWAYS,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+  };
+  HANDLE out = stdoutFile.empty() ? INVALID_HANDLE_VALUE : open(stdoutFile);
+  HANDLE err = stderrFile.empty() ? INVALID_HANDLE_VALUE : open(stderrFile);
+  if (out != INVALID_HANDLE_VALUE) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = out;
+    startup.hStdError = err != INVALID_HANDLE_VALUE ? err : GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+  }
+  PROCESS_INFORMATION info = {};
+  std::wstring line = commandLine;
+  const BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info);
+  if (out != INVALID_HANDLE_VALUE) CloseHandle(out);
+  if (err != INVALID_HANDLE_VALUE) CloseHandle(err);
+  if (!ok) return nullptr;
+  CloseHandle(info.hThread);
+  return info.hProcess;
+}
+
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
                  const std::wstring& stdoutFile) {
   wchar_t self[MAX_PATH] = {};
   GetModuleFileNameW(nullptr, self, MAX_PATH);
   std::wstring command = L"\"" + std::wstring(self) + L"\" --role " + role;
   for (const auto& a : args) command += L" \"" + a + L"\"";
-
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  HANDLE out = INVALID_HANDLE_VALUE;
-  if (!stdoutFile.empty()) {
-    SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
-    out = CreateFileW(stdoutFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &sa, CREATE_ALWAYS,
-                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = out;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  }
-  PROCESS_INFORMATION info = {};
-  std::vector<wchar_t> line(command.begin(), command.end());
-  line.push_back(L'\0');
-  BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                           &startup, &info);
-  if (out != INVALID_HANDLE_VALUE) CloseHandle(out);
-  if (!ok) return nullptr;
-  CloseHandle(info.hThread);
-  return info.hProcess;
+  return StartProcess(command, stdoutFile);
 }
 
 int WaitChild(HANDLE process, DWORD timeoutMs) {

@@ -13,10 +13,14 @@ namespace testsupport {
 void SetArgs(int argc, char** argv);
 const std::vector<std::string>& Args();
 
-// Starts this test program again with `role` and its arguments; the child's
-// stdout goes to `stdoutFile` when given. Returns the process handle.
+// Starts a program from a full command line; its stdout (and stderr, when
+// `stderrFile` is given) go to files when named. Returns the process handle.
+HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutFile = L"",
+                    const std::wstring& stderrFile = L"");
+// Starts this test program again with `role` and its arguments.
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
                  const std::wstring& stdoutFile = L"");
+std::wstring ExeDir();  // the running program's folder, with a trailing backslash
 // Waits (bounded) for a child; returns its exit code, or -1 on time-out (the
 // child is then terminated).
 int WaitChild(HANDLE process, DWORD timeoutMs);

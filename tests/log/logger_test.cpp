@@ -1,5 +1,6 @@
 // Logger: record text, level filter, set-up from config.ini, obfuscated
-// framing, the periodic size check and writers in several processes.
+// framing and the periodic size check. Several processes writing one file:
+// tests/faults/LogContentionTest.cpp.
 //
 // The program re-launches itself (--role NAME ...) when a case needs a fresh
 // process (a singleton that was never set up, a second writer).
@@ -46,8 +47,9 @@ void WriteConfig(const std::string& body) {
 }
 void RemoveConfig() { DeleteFileW(ConfigIni().c_str()); }
 
-// Decodes a .logdat file into its records; a torn tail fails the caller's check.
-std::vector<std::string> Frames(const std::string& bytes, size_t* torn) {
+// Decodes a .logdat file into its records; a torn tail fails the check.
+std::vector<std::string> Frames(const std::wstring& path) {
+  const std::string bytes = ReadFileBytes(path);
   std::vector<std::string> records;
   size_t at = 0;
   while (at + logframe::kHeaderSize <= bytes.size()) {
@@ -58,7 +60,7 @@ std::vector<std::string> Frames(const std::string& bytes, size_t* torn) {
     records.push_back(text);
     at += logframe::kHeaderSize + n;
   }
-  *torn = bytes.size() - at;
+  EXPECT_EQ(bytes.size(), at) << "torn frame";
   return records;
 }
 
@@ -81,7 +83,7 @@ const std::regex kRecordShape(
 
 // ---- Record text -----------------------------------------------------------
 
-TEST(RecordText, KnownTimeThreadAndLine) {
+TEST(RecordText, KnownTimeThreadLineAndLevelTags) {
   EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) set_attention_ctrl 1\n",
             Record(KnownTime(), 4242, LogInfo, L"Bridge.cpp", 57, L"set_attention_ctrl %d", 1));
   // The folder part of the source is dropped; long thread ids print in full.
@@ -89,12 +91,8 @@ TEST(RecordText, KnownTimeThreadAndLine) {
             Record(KnownTime(), 1234567, LogError, L"impl\\src\\Bridge.cpp", 3183, L"x"));
   EXPECT_EQ(L"11-14 09:05:07:042 : [DBG][00007] CommonHelper(1) \n",
             Record(KnownTime(), 7, LogDebug, L"impl\\CommonHelper", 1, L""));
-}
-
-TEST(RecordText, LevelTags) {
-  const wchar_t* expected[] = {L"[NONE]", L"[ERR]", L"[WAR]", L"[INF]", L"[TRA]", L"[DBG]", L"[NONE]"};
-  for (int level = 0; level <= 6; ++level) EXPECT_STREQ(expected[level], Logger::LevelTag(level));
-  EXPECT_STREQ(L"[NONE]", Logger::LevelTag(-1));
+  const wchar_t* tags[] = {L"[NONE]", L"[NONE]", L"[ERR]", L"[WAR]", L"[INF]", L"[TRA]", L"[DBG]", L"[NONE]"};
+  for (int level = -1; level <= 6; ++level) EXPECT_STREQ(tags[level + 1], Logger::LevelTag(level)) << level;
 }
 
 TEST(RecordText, SecondPassReadsPercentFromEveryField) {
@@ -178,10 +176,8 @@ TEST(Write, MultiByteCharactersAreFramedByByteCount) {
   const std::wstring name = TempDir(L"utf8") + L"\\u.log";
   Logger::Instance().Setup(nullptr, name.c_str(), 0x100000, 1, 0);
   QX_LOG(LogInfo, 1, L"\x00e9\xFF0C");  // 2 + 3 bytes in UTF-8
-  size_t torn = 0;
-  auto records = Frames(ReadFileBytes(name + L".logdat"), &torn);
+  auto records = Frames(name + L".logdat");
   ASSERT_EQ(1u, records.size());
-  EXPECT_EQ(0u, torn);
   EXPECT_EQ("\xC3\xA9\xEF\xBC\x8C\n", records[0].substr(records[0].size() - 6));
 }
 
@@ -288,23 +284,17 @@ TEST(Setup, LevelZeroAndNegativeLevels) {
   EXPECT_NE(std::string::npos, text.find("minus two kept"));
 }
 
-TEST(Setup, NormalSiblingDeletedOnlyWhenObfuscating) {
+// Obfuscating deletes the ".normal" sibling; switching it off by config
+// writes a plain file and leaves the ".logdat" as it was.
+TEST(Setup, EncryptSwitchAndNormalSibling) {
   RemoveConfig();
-  const std::wstring dir = TempDir(L"sibling");
-  const std::wstring normal = dir + L"\\p.normal.log";
-  WriteFileBytes(normal, "old plain text\n");
-
-  Logger::Instance().Setup(nullptr, (dir + L"\\p.log").c_str(), 0x100000, 0, 1);
-  EXPECT_TRUE(FileExists(normal));
-  Logger::Instance().Setup(nullptr, (dir + L"\\p.log").c_str(), 0x100000, 1, 1);
-  EXPECT_FALSE(FileExists(normal));
-}
-
-TEST(Setup, EncryptionOffWritesAPlainFileAndLeavesTheLogdat) {
   const std::wstring dir = TempDir(L"switch");
-  const std::wstring name = dir + L"\\s.log";
-  RemoveConfig();
+  const std::wstring name = dir + L"\\s.log", normal = dir + L"\\s.normal.log";
+  WriteFileBytes(normal, "old plain text\n");
+  Logger::Instance().Setup(nullptr, name.c_str(), 0x100000, 0, 1);
+  EXPECT_TRUE(FileExists(normal));
   Logger::Instance().Setup(nullptr, name.c_str(), 0x100000, 1, 1);
+  EXPECT_FALSE(FileExists(normal));
   QX_LOG(LogInfo, 1, L"obfuscated");
   const std::string logdat = ReadFileBytes(name + L".logdat");
   ASSERT_FALSE(logdat.empty());
@@ -339,14 +329,6 @@ static int RoleReparseFolder() {
   return refused ? 0 : 1;
 }
 
-static int RoleWriter(const std::wstring& path, int count) {
-  Logger::Instance().Setup(nullptr, path.c_str(), 0x7fffffff, 1, 1);
-  HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qxtest-writers-go");
-  if (go) WaitForSingleObject(go, 10000);
-  for (int i = 0; i < count; ++i) QX_LOG(LogInfo, 1, L"writer %d record %d of a longer line", GetCurrentProcessId(), i);
-  return 0;
-}
-
 static int RoleEcho() {
   WriteConfig("g_vantoq_log_printf=1\r\ng_vantoq_log_encryped=0\r\n");
   const std::wstring name = TempDir(L"echo") + L"\\echo.log";
@@ -365,8 +347,7 @@ TEST(FreshProcess, LevelFilterRunsBeforeSetup) {
   const std::wstring fallback = DefaultLogs() + L"\\" + PathFindFileNameW(self) + L".log.logdat";
   DeleteFileW(fallback.c_str());
   EXPECT_EQ(0, WaitChild(StartSelf(L"before-setup", {L"fallback"}), 30000));
-  size_t torn = 0;
-  auto records = Frames(ReadFileBytes(fallback), &torn);
+  auto records = Frames(fallback);
   ASSERT_EQ(1u, records.size());
   EXPECT_NE(std::string::npos, records[0].find("[DBG]"));
   EXPECT_NE(std::string::npos, records[0].find("LoggerTest.cpp(2) fallback 7\n"));
@@ -390,33 +371,11 @@ TEST(FreshProcess, ConsoleEchoFormatsTheRecordOnceMore) {
   EXPECT_EQ(std::string::npos, console.find("100%d")) << console;
 }
 
-TEST(FreshProcess, TwoWritersLeaveOnlyWholeFrames) {
-  RemoveConfig();
-  const std::wstring path = TempDir(L"writers") + L"\\w.log";
-  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, L"qxtest-writers-go");
-  const int count = 400;
-  HANDLE a = StartSelf(L"writer", {path, std::to_wstring(count)});
-  HANDLE b = StartSelf(L"writer", {path, std::to_wstring(count)});
-  Sleep(300);
-  SetEvent(go);
-  EXPECT_EQ(0, WaitChild(a, 120000));
-  EXPECT_EQ(0, WaitChild(b, 120000));
-  CloseHandle(go);
-
-  size_t torn = 0;
-  auto records = Frames(ReadFileBytes(path + L".logdat"), &torn);
-  EXPECT_EQ(0u, torn);
-  ASSERT_EQ(2u * count, records.size());
-  const std::regex shape(R"(\d\d-\d\d \d\d:\d\d:\d\d:\d{3} : \[INF\]\[\d{5,}\] LoggerTest\.cpp\(1\) writer \d+ record \d+ of a longer line\n)");
-  for (const auto& r : records) ASSERT_TRUE(std::regex_match(r, shape)) << r;
-}
-
 int main(int argc, char** argv) {
   SetArgs(argc, argv);
   if (argc >= 3 && std::string(argv[1]) == "--role") {
     const std::string role = argv[2];
     if (role == "before-setup") return RoleBeforeSetup(argc > 3 ? argv[3] : "");
-    if (role == "writer") return RoleWriter(Widen(argv[3]), std::stoi(argv[4]));
     if (role == "echo") return RoleEcho();
     if (role == "reparse-folder") return RoleReparseFolder();
     return 2;

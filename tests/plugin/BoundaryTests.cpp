@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <exception>
-#include <set>
 
 #include "PluginTestSupport.h"
 
@@ -29,10 +28,7 @@ class Boundary : public ::testing::Test {
     ASSERT_TRUE(plugin.Load(kShippedDll));
     ASSERT_EQ(0, plugin.Init(nullptr, CountingCallback));
   }
-  void TearDown() override {
-    plugin.Unload();
-    ResetRegistry();
-  }
+  void TearDown() override { ResetRegistry(); }
 
   // The record every action ends with: "resp: " and the response text.
   std::vector<std::string> Responses() { return LogMessages("AttentionPlugin.cpp", 341); }
@@ -56,15 +52,11 @@ TEST(Exports, AllocatorPairAndInit) {
   plugin.Delete(b);
   plugin.Delete(nullptr);  // ignored
 
-  // A host buffer from qx_plugin_new is usable and freed by qx_plugin_delete.
-  std::set<void*> live;
-  for (int size : {1, 17, 4096, 1 << 20}) {
-    char* p = static_cast<char*>(plugin.New(size));
-    ASSERT_NE(nullptr, p);
-    std::memset(p, 0x5a, static_cast<std::size_t>(size));
-    EXPECT_TRUE(live.insert(p).second);
-  }
-  for (void* p : live) plugin.Delete(p);
+  // A host buffer of the size asked for (a size ignored would overrun here).
+  char* big = static_cast<char*>(plugin.New(1 << 20));
+  ASSERT_NE(nullptr, big);
+  std::memset(big, 0x5a, 1 << 20);
+  plugin.Delete(big);
 
   // qx_plugin_init answers 0 whatever it is given, a null callback included,
   // and each call sets the log up and writes its record at line 170.
@@ -80,8 +72,7 @@ TEST(Exports, AllocatorPairAndInit) {
 TEST_F(Boundary, UnknownActionNamesAnswerError4) {
   // Whole-string, case-sensitive comparison; the parameters are never read,
   // so a null pointer is fine.
-  const char* names[] = {"Init", "init ", " init", "", "INIT", "get_attention2", "get",
-                         "set_attention_status ", "Ability", "close\t"};
+  const char* names[] = {"Init", "init ", " init", "", "get_attention2", "get", "close\t"};
   for (const char* name : names) {
     std::size_t bytes = 0;
     EXPECT_EQ(kError4, plugin.Action(name, nullptr, &bytes)) << "\"" << name << "\"";
@@ -119,39 +110,29 @@ TEST_F(Boundary, ParameterErrorsAnswerMinus3Or1AndChangeNothing) {
   const ErrorCase cases[] = {
       // Unreadable text or a document that is not an object.
       {"set_attention_status", "", kErrorParse, 254, "reader.parse error"},
-      {"set_attention_status", "status=2", kErrorParse, 254, "reader.parse error"},
       {"set_attention_status", "{\"F4010\":{\"status\":2}", kErrorParse, 254, "reader.parse error"},
       {"set_attention_status", "[{\"F4010\":{\"status\":2}}]", kErrorParse, 254, "reader.parse error"},
-      {"set_attention_status", "2", kErrorParse, 254, "reader.parse error"},
       // So deep that the reader itself gives up by throwing.
       {"set_attention_status", deep, kErrorParse, 254, "reader.parse error"},
       {"set_attention_status", deepInside, kErrorParse, 254, "reader.parse error"},
-      // "F4010" missing or not an object.
-      {"set_attention_status", "{}", kErrorParse, 261, "reader.parse error"},
+      // "F4010" missing (names are case-sensitive) or not an object.
+      {"set_attention_status", "{\"f4010\":{\"status\":2}}", kErrorParse, 261, "reader.parse error"},
       {"set_attention_status", "{\"F4010\":[1]}", kErrorParse, 261, "reader.parse error"},
       {"set_attention_status", "{\"F4010\":2}", kErrorParse, 261, "reader.parse error"},
-      {"set_attention_status", "{\"f4010\":{\"status\":2}}", kErrorParse, 261, "reader.parse error"},
-      // Out of range: only 1 and 2 are accepted; missing and null read as 0.
+      // Out of range: only 1 and 2 are accepted; missing and null read as 0,
+      // fractions are cut toward zero.
       {"set_attention_status", "{\"F4010\":{}}", kErrorRange, 268, "invalid status value: 0"},
       {"set_attention_status", "{\"F4010\":{\"status\":null}}", kErrorRange, 268, "invalid status value: 0"},
       {"set_attention_status", "{\"F4010\":{\"status\":0}}", kErrorRange, 268, "invalid status value: 0"},
       {"set_attention_status", "{\"F4010\":{\"status\":3}}", kErrorRange, 268, "invalid status value: 3"},
-      {"set_attention_status", "{\"F4010\":{\"status\":-1}}", kErrorRange, 268, "invalid status value: -1"},
-      {"set_attention_status", "{\"F4010\":{\"status\":-2147483648}}", kErrorRange, 268,
-       "invalid status value: -2147483648"},
       {"set_attention_status", "{\"F4010\":{\"status\":0.9}}", kErrorRange, 268, "invalid status value: 0"},
-      {"set_attention_status", "{\"F4010\":{\"state\":2}}", kErrorRange, 268, "invalid status value: 0"},
       // The same for the delay, with its own lines; 10..60 only.
-      {"set_attention_delay", "", kErrorParse, 294, "reader.parse error"},
       {"set_attention_delay", "[]", kErrorParse, 294, "reader.parse error"},
-      {"set_attention_delay", "{\"F4010\":[30]}", kErrorParse, 301, "reader.parse error"},
       {"set_attention_delay", "{\"F4010\":null}", kErrorParse, 301, "reader.parse error"},
       {"set_attention_delay", "{\"F4010\":{}}", kErrorRange, 308, "invalid delay value: 0"},
       {"set_attention_delay", "{\"F4010\":{\"delay\":9}}", kErrorRange, 308, "invalid delay value: 9"},
       {"set_attention_delay", "{\"F4010\":{\"delay\":61}}", kErrorRange, 308, "invalid delay value: 61"},
       {"set_attention_delay", "{\"F4010\":{\"delay\":9.99}}", kErrorRange, 308, "invalid delay value: 9"},
-      {"set_attention_delay", "{\"F4010\":{\"delay\":-50}}", kErrorRange, 308, "invalid delay value: -50"},
-      {"set_attention_delay", "{\"F4010\":{\"status\":30}}", kErrorRange, 308, "invalid delay value: 0"},
   };
   for (const ErrorCase& c : cases) {
     DeleteLog();
@@ -173,10 +154,8 @@ TEST_F(Boundary, UnconvertibleMemberRaisesJsoncppException) {
   const char* cases[][3] = {
       {"set_attention_status", "{\"F4010\":{\"status\":\"2\"}}", "Value is not convertible to Int."},
       {"set_attention_status", "{\"F4010\":{\"status\":[2]}}", "Value is not convertible to Int."},
-      {"set_attention_status", "{\"F4010\":{\"status\":{\"v\":2}}}", "Value is not convertible to Int."},
       {"set_attention_status", "{\"F4010\":{\"status\":4294967296}}", "out of Int range"},
       {"set_attention_delay", "{\"F4010\":{\"delay\":\"30\"}}", "Value is not convertible to Int."},
-      {"set_attention_delay", "{\"F4010\":{\"delay\":1e12}}", "out of Int range"},
   };
   for (const auto& c : cases) {
     DeleteLog();

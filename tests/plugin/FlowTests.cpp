@@ -5,77 +5,15 @@
 // calls shows what crossed the pipe.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
-#include "FusionSimCtl.h"
 #include "PluginTestSupport.h"
-// After windows.h (through the headers above).
-#include <tlhelp32.h>
 
 using namespace qxtest;
 
 namespace {
 
-// Opnums of the remote interface.
-constexpr int kOpGetSensorData = 1;
-constexpr int kOpSetSensorParam = 2;
-constexpr int kOpStartSensor = 3;
-constexpr int kOpUnInit = 5;
-constexpr int kAttentionSensor = 6;
-
 const std::string kBigDataPayload = "{\"action\":\"SA0004\",\"type\":\"Report\"}\n";
-
-struct HostCall {
-  std::string kind, name, json;
-  std::uintptr_t reserved;
-  std::int32_t flags;
-  DWORD thread;
-};
-
-std::mutex g_callsLock;
-std::condition_variable g_callArrived;
-std::vector<HostCall> g_hostCalls;
-
-int RecordingCallback(const char* kind, const char* name, const char* json, std::uintptr_t reserved,
-                      std::int32_t flags) {
-  {
-    std::lock_guard<std::mutex> lock(g_callsLock);
-    g_hostCalls.push_back({kind ? kind : "(null)", name ? name : "(null)", json ? json : "(null)",
-                           reserved, flags, GetCurrentThreadId()});
-  }
-  g_callArrived.notify_all();
-  return 0x7777;  // ignored by the plug-in
-}
-
-// Waits up to `ms` until `count` host calls were recorded; returns how many.
-std::size_t WaitHostCalls(std::size_t count, int ms) {
-  std::unique_lock<std::mutex> lock(g_callsLock);
-  g_callArrived.wait_for(lock, std::chrono::milliseconds(ms), [&] { return g_hostCalls.size() >= count; });
-  return g_hostCalls.size();
-}
-
-std::vector<FusionSimCall> Calls(int opnum) {
-  std::vector<FusionSimCall> all;
-  EXPECT_TRUE(FusionSimReadCalls(&all));
-  std::vector<FusionSimCall> out;
-  for (const FusionSimCall& c : all)
-    if (c.opnum == opnum) out.push_back(c);
-  return out;
-}
-
-std::uint32_t Dword(const FusionSimCall& c) {
-  return c.dataLen >= 4 ? static_cast<std::uint32_t>(c.data[0] | c.data[1] << 8 | c.data[2] << 16 |
-                                                     static_cast<std::uint32_t>(c.data[3]) << 24)
-                        : 0xdeadbeef;
-}
-
-std::string Attention(int delay, int status) {
-  return "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
-         ",\"status\":" + std::to_string(status) + "}\n";
-}
 
 // Waits until the simulator has seen a start request for the attention sensor.
 bool WaitForStart(DWORD ms) {
@@ -96,14 +34,8 @@ class Flow : public ::testing::Test {
   void SetUp() override {
     ResetRegistry();
     DeleteLog();
-    if (FusionSimServiceState() == 0) {
-      ASSERT_TRUE(FusionSimInstallService(L""));
-    }
-    if (FusionSimServiceState() != SERVICE_STOPPED) {
-      ASSERT_TRUE(FusionSimStopService());
-    }
-    std::lock_guard<std::mutex> lock(g_callsLock);
-    g_hostCalls.clear();
+    ASSERT_NO_FATAL_FAILURE(PrepareStoppedService());
+    ClearHostCalls();
   }
   void TearDown() override {
     plugin.Unload();
@@ -133,8 +65,8 @@ TEST_F(Flow, SwitchOnLookAwayAndClose) {
   EXPECT_TRUE(LogMessages("AttentionPlugin.cpp", 233).empty());
   // Status 1 means off: the set-up's stop and the stored status's stop, never
   // a start; the stored delay went to the service.
-  for (const FusionSimCall& c : Calls(kOpStartSensor)) EXPECT_EQ(0, c.arg1);
-  std::vector<FusionSimCall> delays = Calls(kOpSetSensorParam);
+  for (const FusionSimCall& c : SimCalls(kOpStartSensor)) EXPECT_EQ(0, c.arg1);
+  std::vector<FusionSimCall> delays = SimCalls(kOpSetSensorParam);
   ASSERT_EQ(1u, delays.size());
   EXPECT_EQ(kAttentionSensor, delays[0].arg0);
   EXPECT_EQ(4u, delays[0].dataLen);
@@ -144,8 +76,8 @@ TEST_F(Flow, SwitchOnLookAwayAndClose) {
   // The host switches attention on: exactly one start request with 1.
   ASSERT_TRUE(FusionSimClearCalls());
   DeleteLog();
-  EXPECT_EQ(Attention(10, 2), plugin.Action("set_attention_status", "{\"F4010\":{\"status\":2}}"));
-  std::vector<FusionSimCall> starts = Calls(kOpStartSensor);
+  EXPECT_EQ(Attention(10, 2), plugin.Action("set_attention_status", StatusParams(2).c_str()));
+  std::vector<FusionSimCall> starts = SimCalls(kOpStartSensor);
   ASSERT_EQ(1u, starts.size());
   EXPECT_EQ(kAttentionSensor, starts[0].arg0);
   EXPECT_EQ(1, starts[0].arg1);
@@ -158,8 +90,8 @@ TEST_F(Flow, SwitchOnLookAwayAndClose) {
 
   // A new delay goes to the service and, once accepted, to the registry.
   ASSERT_TRUE(FusionSimClearCalls());
-  EXPECT_EQ(Attention(30, 2), plugin.Action("set_attention_delay", "{\"F4010\":{\"delay\":30}}"));
-  delays = Calls(kOpSetSensorParam);
+  EXPECT_EQ(Attention(30, 2), plugin.Action("set_attention_delay", DelayParams(30).c_str()));
+  delays = SimCalls(kOpSetSensorParam);
   ASSERT_EQ(1u, delays.size());
   EXPECT_EQ(30u, Dword(delays[0]));
   EXPECT_EQ(std::optional<DWORD>(30), GetUserDword(L"attention_delay"));
@@ -172,20 +104,17 @@ TEST_F(Flow, SwitchOnLookAwayAndClose) {
   ASSERT_TRUE(FusionSimSetAttention(0, true));
   ASSERT_EQ(1u, WaitHostCalls(1, 5000)) << "no BIGDATA message within 5 s";
   Sleep(500);  // a second message would have arrived by now
-  {
-    std::lock_guard<std::mutex> lock(g_callsLock);
-    ASSERT_EQ(1u, g_hostCalls.size());
-    const HostCall& call = g_hostCalls[0];
-    EXPECT_EQ("BIGDATA", call.kind);
-    EXPECT_EQ("BIGDATA", call.name);
-    EXPECT_EQ(kBigDataPayload, call.json);
-    EXPECT_EQ(0u, call.reserved);
-    EXPECT_EQ(0, call.flags);
-    EXPECT_NE(GetCurrentThreadId(), call.thread);
-  }
+  const std::vector<HostCall> calls = HostCalls();
+  ASSERT_EQ(1u, calls.size());
+  EXPECT_EQ("BIGDATA", calls[0].kind);
+  EXPECT_EQ("BIGDATA", calls[0].name);
+  EXPECT_EQ(kBigDataPayload, calls[0].json);
+  EXPECT_EQ(0u, calls[0].reserved);
+  EXPECT_EQ(0, calls[0].flags);
+  EXPECT_NE(GetCurrentThreadId(), calls[0].thread);
   // The record was fetched for the attention sensor; then the bridge, the
   // report and the handler wrote their records, in that order.
-  std::vector<FusionSimCall> fetches = Calls(kOpGetSensorData);
+  std::vector<FusionSimCall> fetches = SimCalls(kOpGetSensorData);
   ASSERT_FALSE(fetches.empty());
   EXPECT_EQ(kAttentionSensor, fetches[0].arg0);
   EXPECT_EQ((std::vector<std::string>{"AttentionInfo.cpp(84)", "AttentionPlugin.cpp(49)", "AttentionPlugin.cpp(34)"}),
@@ -211,36 +140,8 @@ TEST_F(Flow, SwitchOnLookAwayAndClose) {
   bytes = 0;
   EXPECT_EQ("", plugin.Action("close", nullptr, &bytes));
   EXPECT_EQ(1u, bytes);
-  EXPECT_EQ(1u, Calls(kOpUnInit).size());
+  EXPECT_EQ(1u, SimCalls(kOpUnInit).size());
   EXPECT_EQ(std::vector<std::string>{"close attention client."}, LogMessages("AttentionPlugin.cpp", 241));
-}
-
-DWORD ThreadsOfThisProcess() {
-  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-  THREADENTRY32 entry = {};
-  entry.dwSize = sizeof(entry);
-  DWORD count = 0;
-  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
-    if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++count;
-  CloseHandle(snapshot);
-  return count;
-}
-
-// The set-up's stop (StartFusion 0) runs right after InitFusion started the
-// waiting thread; a thread that took its handles only after the stop cleared
-// them would wait on a null handle, never see its stop event and spin for
-// good. After "close" no thread of the plug-in may be left.
-TEST_F(Flow, CloseEndsEveryPluginThread) {
-  ASSERT_TRUE(plugin.Load(kNoAuthDll));
-  ASSERT_EQ(0, plugin.Init(nullptr, RecordingCallback));
-  const DWORD before = ThreadsOfThisProcess();
-  EXPECT_EQ("", plugin.Action("init", nullptr));
-  EXPECT_EQ(Attention(10, 2), plugin.Action("set_attention_status", "{\"F4010\":{\"status\":2}}"));
-  EXPECT_EQ("", plugin.Action("close", nullptr));
-  // The runtime's own worker threads (RPC) may stay; bounded poll for ours.
-  DWORD after = ThreadsOfThisProcess();
-  for (int i = 0; i < 50 && after > before; ++i, Sleep(100)) after = ThreadsOfThisProcess();
-  EXPECT_LE(after, before);
 }
 
 TEST_F(Flow, QxhostSessionsPersistStatusAndDelay) {
@@ -253,22 +154,16 @@ TEST_F(Flow, QxhostSessionsPersistStatusAndDelay) {
   std::thread lookAway([] {
     if (WaitForStart(30000)) FusionSimSetAttention(0, true);
   });
-  const HostRun first = RunHost(kNoAuthDll, {
-                                                "# demo-like session",
-                                                "ability",
-                                                "init",
-                                                "set_attention_status={\"F4010\":{\"status\":2}}",
-                                                "wait-callback 10000 BIGDATA",
-                                                "set_attention_delay {\"F4010\":{\"delay\":45}}",
-                                                "close",
-                                            });
+  const HostRun first =
+      RunHost(kNoAuthDll, {"# demo-like session", "ability", "init", "set_attention_status=" + StatusParams(2),
+                           "wait-callback 10000 BIGDATA", "set_attention_delay " + DelayParams(45), "close"});
   lookAway.join();
   ASSERT_FALSE(first.timedOut) << first.output;
   EXPECT_EQ(0u, first.exitCode) << first.output;
   const std::vector<std::string> callbacks = first.Lines("[callback] ");
   ASSERT_EQ(1u, callbacks.size()) << first.output;
-  EXPECT_NE(std::string::npos, callbacks[0].find("(plug-in thread): kind=BIGDATA name=BIGDATA "
-                                                 "json={\"action\":\"SA0004\",\"type\":\"Report\"}\\n arg4=0 arg5=0"))
+  EXPECT_NE(std::string::npos,
+            callbacks[0].find("(plug-in thread): kind=BIGDATA name=BIGDATA json=" + Printed(kBigDataPayload) + " arg4=0 arg5=0"))
       << callbacks[0];
   const std::vector<std::string> results = first.Lines("[result] ");
   ASSERT_EQ(5u, results.size()) << first.output;
@@ -283,13 +178,13 @@ TEST_F(Flow, QxhostSessionsPersistStatusAndDelay) {
   ASSERT_FALSE(second.timedOut) << second.output;
   const std::vector<std::string> again = second.Lines("[result] ");
   ASSERT_EQ(4u, again.size()) << second.output;
-  EXPECT_NE(std::string::npos, again[0].find("{\"cmd\":\"get_attention\",\"delay\":-1,\"status\":-1}\\n"));
-  EXPECT_NE(std::string::npos, again[2].find("{\"cmd\":\"get_attention\",\"delay\":45,\"status\":2}\\n"));
+  EXPECT_NE(std::string::npos, again[0].find(Printed(Attention(-1, -1)))) << again[0];
+  EXPECT_NE(std::string::npos, again[2].find(Printed(Attention(45, 2)))) << again[2];
   std::vector<FusionSimCall> starts;
-  for (const FusionSimCall& c : Calls(kOpStartSensor))
+  for (const FusionSimCall& c : SimCalls(kOpStartSensor))
     if (c.arg1 == 1) starts.push_back(c);
   EXPECT_EQ(1u, starts.size());
-  std::vector<FusionSimCall> delays = Calls(kOpSetSensorParam);
+  std::vector<FusionSimCall> delays = SimCalls(kOpSetSensorParam);
   ASSERT_EQ(1u, delays.size());
   EXPECT_EQ(45u, Dword(delays[0]));
 }

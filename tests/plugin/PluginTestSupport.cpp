@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 #include <shlobj.h>
 
+#include <condition_variable>
 #include <fstream>
+#include <mutex>
+#include <sstream>
 #include <thread>
 
 #include "LogFrame.h"
+// After windows.h.
+#include <tlhelp32.h>
 
 namespace qxtest {
 namespace {
@@ -227,6 +232,98 @@ HostRun RunHost(const wchar_t* dllName, const std::vector<std::string>& script, 
   HostRun run = RunProgram(L"qxhost.exe", arguments, timeoutMs);
   DeleteFileW(scriptPath);
   return run;
+}
+
+std::string Attention(int delay, int status) {
+  return "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) + ",\"status\":" + std::to_string(status) +
+         "}\n";
+}
+std::string StatusParams(int status) { return "{\"F4010\":{\"status\":" + std::to_string(status) + "}}"; }
+std::string DelayParams(int delay) { return "{\"F4010\":{\"delay\":" + std::to_string(delay) + "}}"; }
+std::string Printed(const std::string& json) {
+  return !json.empty() && json.back() == '\n' ? json.substr(0, json.size() - 1) + "\\n" : json;
+}
+
+namespace {
+std::mutex g_callsLock;
+std::condition_variable g_callArrived;
+std::vector<HostCall> g_hostCalls;
+}  // namespace
+
+int RecordingCallback(const char* kind, const char* name, const char* json, std::uintptr_t reserved,
+                      std::int32_t flags) {
+  {
+    std::lock_guard<std::mutex> lock(g_callsLock);
+    g_hostCalls.push_back({kind ? kind : "(null)", name ? name : "(null)", json ? json : "(null)", reserved, flags,
+                           GetCurrentThreadId()});
+  }
+  g_callArrived.notify_all();
+  return 0x7777;  // ignored by the plug-in
+}
+
+std::vector<HostCall> HostCalls() {
+  std::lock_guard<std::mutex> lock(g_callsLock);
+  return g_hostCalls;
+}
+
+void ClearHostCalls() {
+  std::lock_guard<std::mutex> lock(g_callsLock);
+  g_hostCalls.clear();
+}
+
+std::size_t WaitHostCalls(std::size_t count, int ms) {
+  std::unique_lock<std::mutex> lock(g_callsLock);
+  g_callArrived.wait_for(lock, std::chrono::milliseconds(ms), [&] { return g_hostCalls.size() >= count; });
+  return g_hostCalls.size();
+}
+
+std::vector<FusionSimCall> SimCalls(int opnum) {
+  std::vector<FusionSimCall> all, out;
+  EXPECT_TRUE(FusionSimReadCalls(&all));
+  for (const FusionSimCall& c : all)
+    if (opnum < 0 || c.opnum == opnum) out.push_back(c);
+  return out;
+}
+
+std::string DumpSimCalls() {
+  std::string out;
+  for (const FusionSimCall& c : SimCalls()) out += FusionSimFormatCall(c) + "\n";
+  return out;
+}
+
+std::uint32_t Dword(const FusionSimCall& c) {
+  return c.dataLen >= 4 ? static_cast<std::uint32_t>(c.data[0] | c.data[1] << 8 | c.data[2] << 16 |
+                                                     static_cast<std::uint32_t>(c.data[3]) << 24)
+                        : 0xdeadbeef;
+}
+
+void PrepareStoppedService() {
+  if (FusionSimServiceState() == 0) {
+    ASSERT_TRUE(FusionSimInstallService(L""));
+  }
+  if (FusionSimServiceState() != SERVICE_STOPPED) {
+    ASSERT_TRUE(FusionSimStopService());
+  }
+}
+
+DWORD ThreadsOfThisProcess() {
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 entry = {};
+  entry.dwSize = sizeof(entry);
+  DWORD count = 0;
+  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
+    if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++count;
+  CloseHandle(snapshot);
+  return count;
+}
+
+std::string SensorLibLog() {
+  wchar_t data[MAX_PATH] = {};
+  SHGetSpecialFolderPathW(nullptr, data, CSIDL_COMMON_APPDATA, FALSE);
+  std::ifstream in((std::wstring(data) + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log").c_str(), std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 }  // namespace qxtest

@@ -5,9 +5,12 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "FusionSimCtl.h"
 
 namespace qxtest {
 
@@ -92,5 +95,43 @@ HostRun RunHost(const wchar_t* dllName, const std::vector<std::string>& script,
 // Runs a program (path relative to BinDir() unless absolute) with a command
 // line tail; returns its exit code and output; bounded like RunHost.
 HostRun RunProgram(const std::wstring& program, const std::wstring& arguments, DWORD timeoutMs);
+
+// Answers and parameters of the actions.
+std::string Attention(int delay, int status);  // the "get_attention" answer
+std::string StatusParams(int status);
+std::string DelayParams(int delay);
+// A result as qxhost prints it (the line feed escaped).
+std::string Printed(const std::string& json);
+
+// The host callback of an in-process host: records every call with its thread.
+struct HostCall {
+  std::string kind, name, json;
+  std::uintptr_t reserved;
+  std::int32_t flags;
+  DWORD thread;
+};
+int RecordingCallback(const char* kind, const char* name, const char* json, std::uintptr_t reserved,
+                      std::int32_t flags);
+std::vector<HostCall> HostCalls();
+void ClearHostCalls();
+// Waits up to `ms` until `count` host calls were recorded; returns how many.
+std::size_t WaitHostCalls(std::size_t count, int ms);
+
+// Opnums of the remote interface and the attention sensor's index.
+constexpr int kOpSetting = 0, kOpGetSensorData = 1, kOpSetSensorParam = 2, kOpStartSensor = 3, kOpUnInit = 5;
+constexpr int kAttentionSensor = 6;
+// The simulator's record of calls of one opnum (-1: all).
+std::vector<FusionSimCall> SimCalls(int opnum = -1);
+std::string DumpSimCalls();
+// The first data word of a call (0xdeadbeef when it carried none).
+std::uint32_t Dword(const FusionSimCall& c);
+
+// The simulator registered as the service and stopped, as "init" expects to
+// find it (it starts the service itself).
+void PrepareStoppedService();
+
+DWORD ThreadsOfThisProcess();
+// The fusion client's own log (its exception lines go there).
+std::string SensorLibLog();
 
 }  // namespace qxtest

@@ -5,32 +5,17 @@
 // delivered to the service, and the machine treated as not supporting
 // attention. On Windows this is the path that works.
 #include <gtest/gtest.h>
-#include <shlobj.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "FusionSimCtl.h"
 #include "PluginTestSupport.h"
 
 using namespace qxtest;
 
 namespace {
 
-std::string SensorLibLog() {
-  wchar_t data[MAX_PATH] = {};
-  SHGetSpecialFolderPathW(nullptr, data, CSIDL_COMMON_APPDATA, FALSE);
-  const std::wstring path = std::wstring(data) + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
-  std::ifstream in(path.c_str(), std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 TEST(ShippedDll, FirstRemoteCallFailsCleanlyUnderWine) {
   ResetRegistry();
   DeleteLog();
-  if (FusionSimServiceState() == 0) ASSERT_TRUE(FusionSimInstallService(L""));
+  ASSERT_NO_FATAL_FAILURE(PrepareStoppedService());
   const std::size_t logBefore = SensorLibLog().size();
 
   const HostRun run = RunHost(kShippedDll, {"init", "get_attention", "close"});
