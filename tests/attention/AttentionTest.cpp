@@ -79,7 +79,9 @@ std::string DumpCalls() {
 }
 
 void EnsureServiceStopped() {
-  if (FusionSimServiceState() != SERVICE_STOPPED) ASSERT_TRUE(FusionSimStopService(10000));
+  if (FusionSimServiceState() != SERVICE_STOPPED) {
+    ASSERT_TRUE(FusionSimStopService(10000));
+  }
   // The simulator's shared block goes with its process; a new start needs it gone.
   for (int i = 0; i < 200 && FusionSimWaitReady(0); ++i) Sleep(25);
 }
@@ -164,7 +166,9 @@ TEST_F(ServiceTest, NotRunningServiceGetsTheStopCommandAndPauseThenTheRestart) {
       EXPECT_GE(Gap(records[2], records[3]), 400 - kClockSlackMs) << "pause after the check's stop command";
       EXPECT_GE(Gap(records[4], records[5]), 200 - kClockSlackMs) << "pause after the restart's stop command";
       EXPECT_GE(Gap(records[5], records[6]), 200 - kClockSlackMs) << "pause after the restart's start command";
-      if (!c.installed) EXPECT_NE("WaitFor RunProcess Signal On, dwCode 0", records[5].text);
+      if (!c.installed) {
+        EXPECT_NE("WaitFor RunProcess Signal On, dwCode 0", records[5].text);
+      }
     }
     if (!c.installed) {
       EXPECT_EQ(0u, FusionSimServiceState()) << "nothing installs the service";
@@ -408,7 +412,9 @@ TEST_F(InitRetryTest, EventNotOpenedTwiceRetriesOnceAfterPauseThenFails) {
   const auto records = InitRecords();
   EXPECT_RECORDS(records, {{"[INF]", kAF, 229, "attention_init initfusion 10000000"},
                            {"[INF]", kAF, 234, "attention_init initfusion2 10000000"}});
-  if (records.size() == 2) EXPECT_GE(Gap(records[0], records[1]), 400 - kClockSlackMs);
+  if (records.size() == 2) {
+    EXPECT_GE(Gap(records[0], records[1]), 400 - kClockSlackMs);
+  }
   EXPECT_EQ(2u, CallsOf(0).size()) << DumpCalls();
 }
 
