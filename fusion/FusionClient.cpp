@@ -38,6 +38,11 @@ struct FusionLockOwner {
     HANDLE threadReady;  // see StartSensorThread
 } g_fusionLockOwner;
 
+// The holds that a refused FusionSetting left on the lock, and the thread that
+// took them (see FusionSetting and InitFusion).
+DWORD g_refusedSettingThread;
+int g_refusedSettingHolds;
+
 // The binding handle for a stub call. Windows' stubs raise RPC_S_INVALID_BINDING
 // for a null primitive binding handle (a wrapper called before InitFusion or
 // after UnInitial); Wine 8's NdrClientCall2 instead returns 0 without calling
@@ -227,8 +232,15 @@ std::int32_t InitFusion()
 {
     SensorLibLogOpen();
     SensorLibLogWrite("InitFusion:FusionMask: 0x%x", kFusionMask);
-    // The lock is not (re-)initialised here: it lives as long as the module
-    // (see FusionLockOwner above).
+    // The lock is not re-initialised here: it lives as long as the module (see
+    // FusionLockOwner above). What re-initialising did for the thread calling
+    // InitFusion again after a refused FusionSetting (the controller's retry,
+    // or the next "init") is done by releasing the holds that refusal left on
+    // this very thread. A hold of another thread is left alone.
+    if (g_refusedSettingHolds > 0 && g_refusedSettingThread == GetCurrentThreadId()) {
+        for (; g_refusedSettingHolds > 0; --g_refusedSettingHolds)
+            LeaveCriticalSection(&g_fusion.lock);
+    }
     g_fusion.stringBinding = nullptr;
     if (BindFusionService() != 0)
         return 1;
@@ -249,8 +261,15 @@ std::int32_t FusionSetting(std::uint32_t)
     std::int32_t result = Guarded(kExceptionTextNoLf, [] {
         return FusionRpcSetting(Binding(), static_cast<long>(kFusionMask));
     });
-    if (result != 0)
-        return result;  // deliberately returns with the lock still held
+    if (result != 0) {
+        // Deliberately returns with the lock still held: every remote call of
+        // another thread now blocks; this thread may still enter.
+        if (g_refusedSettingThread != GetCurrentThreadId())
+            g_refusedSettingHolds = 0;
+        g_refusedSettingThread = GetCurrentThreadId();
+        ++g_refusedSettingHolds;
+        return result;
+    }
     LeaveCriticalSection(&g_fusion.lock);
     for (int index = 0; index < kFusionSensorCount; ++index) {
         if (!(kFusionMask & (1u << index)))

@@ -322,8 +322,19 @@ CHILD_TEST(SettingRefused)
     std::uint32_t status = kPoison;
     EXPECT_EQ(0, GetFusionStatus(nullptr, &status));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(blocked, 300));
+
+    // The controller's retry: InitFusion again on the same thread starts from
+    // a free lock. The blocked call goes through and events are delivered.
+    ASSERT_TRUE(FusionSimClearForced(0));
+    EXPECT_EQ(0, InitFusion());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(blocked, 5000)) << "lock still held after the retry";
+    Capture cap;
+    RegisterSensorDataCallback(OnSensorData, &cap);
+    ASSERT_TRUE(FusionSimSetAttention(0, true));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(cap.done, 10000)) << "no event after the retry";
+    EXPECT_EQ(0, UnInitial());
     std::fflush(stdout);
-    ExitProcess(::testing::Test::HasFailure() ? 1 : 0);  // the blocked thread cannot end otherwise
+    ExitProcess(::testing::Test::HasFailure() ? 1 : 0);  // a blocked thread could not end otherwise
 }
 
 TEST(Client, FusionSettingRefusedKeepsTheLockHeld)
@@ -332,7 +343,7 @@ TEST(Client, FusionSettingRefusedKeepsTheLockHeld)
     ASSERT_TRUE(sim.ok());
     ASSERT_TRUE(FusionSimForceResult(0, 0x60000001));
     ASSERT_EQ(0u, RunChild("SettingRefused"));
-    EXPECT_EQ(1u, CallsOf(4).size()) << "only the holder's GetFusionStatus reached the service";
+    EXPECT_EQ(2u, CallsOf(4).size()) << "the holder's GetFusionStatus, then the released one";
 }
 
 // ---- the sensor library log -----------------------------------------------------
