@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <sstream>
@@ -39,6 +40,9 @@ constexpr wchar_t kAttentionEvent[] = L"Global\\Vantoq.SensorFusion.AttentionEVE
 //                                 of 0xcc; a reply must change at most 4 of them)
 //   signal                        sets the attention event as the service would
 //   wait-callback N               sensor id and the first N bytes of the record
+//                                 the waiting thread passed to the callback
+//   callback N                    the same for a callback made on this thread
+//                                 (by SensorDataCallback): no waiting
 //   load DLL                      qx_plugin_init's result
 //   action NAME [PARAMS]          qx_plugin_action's result and answer text
 //   wait-host                     the host callback's five arguments
@@ -69,6 +73,7 @@ struct Scenario {
 };
 
 const char kNoLine[] = "";
+const char kBadStubData[] = "Runtime reported exception 0x6f7 = 1783";
 
 const std::vector<Scenario>& Scenarios()
 {
@@ -94,9 +99,9 @@ const std::vector<Scenario>& Scenarios()
         // bytes (two bytes of padding before the result), 12, and none at all.
         {"record sizes",
          {{"open-log", ""}, {"bind", "0"}, {"register", ""}, {"SensorDataCallback 5", "0"},
-          {"wait-callback 34", "5 00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f 2021"},
-          {"SensorDataCallback 31", "0"}, {"wait-callback 12", "1f a1a2a3a4 b1b2b3b4 c1c2c3c4"},
-          {"SensorDataCallback 7", "0"}, {"wait-callback 0", "7 null"}},
+          {"callback 34", "5 00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f 2021"},
+          {"SensorDataCallback 31", "0"}, {"callback 12", "1f a1a2a3a4 b1b2b3b4 c1c2c3c4"},
+          {"SensorDataCallback 7", "0"}, {"callback 0", "7 null"}},
          {{1, "05000000 22000000",
            "22000000 00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f 20210000 00000000"},
           {1, "1f000000 0c000000", "0c000000 a1a2a3a4 b1b2b3b4 c1c2c3c4 00000000"},
@@ -131,6 +136,36 @@ const std::vector<Scenario>& Scenarios()
          {"GetSensorDataProc:index 6,FusionFlag 6", "Event!Event occur: *", "SensorDataCallback,id 6",
           "SensorDataCallback,end", "Thread exit 6"},
          true},
+
+        // Replies that break the contract: each call ends in result 1 with one
+        // exception line and the caller's buffer untouched, and the next call
+        // works again.
+        {"bad replies",
+         {{"open-log", ""},
+          {"bind", "0"},
+          {"GetFusionStatus", "1"},  // conformance 8 for a size of 4, and 8 bytes
+          {"GetFusionStatus", "1"},  // conformance 2
+          {"GetFusionDelay", "1"},   // conformance 0
+          {"GetFusionStatus", "1"},  // the result missing
+          {"GetFusionDelay", "1"},   // a fault PDU
+          {"SetFusionDelay 10", "1"},  // the response cut short, the pipe closed
+          {"register", ""},
+          {"SensorDataCallback 6", "1"},  // conformance 8 on the event path: no callback
+          {"callback 4", "none"},
+          {"GetFusionStatus", "0 01000010"}},
+         {{4, "06000000 04000000", "08000000 01000010 aaaaaaaa 00000000"},
+          {4, "06000000 04000000", "02000000 01000000 00000000"},
+          {6, "06000000 04000000", "00000000 00000000"},
+          {4, "06000000 04000000", "04000000 01000010"},
+          {6, "06000000 04000000", "fault 00000032"},
+          {2, "06000000 04000000 04000000 0a000000", "cut 20 00000000"},
+          {1, "06000000 04000000", "08000000 78563412 aaaaaaaa 00000000"},
+          {4, "06000000 04000000", "04000000 01000010 00000000"}},
+         {"Version:0.0.0.3", "GetFusionStatus::Runtime reported exception 0x6f7 = 1783", kNoLine,
+          "GetFusionStatus::Runtime reported exception 0x6f7 = 1783", kNoLine, kBadStubData, kNoLine,
+          "GetFusionStatus::Runtime reported exception 0x6f7 = 1783", kNoLine,
+          "Runtime reported exception 0x32 = 50", kNoLine, "Runtime reported exception 0x6be = 1726", kNoLine,
+          kBadStubData, kNoLine, "268435457"}},
 
         // A host's session through the exports of the test DLL: "init" (the
         // net.exe commands find no service and change nothing), the status and
@@ -287,8 +322,8 @@ std::string RunStep(const std::string& line)
             CloseHandle(event);
         return set ? "" : "no event";
     }
-    if (call == "wait-callback") {
-        if (WaitForSingleObject(g_capture.done, 10000) != WAIT_OBJECT_0)
+    if (call == "wait-callback" || call == "callback") {
+        if (WaitForSingleObject(g_capture.done, call == "callback" ? 0 : 10000) != WAIT_OBJECT_0)
             return "none";
         if (g_capture.null)
             return std::to_string(g_capture.id) + " null";
@@ -498,6 +533,11 @@ TEST(Wire, Wrappers)
 TEST(Wire, EventThread)
 {
     Judge(*Find("event thread"));
+}
+
+TEST(Wire, BadRepliesFailCleanly)
+{
+    Judge(*Find("bad replies"));
 }
 
 TEST(Wire, HostSessionThroughTheExports)
