@@ -121,7 +121,8 @@ std::string Offer::Describe() const
         s << "]";
     }
     if (authenticated)
-        s << " auth type " << int(authType) << " level " << int(authLevel) << " (" << authLength << " bytes)";
+        s << " auth type " << int(authType) << " level " << int(authLevel) << " (" << authLength
+          << " bytes: " << ToHex(authValue) << ")";
     else
         s << " no auth";
     return s.str();
@@ -341,6 +342,8 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Request* pending)
         offer.authType = authType;
         offer.authLevel = authLevel;
         offer.authLength = authLength;
+        if (authLength)
+            offer.authValue.assign(pdu.end() - authLength, pdu.end());
         const std::uint16_t maxXmit = Get16(pdu, 16), maxRecv = Get16(pdu, 18);
         const std::uint32_t group = Get32(pdu, 20);
         const std::size_t count = pdu[24];

@@ -40,6 +40,7 @@ struct Offer {
     bool authenticated = false;  // an auth_verifier followed the body
     std::uint8_t authType = 0, authLevel = 0;
     std::uint16_t authLength = 0;
+    Bytes authValue;  // the credentials (for NTLM, its NEGOTIATE message)
     std::string Describe() const;
 };
 

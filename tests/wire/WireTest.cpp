@@ -70,6 +70,9 @@ struct Scenario {
     std::vector<const char*> log;
     std::vector<const char*> threadLog = {};
     bool threads = false;
+    // Every bind's authentication: "" for none, else its type, level and the
+    // first 12 bytes of its credentials.
+    const char* auth = "";
 };
 
 const char kNoLine[] = "";
@@ -194,6 +197,22 @@ const std::vector<Scenario>& Scenarios()
           "UnInitial,FusionMask:64"},
          {"Event!Event occur: *", "SensorDataCallback,id 6", "SensorDataCallback,end"},
          true},
+        // The shipped DLL's binding asks for packet privacy over NTLM. The peer
+        // implements no authentication and refuses the bind (bind_nak, reason
+        // 8: authentication type not recognised): no request reaches a
+        // procedure, "init" and "close" each fail with one exception line,
+        // and the host sees attention unsupported.
+        {"shipped binding",
+         {{"load QXAttentionPlugin.dll", "0"},
+          {"action init", "0 "},
+          {"action get_attention", "0 {\"cmd\":\"get_attention\",\"delay\":10,\"status\":0}\\n"},
+          {"action close", "0 "}},
+         {},
+         {"InitFusion:FusionMask: 0x40", "FusionSetting Mask 0x40", "Runtime reported exception 0x6d3 = 1747",
+          "UnInitial,FusionMask:0", "Runtime reported exception 0x6d3 = 1747"},
+         {},
+         true,
+         "type 10 level 6 token 4e544c4d 53535000 01000000"},
     };
     return all;
 }
@@ -466,10 +485,10 @@ Outcome Play(const Scenario& s)
     return o;
 }
 
-// Every bind of the test client: one presentation context, the interface 1.0,
-// NDR 2.0 only (NDR64 is not offered; see docs/fusion-client.md), no
-// authentication.
-void CheckOffers(const Outcome& o)
+// Every bind: one presentation context, the interface 1.0, NDR 2.0 only
+// (NDR64 is not offered; see docs/fusion-client.md), and the authentication
+// the scenario names.
+void CheckOffers(const Scenario& s, const Outcome& o)
 {
     EXPECT_FALSE(o.offers.empty());
     for (const wire::Offer& b : o.offers) {
@@ -477,7 +496,12 @@ void CheckOffers(const Outcome& o)
         ASSERT_EQ(1u, b.contexts.size());
         EXPECT_EQ(kInterface, b.contexts[0].abstractSyntax);
         EXPECT_EQ(std::vector<std::string>{wire::kNdr20}, b.contexts[0].transferSyntaxes);
-        EXPECT_FALSE(b.authenticated);
+        std::string auth;
+        if (b.authenticated)
+            auth = "type " + std::to_string(b.authType) + " level " + std::to_string(b.authLevel) + " token " +
+                   wire::ToHex(wire::Bytes(b.authValue.begin(), b.authValue.begin() +
+                                                                    std::min<std::size_t>(12, b.authValue.size())));
+        EXPECT_EQ(s.auth, auth);
     }
 }
 
@@ -487,7 +511,7 @@ void Judge(const Scenario& s)
     const Outcome o = Play(s);
     EXPECT_EQ(0, o.exitCode) << "the child crashed, hung or failed";
     EXPECT_TRUE(o.errors.empty()) << o.errors.front();
-    CheckOffers(o);
+    CheckOffers(s, o);
 
     // Client to service: every request, byte for byte, in order.
     std::vector<std::string> sent, want;
@@ -553,6 +577,13 @@ TEST(Wire, HostSessionThroughTheExports)
     ASSERT_EQ(nullptr, service) << "the service VantoqSensorFusion is installed in this prefix";
     DeleteStoredState();
     Judge(*Find("host session"));
+    DeleteStoredState();
+}
+
+TEST(Wire, ShippedBindingAsksForPacketPrivacy)
+{
+    DeleteStoredState();
+    Judge(*Find("shipped binding"));
     DeleteStoredState();
 }
 
