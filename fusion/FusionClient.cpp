@@ -110,10 +110,11 @@ std::int32_t GetSensorDataSize(std::int32_t id)
 byte* Bytes(void* p) { return static_cast<byte*>(p); }
 
 // Copies a fetched record into `out`, which holds `size` bytes. A reply whose
-// count is not the size asked for is refused before anything is copied, with
-// the code the stubs' correlation check raises on Windows (RPC_X_BAD_STUB_DATA):
-// raised inside the guard, it ends the call with one exception line and result
-// 1, and the caller's buffer keeps what it held.
+// count is not the size asked for is refused before anything is copied (the
+// stubs check no correlated argument: see FusionRpc.idl), with the code the RPC
+// runtime raises for a malformed reply, RPC_X_BAD_STUB_DATA: raised inside the
+// guard, it ends the call with one exception line and result 1, and the
+// caller's buffer keeps what it held.
 void TakeRecord(const FusionRecord& record, std::int32_t size, void* out)
 {
     if (record.size != size || size < 0 || static_cast<std::size_t>(size) > sizeof record.bytes)
