@@ -45,9 +45,9 @@ int g_refusedSettingHolds;
 
 // The binding handle for a stub call. Windows' stubs raise RPC_S_INVALID_BINDING
 // for a null primitive binding handle (a wrapper called before InitFusion or
-// after UnInitial); Wine 8's NdrClientCall2 instead returns 0 without calling
-// anything. Raising it here gives both the same path: caught by the guard,
-// one exception line, result 1.
+// after UnInitial), and so does Wine 10's NdrClientCall2; Wine 8's returns 0
+// without calling anything. Raising it here gives all of them the same path:
+// caught by the guard, one exception line, result 1.
 RPC_BINDING_HANDLE Binding()
 {
     RPC_BINDING_HANDLE h = g_fusion.bindingHandle;
@@ -175,9 +175,10 @@ std::int32_t BindFusionService()
     }
 #ifndef QX_FUSION_NO_AUTH
     // Packet privacy over NTLM/Kerberos with the caller's own identity. Under
-    // Wine no such call can complete (its NTLM needs winbind, and its RPC server
-    // fails the three-leg bind), which is why the test build (QX_FUSION_NO_AUTH,
-    // never shipped) leaves out only this step.
+    // Wine no such call can complete (docs/wine.md: its NTLM needs credentials
+    // cached in a winbindd, and its RPC server then rejects the client's last
+    // NTLM message), which is why the test build (QX_FUSION_NO_AUTH, never
+    // shipped) leaves out only this step.
     status = RpcBindingSetAuthInfoW(g_fusion.bindingHandle, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,
                                     RPC_C_AUTHN_WINNT, nullptr, RPC_C_AUTHZ_NONE);
     if (status != RPC_S_OK) {

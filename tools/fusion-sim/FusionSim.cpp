@@ -42,6 +42,9 @@ const char kUsage[] =
     "  --attention N          initial attention record (default 1: looking at the screen)\n"
     "  --no-attention-event   do not create Global\\Vantoq.SensorFusion.AttentionEVENT\n"
     "  --quiet                do not print the calls (console mode)\n"
+    "  --auth                 also accept authenticated binds (registers NTLM, RPC_C_AUTHN_WINNT,\n"
+    "                         with RpcServerRegisterAuthInfo); without it, an authenticated\n"
+    "                         bind is refused\n"
     "\n"
     "Control commands (fusion-sim ctl ...; exit code 0 on success, 1 on failure):\n"
     "  look-away              attention record 0, then signal the attention event\n"
@@ -79,6 +82,7 @@ struct Options {
     std::uint32_t attention = 1;
     bool attentionEvent = true;
     bool quiet = false;
+    bool auth = false;
 };
 
 HANDLE g_mapping;
@@ -373,6 +377,8 @@ bool StartServer(const Options& o)
                                            RPC_C_PROTSEQ_MAX_REQS_DEFAULT,
                                            reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(kFusionSimEndpoint)),
                                            nullptr);
+    if (st == RPC_S_OK && o.auth)
+        st = RpcServerRegisterAuthInfoW(nullptr, RPC_C_AUTHN_WINNT, nullptr, nullptr);
     if (st == RPC_S_OK)
         st = RpcServerRegisterIfEx(FusionRpc_v1_0_s_ifspec, nullptr, nullptr, RPC_IF_ALLOW_CALLBACKS_WITH_NO_AUTH,
                                    RPC_C_LISTEN_MAX_CALLS_DEFAULT, nullptr);
@@ -454,6 +460,8 @@ bool ParseOptions(int argc, wchar_t** argv, int first, Options* o)
             o->attentionEvent = false;
         else if (a == L"--quiet")
             o->quiet = true;
+        else if (a == L"--auth")
+            o->auth = true;
         else if (a == L"--status" && i + 1 < argc && ParseNumber(argv[i + 1], &o->status))
             ++i;
         else if (a == L"--delay" && i + 1 < argc && ParseNumber(argv[i + 1], &o->delay))
