@@ -111,12 +111,50 @@ Summary::Session& Summary::Current(const Record& r)
 {
     const bool starts = r.parsed && r.form == logrecord::Form::kPlugin && r.fields.source == "AttentionPlugin.cpp" &&
                         r.fields.line == "170";
+    if (starts && !sessions_.empty())
+        NameCommands(sessions_.back(), false);
     if (starts || sessions_.empty()) {
         Session& s = sessions_.emplace_back();
         s.from_init = starts;
         s.file = timeline_.name(r.file);
     }
     return sessions_.back();
+}
+
+// The set-up of "init" runs "net.exe stop tof service" (twice when the check
+// found no running service) and then "net.exe start VantoqSensorFusion"; the
+// stop command names no service and fails wherever it runs, and the start
+// command fails when the service is running already. Once InitFusion's record
+// shows the commands are over (`over`), the last one is the start, and
+// whether InitFusion then reached the service (`connected`) tells a failed
+// start from one that found the service running.
+void Summary::NameCommands(Session& s, bool over, bool connected)
+{
+    for (std::size_t i = 0; i < s.commands.size(); ++i) {
+        const auto& [time, code] = s.commands[i];
+        const std::string exited = " exited " + std::to_string(code);
+        if (!over) {
+            s.service.push_back({time, "command (net.exe)" + exited});
+        } else if (i + 1 < s.commands.size()) {
+            s.service.push_back({time, "net.exe stop tof service" + exited +
+                                           (code ? " (it names no service: it fails on every machine)" : "")});
+        } else {
+            s.service.push_back({time, "net.exe start VantoqSensorFusion" + exited +
+                                           (code && connected ? " (the service was running: InitFusion reached it)"
+                                                              : "")});
+            if (code != 0 && !connected)
+                Fail(s, time, "WaitFor RunProcess Signal On, dwCode " + std::to_string(code),
+                     "the service could not be started: net.exe start VantoqSensorFusion exited " +
+                         std::to_string(code));
+        }
+    }
+    s.commands.clear();
+}
+
+void Summary::Finish()
+{
+    if (!sessions_.empty())
+        NameCommands(sessions_.back(), false);
 }
 
 void Summary::Fail(Session& s, const std::string& time, std::string_view message, std::string meaning)
@@ -163,6 +201,7 @@ void Summary::PluginRecord(Session& s, const Record& r, const std::string& time)
     const bool control = source == "AttentionFuntion";
 
     if (plugin && line == 188) {
+        NameCommands(s, false);
         Init& init = s.inits.emplace_back();
         init.start = time;
         init.started_when = r.when;
@@ -180,7 +219,7 @@ void Summary::PluginRecord(Session& s, const Record& r, const std::string& time)
     if (plugin && (line == 196 || line == 75) &&
         Scan(m, 2, "register attention status: %d, register attention delay:%d", &a, &b)) {
         s.changes.push_back({time, "read from the registry: status " + std::to_string(a) + ", delay " +
-                                       std::to_string(b) + " (-1: no value)"});
+                                       std::to_string(b) + (a == -1 || b == -1 ? " (-1: no value)" : "")});
         return;
     }
     if (plugin && (line == 193 || line == 72) && Scan(m, 1, "ability: %d", &a)) {
@@ -249,9 +288,7 @@ void Summary::PluginRecord(Session& s, const Record& r, const std::string& time)
         return;
     }
     if (source == "CommonHelper" && line == 3188 && Scan(m, 1, "WaitFor RunProcess Signal On, dwCode %d", &a)) {
-        s.service.push_back({time, "command (net.exe) exited " + std::to_string(a)});
-        if (a != 0)
-            Fail(s, time, m, "a service command (net.exe) exited " + std::to_string(a));
+        s.commands.emplace_back(time, a);
         return;
     }
     if (control && line == 93 && Scan(m, 2, "CheckAttentionAbility  begin reg=%d dw:%d", &a, &b)) {
@@ -283,6 +320,8 @@ void Summary::PluginRecord(Session& s, const Record& r, const std::string& time)
                                            : "not supported: the service answered status " + Hex(a)});
         return;
     }
+    if (control && line == 229)
+        NameCommands(s, true, Scan(m, 1, "attention_init initfusion %x", &x) && x != 1);
     if (control && (line == 229 || line == 234) &&
         Scan(m, 1, line == 229 ? "attention_init initfusion %x" : "attention_init initfusion2 %x", &x)) {
         if (x != 0)
@@ -352,8 +391,9 @@ void Summary::SensorRecord(Session& s, const Record& r, const std::string& time)
         Fail(s, time, m, "an error of the sensor library");
 }
 
-void Summary::PrintText() const
+void Summary::PrintText()
 {
+    Finish();
     std::ostringstream out;
     out << "Summary of";
     for (std::size_t i = 0; i < timeline_.size(); ++i)
@@ -389,7 +429,9 @@ void Summary::PrintText() const
         events("status and delay", s.changes);
 
         out << "  telemetry reports sent: " << s.reports.size();
-        if (!s.reports.empty())
+        if (s.reports.size() == 1)
+            out << " (" << s.reports.front() << ")";
+        else if (!s.reports.empty())
             out << " (" << s.reports.front() << " to " << s.reports.back() << ")";
         out << "\n";
 
@@ -405,8 +447,9 @@ void Summary::PrintText() const
     Emit(out.str());
 }
 
-void Summary::PrintJson() const
+void Summary::PrintJson()
 {
+    Finish();
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;

@@ -21,8 +21,8 @@ public:
     explicit Summary(const Timeline& timeline) : timeline_(timeline) {}
     void Write(const Record& record) override;
 
-    void PrintText() const;
-    void PrintJson() const;
+    void PrintText();
+    void PrintJson();
 
     // The meaning of a Windows error code as the fusion client's exception
     // lines carry it ("" when it is not one of those the client meets).
@@ -62,9 +62,14 @@ private:
         std::map<std::string, std::size_t> failure_index;
         long pending_delay = 0;
         bool have_pending_delay = false;
+        // Exit codes of the service commands of the current "init", named
+        // when InitFusion's record shows that the commands are over.
+        std::vector<std::pair<std::string, int>> commands;
     };
 
     Session& Current(const Record& record);
+    void NameCommands(Session& s, bool over, bool connected = false);
+    void Finish();
     void Fail(Session& s, const std::string& time, std::string_view message, std::string meaning);
     void PluginRecord(Session& s, const Record& r, const std::string& time);
     void SensorRecord(Session& s, const Record& r, const std::string& time);
