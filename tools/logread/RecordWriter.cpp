@@ -157,6 +157,7 @@ JsonWriter::JsonWriter(const Timeline& timeline) : timeline_(timeline)
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
     writer_.reset(builder.newStreamWriter());
+    value_ = std::make_unique<Json::Value>(Json::objectValue);
 }
 
 JsonWriter::~JsonWriter() = default;
@@ -164,7 +165,7 @@ JsonWriter::~JsonWriter() = default;
 void JsonWriter::Write(const Record& r)
 {
     const logrecord::Fields& f = r.fields;
-    Json::Value v(Json::objectValue);
+    Json::Value& v = *value_;
     v["file"] = CleanMessage(timeline_.name(r.file));
     v["time"] = f.has_time ? Json::Value(FormatTime(f.time)) : Json::Value();
     v["level"] = f.level.empty() ? Json::Value() : Json::Value(std::string(f.level));

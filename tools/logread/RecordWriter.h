@@ -17,6 +17,7 @@
 
 namespace Json {
 class StreamWriter;
+class Value;
 }
 
 namespace logread {
@@ -51,6 +52,7 @@ public:
 private:
     const Timeline& timeline_;
     std::unique_ptr<Json::StreamWriter> writer_;
+    std::unique_ptr<Json::Value> value_;  // kept: its members are assigned anew for each record
     std::ostringstream out_;
 };
 
