@@ -217,7 +217,7 @@ int Run(int argc, char** argv)
         ->type_name("WHEN")
         ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
-    app.add_option("FILE", o.files, "log files; \"-\" is standard input")->required();
+    app.add_option("FILE", o.files, "log files; \"-\" is standard input")->required()->type_name("");
 
     try {
         app.parse(argc, argv);
