@@ -119,11 +119,20 @@ Detection DetectFormat(std::string_view head) {
   }
   if (head.size() > kHeaderSize) framed = framed && IsDigit(static_cast<unsigned char>(~byte(kHeaderSize)));
 
-  if (head.size() < 5) return plain || framed ? Detection::kUndecided : Detection::kNeither;
-  // With five bytes the two cannot both hold: the fourth byte is a digit in a
-  // plain record and 0 or 1 in a frame's length.
+  // Sensor library: "[MM-D" (a time) or "Versi" (its version line).
+  constexpr std::string_view kVersion = "Versi";
+  bool sensor_version = head.substr(0, n) == kVersion.substr(0, n);
+  bool sensor_time = true;
+  for (std::size_t i = 0; i < n; ++i)
+    sensor_time = sensor_time && (i == 0 ? byte(i) == '[' : i == 3 ? byte(i) == '-' : IsDigit(byte(i)));
+  const bool sensor = sensor_version || sensor_time;
+
+  if (head.size() < 5) return plain || framed || sensor ? Detection::kUndecided : Detection::kNeither;
+  // With five bytes no two can hold: the fourth byte is a digit in a plain
+  // record, 0 or 1 in a frame's length, '-' or 's' in a sensor library line.
   if (framed) return Detection::kLogdat;
   if (plain) return Detection::kPlain;
+  if (sensor) return Detection::kSensorLib;
   return Detection::kNeither;
 }
 

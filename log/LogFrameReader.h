@@ -75,21 +75,24 @@ class FrameDecoder {
   std::string pending_;
 };
 
-// The two forms a log file can have.
-enum class LogFormat { kLogdat, kPlain };
+// The forms a log file can have: the plug-in's log, framed or plain, and the
+// sensor library's plain log.
+enum class LogFormat { kLogdat, kPlain, kSensorLib };
 
 enum class Detection {
   kLogdat,     // starts like a frame: small length, complemented text starts with a digit
   kPlain,      // starts like a plain record "MM-DD ..."
-  kUndecided,  // too few bytes to tell (fewer than 5), but could be either
-  kNeither,    // neither form: not a log file
+  kSensorLib,  // starts like a sensor library line "[MM-DD-..." or its "Version:" line
+  kUndecided,  // too few bytes to tell (fewer than 5), but could be any
+  kNeither,    // none of the forms: not a log file
 };
 
 // Tells the form of a log file from its first bytes. A plain record starts
 // with the date "MM-DD"; a frame starts with a little-endian length below the
 // cap (so its fourth byte is 0 or 1, never a digit as in "MM-DD") followed by the
-// complement of a record, whose first byte is a digit of the date. Five bytes
-// decide; an empty head is kUndecided.
+// complement of a record, whose first byte is a digit of the date; a sensor
+// library log starts with "[MM-D" or "Versi" (of "Version:"), whose fourth byte
+// is neither. Five bytes decide; an empty head is kUndecided.
 Detection DetectFormat(std::string_view head);
 
 }  // namespace logframe

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs, from Debian's own packages, everything the build, the tests and the
 # demo need: the mingw-w64 cross compiler, Wine, GoogleTest sources, clang and
-# its sanitizer runtime for the native fuzz/sanitizer builds, and a deb-src entry
-# for jsoncpp's source package (fetched by the build with apt-get source).
+# its sanitizer runtime for the native fuzz/sanitizer builds, CLI11 (header-only
+# command-line parser of the tools), lnav and jq (the log reader's tests read
+# its output with them), and a deb-src entry for jsoncpp's source package
+# (fetched by the build with apt-get source).
 #
 # Works on Debian 12 (bookworm) and Debian 13 (trixie); the suite is read from
 # /etc/os-release, and what differs between them is chosen here:
@@ -42,6 +44,7 @@ packages=(
   wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
   clang
+  libcli11-dev lnav jq
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 

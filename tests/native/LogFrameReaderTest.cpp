@@ -162,6 +162,10 @@ TEST(DetectFormat, TellsFramesFromPlainRecords) {
       // A record of 49 bytes has the length byte '1', a digit.
       {"frame whose length byte is a digit", logframe::EncodeFrame(std::string(48, '1') + "\n"), Detection::kLogdat},
       {"plain, first five bytes", kRecord61.substr(0, 5), Detection::kPlain},
+      {"sensor library line", "[11-14-09-05-08:790]InitFusion:FusionMask: 0x40\r\n", Detection::kSensorLib},
+      {"sensor library version line", "Version:0.0.0.3\r\n", Detection::kSensorLib},
+      {"sensor library, four bytes", "[11-", Detection::kUndecided},
+      {"bracket, not a sensor line", "[ERR] x", Detection::kNeither},
       {"empty", "", Detection::kUndecided},
       {"plain, four bytes", "11-1", Detection::kUndecided},
       {"frame, four bytes", framed.substr(0, 4), Detection::kUndecided},

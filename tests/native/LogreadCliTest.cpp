@@ -61,8 +61,17 @@ std::string BuildInput(const std::string& entry) {
     std::istringstream lines(ReadFile(kDataDir / part.substr(colon + 1)));
     if (kind == "raw") {
       out += lines.str();
-    } else if (kind == "frames") {  // each line, line feed included, as one frame
-      for (std::string line; std::getline(lines, line);) out += logframe::EncodeFrame(line + "\n");
+    } else if (kind == "frames") {  // each line, line feed included, as one frame;
+      // an empty line is one more line feed of the record before it (the
+      // JSON's own line feed of a "resp:" record)
+      std::vector<std::string> records;
+      for (std::string line; std::getline(lines, line);) {
+        if (line.empty() && !records.empty())
+          records.back() += "\n";
+        else
+          records.push_back(line + "\n");
+      }
+      for (const auto& record : records) out += logframe::EncodeFrame(record);
     } else if (kind == "hex") {
       for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
@@ -97,7 +106,9 @@ class ScratchDir {
 // tool that is still running.
 class Tool {
  public:
-  explicit Tool(std::vector<std::string> args, const std::string& stdin_path = "/dev/null") {
+  // Runs in `cwd` when one is given, so that file names can be relative.
+  explicit Tool(std::vector<std::string> args, const std::string& stdin_path = "/dev/null",
+                const std::string& cwd = "") {
     args.insert(args.begin(), QX_LOGREAD_PATH);
     std::vector<char*> argv;
     for (auto& arg : args) argv.push_back(arg.data());
@@ -108,6 +119,7 @@ class Tool {
       const int out = open((dir_ / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       const int err = open((dir_ / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(120);
+      if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(122);
 #ifndef QX_SANITIZED
       // A tool that allocated what a corrupt length field announces dies here
       // instead of passing on a machine with memory to spare.
@@ -187,16 +199,31 @@ TEST_P(CliCaseTest, OutputAndExitStatus) {
   SCOPED_TRACE("cases.txt:" + std::to_string(GetParam().line));
   ScratchDir dir;
   std::vector<std::string> args;
-  std::istringstream options(c[2]);
-  for (std::string word; options >> word;) args.push_back(word);
+  // Words separated by blanks; "double quotes" keep blanks in a word.
+  std::string word;
+  bool quoted = false, in_word = false;
+  for (char ch : c[2] + " ") {
+    if (ch == '"') {
+      quoted = !quoted;
+      in_word = true;
+    } else if (ch == ' ' && !quoted) {
+      if (in_word) args.push_back(word);
+      word.clear();
+      in_word = false;
+    } else {
+      word += ch;
+      in_word = true;
+    }
+  }
 
   std::string stdin_path = "/dev/null", single_input;
   int index = 0;
   for (auto entry : Split(c[1], ';')) {
     if (entry.empty()) continue;
-    const std::string path = (dir / ("input" + std::to_string(index++) + ".logdat")).string();
+    const std::string name = "input" + std::to_string(index++) + ".logdat";
+    const std::string path = (dir / name).string();
     const bool on_stdin = entry.rfind("stdin=", 0) == 0;
-    args.push_back(on_stdin ? "-" : path);
+    args.push_back(on_stdin ? "-" : name);
     if (entry == "missing") continue;
     single_input = BuildInput(on_stdin ? entry.substr(6) : entry);
     WriteFile(path, single_input);
@@ -206,7 +233,7 @@ TEST_P(CliCaseTest, OutputAndExitStatus) {
   if (c[4] != "-" && c[4] != "=input")
     for (const auto& name : Split(c[4], '+')) expected_out += ReadFile(kDataDir / name);
 
-  Tool tool(args, stdin_path);
+  Tool tool(args, stdin_path, (dir / "").string());
   ASSERT_TRUE(tool.Finish()) << "logread did not end in time";
   EXPECT_EQ(tool.exit_code_, std::stoi(c[3])) << "stderr: " << tool.err();
   EXPECT_TRUE(tool.out() == expected_out) << "stdout differs:\n" << tool.out();
@@ -290,25 +317,26 @@ TEST(LogreadFollow, WaitsForATornFrameThenStartsAgainWhenTheFileIsDeletedReplace
   EXPECT_EQ(tool.out(), Record(1) + Record(2) + Record(4) + Record(5) + shorter);
 }
 
-TEST(LogreadFollow, PlainAndFramedLogsTogetherPrintWholeLines) {
+TEST(LogreadFollow, PlainAndFramedLogsTogetherPrintWholeLinesTaggedWithTheirFile) {
   ScratchDir dir;
   const fs::path plain = dir / "QXAttentionPlugin.log";
   const fs::path framed = dir / "QXAttentionPlugin.log.logdat";
+  const auto tagged = [](const fs::path& file, int n) { return file.string() + ": " + Record(n); };
   WriteFile(plain, Record(1));
   WriteFile(framed, Frame(2));
   Tool tool({"-q", "-f", plain.string(), framed.string()});
-  ASSERT_TRUE(tool.WaitForStdout(Record(2)));
-  ASSERT_TRUE(tool.WaitForStdout(Record(1)));
+  ASSERT_TRUE(tool.WaitForStdout(tagged(framed, 2)));
+  ASSERT_TRUE(tool.WaitForStdout(tagged(plain, 1)));
 
   // Half a plain line is held back until its line feed arrives, so that the
   // other file's records cannot land in the middle of it.
   WriteFile(plain, Record(3).substr(0, 20), true);
   WriteFile(framed, Frame(4), true);
-  ASSERT_TRUE(tool.WaitForStdout(Record(4)));
+  ASSERT_TRUE(tool.WaitForStdout(tagged(framed, 4)));
   std::this_thread::sleep_for(300ms);
   WriteFile(plain, Record(3).substr(20), true);
-  ASSERT_TRUE(tool.WaitForStdout(Record(3)));
-  EXPECT_NE(tool.out().find(Record(4) + Record(3)), std::string::npos) << tool.out();
+  ASSERT_TRUE(tool.WaitForStdout(tagged(plain, 3)));
+  EXPECT_NE(tool.out().find(tagged(framed, 4) + tagged(plain, 3)), std::string::npos) << tool.out();
   EXPECT_EQ(tool.err(), "");
 }
 

@@ -1,10 +1,13 @@
 // fusion-sim: a simulator of the sensor fusion service, for tests and for
-// trying the plug-in by hand. See kUsage below and FusionSimCtl.h.
+// trying the plug-in by hand. See kDescription and kFooter below, and
+// FusionSimCtl.h.
 #include "FusionEvents.h"
 #include "FusionRpc.h"
 #include "FusionSimCtl.h"
 
 #include <windows.h>
+
+#include <CLI/CLI.hpp>
 
 #include <atomic>
 #include <cstdio>
@@ -16,7 +19,7 @@
 
 namespace {
 
-const char kUsage[] =
+const char kDescription[] =
     "fusion-sim: simulator of the sensor fusion service \"VantoqSensorFusion\".\n"
     "\n"
     "Serves the seven FusionRpc procedures over ncacn_np at\n"
@@ -24,17 +27,10 @@ const char kUsage[] =
     "service's seven Global\\Vantoq.SensorFusion.* events (auto-reset), keeps a sensor model\n"
     "(status word, delay, 4-byte attention record) and records every call it receives.\n"
     "At start it creates %ProgramData%\\Vantoq\\SensorFusion\\ as the installed service would.\n"
-    "One simulator per Wine prefix (or machine) at a time.\n"
-    "\n"
-    "Usage:\n"
-    "  fusion-sim run [options]        console mode; ends on Ctrl-C or `ctl quit`\n"
-    "  fusion-sim install [options]    register the service VantoqSensorFusion (demand start)\n"
-    "                                  with this executable and these options\n"
-    "  fusion-sim uninstall            stop (bounded wait) and delete the service\n"
-    "  fusion-sim start | stop         start / stop the service and wait for its state\n"
-    "  fusion-sim service [options]    the service's own entry (used by the SCM only)\n"
-    "  fusion-sim ctl COMMAND [ARG]    drive a running simulator (console or service)\n"
-    "\n"
+    "One simulator per Wine prefix (or machine) at a time. Without a command it runs\n"
+    "in console mode (as \"run\").\n";
+
+const char kFooter[] =
     "Options of run / install / service:\n"
     "  --status WORD          initial status word (default 0x10000000: supported, stopped;\n"
     "                         0x10000001 active; 0 unsupported)\n"
@@ -45,8 +41,9 @@ const char kUsage[] =
     "  --auth                 also accept authenticated binds (registers NTLM, RPC_C_AUTHN_WINNT,\n"
     "                         with RpcServerRegisterAuthInfo); without it, an authenticated\n"
     "                         bind is refused\n"
+    "Numbers are decimal, or hexadecimal with 0x; a leading - gives the two's complement.\n"
     "\n"
-    "Control commands (fusion-sim ctl ...; exit code 0 on success, 1 on failure):\n"
+    "Control commands (fusion-sim ctl COMMAND [ARG]...):\n"
     "  look-away              attention record 0, then signal the attention event\n"
     "  look-back              attention record 1, then signal the attention event\n"
     "  attention N [nosignal] set the attention record (and signal unless nosignal)\n"
@@ -71,10 +68,22 @@ const char kUsage[] =
     "  wait-ready MS          wait up to MS ms for a simulator to be ready\n"
     "  quit                   end the console simulator (a service: use stop)\n"
     "\n"
+    "Exit codes:\n"
+    "  0  done (run: the simulator ended normally)\n"
+    "  1  failed: ctl found no simulator or it did not do it (a wait ran out), the\n"
+    "     service could not be installed, started, stopped or removed, or the\n"
+    "     simulator could not start serving\n"
+    "  2  usage error: an unknown command or option, a missing or extra argument, or\n"
+    "     a number that does not parse\n"
+    "\n"
     "From a C++ test under Wine, link qx_fusion_sim_ctl and include FusionSimCtl.h: the same\n"
     "operations as functions (FusionSimLaunch, FusionSimSetAttention, FusionSimForceResult,\n"
     "FusionSimHoldReplies, FusionSimReadCalls, FusionSimInstallService, ...). From CMake,\n"
-    "include(FusionSim) gives qx_fusion_sim_service_fixture() and qx_fusion_sim_test().\n";
+    "include(FusionSim) gives qx_fusion_sim_service_fixture() and qx_fusion_sim_test().";
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
 
 struct Options {
     std::uint32_t status = 0x10000000;
@@ -439,40 +448,58 @@ BOOL WINAPI ConsoleHandler(DWORD)
     return TRUE;
 }
 
-bool ParseNumber(const wchar_t* s, std::uint32_t* out)
+bool ParseNumber(const std::string& s, std::uint32_t* out)
 {
-    if (!s || !*s)
+    if (s.empty())
         return false;
-    wchar_t* end = nullptr;
-    bool neg = *s == L'-';
-    unsigned long v = std::wcstoul(neg ? s + 1 : s, &end, 0);
+    char* end = nullptr;
+    bool neg = s[0] == '-';
+    const char* digits = s.c_str() + (neg ? 1 : 0);
+    if (!*digits || *digits == '-' || *digits == '+')
+        return false;
+    unsigned long v = std::strtoul(digits, &end, 0);
     if (*end)
         return false;
     *out = neg ? static_cast<std::uint32_t>(-static_cast<long long>(v)) : static_cast<std::uint32_t>(v);
     return true;
 }
 
-bool ParseOptions(int argc, wchar_t** argv, int first, Options* o)
+// The options of run / install / service, as given; checked after parsing.
+struct OptionText {
+    std::string status, delay, attention;
+    bool noAttentionEvent = false;
+    bool quiet = false;
+    bool auth = false;
+};
+
+void AddModelOptions(CLI::App* app, OptionText* t)
 {
-    for (int i = first; i < argc; ++i) {
-        std::wstring a = argv[i];
-        if (a == L"--no-attention-event")
-            o->attentionEvent = false;
-        else if (a == L"--quiet")
-            o->quiet = true;
-        else if (a == L"--auth")
-            o->auth = true;
-        else if (a == L"--status" && i + 1 < argc && ParseNumber(argv[i + 1], &o->status))
-            ++i;
-        else if (a == L"--delay" && i + 1 < argc && ParseNumber(argv[i + 1], &o->delay))
-            ++i;
-        else if (a == L"--attention" && i + 1 < argc && ParseNumber(argv[i + 1], &o->attention))
-            ++i;
-        else {
-            std::fprintf(stderr, "fusion-sim: bad option %ls\n", argv[i]);
+    app->add_option("--status", t->status, "initial status word (default 0x10000000)")->type_name("WORD");
+    app->add_option("--delay", t->delay, "initial delay (default 30)")->type_name("N");
+    app->add_option("--attention", t->attention, "initial attention record (default 1)")->type_name("N");
+    app->add_flag("--no-attention-event", t->noAttentionEvent, "do not create the attention event");
+    app->add_flag("--quiet", t->quiet, "do not print the calls (console mode)");
+    app->add_flag("--auth", t->auth, "also accept authenticated binds (NTLM)");
+}
+
+// Options from their text; false (with a message) when a number does not parse.
+bool ToOptions(const OptionText& t, Options* o)
+{
+    const struct {
+        const char* name;
+        const std::string& text;
+        std::uint32_t* value;
+    } numbers[] = {{"--status", t.status, &o->status}, {"--delay", t.delay, &o->delay},
+                   {"--attention", t.attention, &o->attention}};
+    for (const auto& n : numbers) {
+        if (!n.text.empty() && !ParseNumber(n.text, n.value)) {
+            std::fprintf(stderr, "fusion-sim: %s takes a number, not \"%s\"\n", n.name, n.text.c_str());
             return false;
         }
     }
+    o->attentionEvent = !t.noAttentionEvent;
+    o->quiet = t.quiet;
+    o->auth = t.auth;
     return true;
 }
 
@@ -513,117 +540,176 @@ void WINAPI ServiceMain(DWORD, wchar_t**)
     ReportService(SERVICE_STOPPED);
 }
 
-int RunCtl(int argc, wchar_t** argv)
+// Runs one control command; `args` are its arguments.
+int RunCtl(const std::string& cmd, const std::vector<std::string>& args)
 {
-    if (argc < 3) {
-        std::fputs(kUsage, stderr);
-        return 2;
+    const std::size_t count = args.size();
+    const std::string a1 = count > 0 ? args[0] : std::string();
+    const std::string a2 = count > 1 ? args[1] : std::string();
+    // How many arguments each command takes (at least, at most).
+    struct Arity {
+        const char* name;
+        std::size_t least, most;
+    };
+    static const Arity kArity[] = {
+        {"look-away", 0, 0}, {"look-back", 0, 0}, {"attention", 1, 2}, {"signal", 1, 1},
+        {"status", 1, 1}, {"delay", 1, 1}, {"force", 2, 2}, {"unforce", 1, 1},
+        {"reply-delay", 1, 1}, {"hold", 0, 0}, {"release", 0, 0}, {"drop-event", 0, 0},
+        {"restore-event", 0, 0}, {"model", 0, 0}, {"calls", 0, 0}, {"clear-calls", 0, 0},
+        {"wait-calls", 2, 2}, {"wait-ready", 1, 1}, {"quit", 0, 0},
+    };
+    bool known = false;
+    for (const Arity& a : kArity)
+        known = known || (cmd == a.name && count >= a.least && count <= a.most);
+    if (!known || (cmd == "attention" && count == 2 && a2 != "nosignal")) {
+        std::fprintf(stderr, "fusion-sim: unknown or incomplete control command \"%s\"%s\nTry \"fusion-sim --help\".\n",
+                     cmd.c_str(), count ? " with these arguments" : "");
+        return kExitUsage;
     }
-    std::wstring cmd = argv[2];
-    const wchar_t* a1 = argc > 3 ? argv[3] : nullptr;
-    const wchar_t* a2 = argc > 4 ? argv[4] : nullptr;
     std::uint32_t n1 = 0, n2 = 0;
     bool ok = false;
-    if (cmd == L"look-away")
+    if (cmd == "look-away")
         ok = FusionSimSetAttention(0, true);
-    else if (cmd == L"look-back")
+    else if (cmd == "look-back")
         ok = FusionSimSetAttention(1, true);
-    else if (cmd == L"attention" && ParseNumber(a1, &n1))
-        ok = FusionSimSetAttention(n1, !(a2 && std::wstring(a2) == L"nosignal"));
-    else if (cmd == L"signal" && ParseNumber(a1, &n1))
+    else if (cmd == "attention" && ParseNumber(a1, &n1))
+        ok = FusionSimSetAttention(n1, !(a2 == "nosignal"));
+    else if (cmd == "signal" && ParseNumber(a1, &n1))
         ok = FusionSimSignal(static_cast<int>(n1));
-    else if (cmd == L"status" && ParseNumber(a1, &n1))
+    else if (cmd == "status" && ParseNumber(a1, &n1))
         ok = FusionSimSetStatus(n1);
-    else if (cmd == L"delay" && ParseNumber(a1, &n1))
+    else if (cmd == "delay" && ParseNumber(a1, &n1))
         ok = FusionSimSetDelay(n1);
-    else if (cmd == L"force" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
+    else if (cmd == "force" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
         ok = FusionSimForceResult(static_cast<int>(n1), static_cast<std::int32_t>(n2));
-    else if (cmd == L"unforce" && ParseNumber(a1, &n1))
+    else if (cmd == "unforce" && ParseNumber(a1, &n1))
         ok = FusionSimClearForced(static_cast<int>(n1));
-    else if (cmd == L"reply-delay" && ParseNumber(a1, &n1))
+    else if (cmd == "reply-delay" && ParseNumber(a1, &n1))
         ok = FusionSimSetReplyDelay(n1);
-    else if (cmd == L"hold" || cmd == L"release")
-        ok = FusionSimHoldReplies(cmd == L"hold");
-    else if (cmd == L"drop-event" || cmd == L"restore-event")
-        ok = FusionSimDropAttentionEvent(cmd == L"drop-event");
-    else if (cmd == L"model") {
+    else if (cmd == "hold" || cmd == "release")
+        ok = FusionSimHoldReplies(cmd == "hold");
+    else if (cmd == "drop-event" || cmd == "restore-event")
+        ok = FusionSimDropAttentionEvent(cmd == "drop-event");
+    else if (cmd == "model") {
         FusionSimModel m{};
         ok = FusionSimGetModel(&m);
         if (ok)
             std::printf("status 0x%x\ndelay %u\nattention %u\nattention-event %d\nholding %d\nreply-delay %u\npid %u\n",
                         m.statusWord, m.delay, m.attention, m.attentionEventPresent, m.holdingReplies,
                         m.replyDelayMs, m.pid);
-    } else if (cmd == L"calls") {
+    } else if (cmd == "calls") {
         std::vector<FusionSimCall> calls;
         ok = FusionSimReadCalls(&calls);
         for (const auto& c : calls)
             std::printf("%s\n", FusionSimFormatCall(c).c_str());
-    } else if (cmd == L"clear-calls")
+    } else if (cmd == "clear-calls")
         ok = FusionSimClearCalls();
-    else if (cmd == L"wait-calls" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
+    else if (cmd == "wait-calls" && ParseNumber(a1, &n1) && ParseNumber(a2, &n2))
         ok = FusionSimWaitCalls(n1, n2);
-    else if (cmd == L"wait-ready" && ParseNumber(a1, &n1))
+    else if (cmd == "wait-ready" && ParseNumber(a1, &n1))
         ok = FusionSimWaitReady(n1);
-    else if (cmd == L"quit")
+    else if (cmd == "quit")
         ok = FusionSimQuit(5000);
     else {
-        std::fprintf(stderr, "fusion-sim: unknown or incomplete control command\n%s", kUsage);
-        return 2;
+        std::fprintf(stderr, "fusion-sim: control command \"%s\": a number does not parse\n", cmd.c_str());
+        return kExitUsage;
     }
     if (!ok)
-        std::fprintf(stderr, "fusion-sim ctl %ls: failed (no simulator running?)\n", cmd.c_str());
-    return ok ? 0 : 1;
+        std::fprintf(stderr, "fusion-sim ctl %s: failed (no simulator running?)\n", cmd.c_str());
+    return ok ? kExitOk : kExitFailed;
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
-    std::wstring mode = argc > 1 ? argv[1] : L"run";
-    if (mode == L"--help" || mode == L"-h" || mode == L"help") {
-        std::fputs(kUsage, stdout);
-        return 0;
+    // The arguments as UTF-8 for the parser.
+    std::vector<std::string> args;
+    for (int i = 0; i < argc; ++i) {
+        const int n = WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, nullptr, 0, nullptr, nullptr);
+        std::string arg(n > 0 ? n - 1 : 0, '\0');
+        if (n > 1)
+            WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, arg.data(), n, nullptr, nullptr);
+        args.push_back(std::move(arg));
     }
-    if (mode == L"ctl")
-        return RunCtl(argc, argv);
-    if (mode == L"service") {
-        if (!ParseOptions(argc, argv, 2, &g_serviceOptions))
-            return 2;
+    std::vector<char*> pointers;
+    for (auto& arg : args)
+        pointers.push_back(arg.data());
+
+    CLI::App app(kDescription, "fusion-sim");
+    app.footer(kFooter);
+    app.require_subcommand(0, 1);
+    OptionText runText, installText, serviceText;
+    CLI::App* run = app.add_subcommand("run", "console mode; ends on Ctrl-C or `ctl quit`");
+    AddModelOptions(run, &runText);
+    CLI::App* install = app.add_subcommand("install", "register the service VantoqSensorFusion (demand start) "
+                                                      "with this executable and these options");
+    AddModelOptions(install, &installText);
+    CLI::App* uninstall = app.add_subcommand("uninstall", "stop (bounded wait) and delete the service");
+    CLI::App* start = app.add_subcommand("start", "start the service and wait for it to run");
+    CLI::App* stop = app.add_subcommand("stop", "stop the service and wait for it to stop");
+    CLI::App* service = app.add_subcommand("service", "the service's own entry (used by the SCM only)");
+    AddModelOptions(service, &serviceText);
+    CLI::App* ctl = app.add_subcommand("ctl", "drive a running simulator (console or service)");
+    // COMMAND [ARG]... (see the footer): taken as they are, since arguments
+    // may be negative numbers ("force -1 5").
+    ctl->prefix_command();
+
+    try {
+        app.parse(static_cast<int>(pointers.size()), pointers.data());
+    } catch (const CLI::CallForHelp&) {
+        std::fputs(app.help().c_str(), stdout);
+        return kExitOk;
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "fusion-sim: %s\nTry \"fusion-sim --help\".\n", e.what());
+        return kExitUsage;
+    }
+
+    if (ctl->parsed()) {
+        const std::vector<std::string> rest = ctl->remaining();
+        if (rest.empty())
+            return RunCtl(std::string(), {});
+        return RunCtl(rest.front(), std::vector<std::string>(rest.begin() + 1, rest.end()));
+    }
+    if (service->parsed()) {
+        if (!ToOptions(serviceText, &g_serviceOptions))
+            return kExitUsage;
         g_quitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         SERVICE_TABLE_ENTRYW table[] = {{const_cast<wchar_t*>(kFusionSimServiceName), ServiceMain},
                                         {nullptr, nullptr}};
-        return StartServiceCtrlDispatcherW(table) ? 0 : 1;
+        return StartServiceCtrlDispatcherW(table) ? kExitOk : kExitFailed;
     }
-    if (mode == L"install") {
+    if (install->parsed()) {
         Options o;
-        if (!ParseOptions(argc, argv, 2, &o))
-            return 2;
-        std::wstring args;
+        if (!ToOptions(installText, &o))
+            return kExitUsage;
+        // The service is registered with the options as they were given.
+        std::wstring options;
         for (int i = 2; i < argc; ++i)
-            args += std::wstring(argv[i]) + L" ";
-        bool ok = FusionSimInstallService(args);
+            options += std::wstring(argv[i]) + L" ";
+        bool ok = FusionSimInstallService(options);
         std::printf("fusion-sim: install %s\n", ok ? "done" : "failed");
-        return ok ? 0 : 1;
+        return ok ? kExitOk : kExitFailed;
     }
-    if (mode == L"uninstall") {
+    if (uninstall->parsed()) {
         bool ok = FusionSimUninstallService();
         std::printf("fusion-sim: uninstall %s\n", ok ? "done" : "failed");
-        return ok ? 0 : 1;
+        return ok ? kExitOk : kExitFailed;
     }
-    if (mode == L"start" || mode == L"stop") {
-        bool ok = mode == L"start" ? FusionSimStartService() : FusionSimStopService();
-        std::printf("fusion-sim: %ls %s\n", mode.c_str(), ok ? "done" : "failed");
-        return ok ? 0 : 1;
+    if (start->parsed() || stop->parsed()) {
+        bool ok = start->parsed() ? FusionSimStartService() : FusionSimStopService();
+        std::printf("fusion-sim: %s %s\n", start->parsed() ? "start" : "stop", ok ? "done" : "failed");
+        return ok ? kExitOk : kExitFailed;
     }
     Options o;
-    if (!ParseOptions(argc, argv, mode == L"run" ? 2 : 1, &o))
-        return 2;
+    if (!ToOptions(runText, &o))
+        return kExitUsage;
     if (!StartServer(o)) {
         StopServer();
-        return 1;
+        return kExitFailed;
     }
     SetConsoleCtrlHandler(ConsoleHandler, TRUE);
     WaitForSingleObject(g_quitEvent, INFINITE);
     StopServer();
-    return 0;
+    return kExitOk;
 }

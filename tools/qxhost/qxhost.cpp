@@ -23,7 +23,10 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "HostCommands.h"
+#include "Lifecycle.h"
 
 namespace {
 
@@ -49,6 +52,7 @@ constexpr int kExitWaitTimedOut = 3;
 constexpr int kExitException = 4;
 
 Plugin g_plugin;
+qxhost::Lifecycle g_lifecycle;
 DWORD g_hostThread = 0;
 std::atomic<const char*> g_currentAction{nullptr};
 
@@ -143,9 +147,19 @@ bool LoadPlugin(const std::string& path) {
   return true;
 }
 
+// Warns on standard error, after what standard output has so far.
+void Warn(const std::string& where, const std::string& text) {
+  std::lock_guard<std::mutex> lock(g_printLock);
+  std::fflush(stdout);
+  std::fprintf(stderr, "qxhost: warning: %s: %s (the lifecycle: qx_plugin_init once, then \"init\", then "
+               "actions, last \"close\")\n", where.c_str(), text.c_str());
+  std::fflush(stderr);
+}
+
 // Runs one action through qx_plugin_action and prints its result. Returns
 // false when an exception escaped the call.
-bool RunAction(const qxhost::Command& command) {
+bool RunAction(const qxhost::Command& command, const std::string& where) {
+  for (const std::string& breach : g_lifecycle.Action(command.name)) Warn(where, qxhost::Escape(breach));
   const char* params = command.nullParams ? nullptr : command.params.c_str();
   if (params)
     Print("[action] \"%s\" params: %s\n", qxhost::Escape(command.name).c_str(),
@@ -240,46 +254,47 @@ void Run(Session* session, const std::string& line, const std::string& where, bo
       if (!WaitCallback(command) && session->exitCode == kExitOk) session->exitCode = kExitWaitTimedOut;
       break;
     case qxhost::Command::Action:
-      if (!RunAction(command)) session->exitCode = kExitException;
+      if (!RunAction(command, where)) session->exitCode = kExitException;
       break;
   }
 }
 
-void Usage(FILE* out) {
-  std::fprintf(out,
-               "qxhost - a host harness for plug-in DLLs with the four qx_plugin_ exports\n"
-               "\n"
-               "Usage: qxhost [--no-init] [--null-callback] DLL [COMMAND]... [--script FILE] "
-               "[--interactive]\n"
-               "\n"
-               "Loads DLL, calls qx_plugin_init(NULL, callback) (unless --no-init), then runs\n"
-               "the COMMANDs given as arguments, then the lines of FILE, then commands typed at\n"
-               "the \"qx> \" prompt, in that order. Each action is run through\n"
-               "qx_plugin_action; its return value and result text are printed (escaped, so the\n"
-               "result's trailing line feed shows as \\n) and the result is freed with\n"
-               "qx_plugin_delete. Every host callback is printed when it arrives, with the id\n"
-               "of the thread it came on (the host thread's id is printed at start).\n"
-               "\n"
-               "Options:\n"
-               "  --script FILE    run the commands in FILE, one per line\n"
-               "  --interactive    read commands from standard input with a prompt\n"
-               "  --no-init        do not call qx_plugin_init\n"
-               "  --null-callback  pass a null callback to qx_plugin_init\n"
-               "  --help           this text\n"
-               "\n"
-               "%s"
-               "\n"
-               "Example:\n"
-               "  qxhost QXAttentionPlugin.dll ability init "
-               "\"set_attention_status={\\\"F4010\\\":{\\\"status\\\":2}}\" get_attention close\n"
-               "\n"
-               "Exceptions: a C++ exception escaping qx_plugin_action is reported and qxhost\n"
-               "carries on; a structured exception (e.g. access violation) is reported with its\n"
-               "code, address, thread and action, and qxhost ends with that code.\n"
-               "\n"
-               "Exit codes: 0 all went well, 1 usage or command error, 2 the DLL could not be\n"
-               "loaded, 3 a wait-callback timed out, 4 a C++ exception escaped an action.\n",
-               qxhost::CommandHelp());
+constexpr char kDescription[] =
+    "qxhost - a host harness for plug-in DLLs with the four qx_plugin_ exports\n"
+    "\n"
+    "Loads DLL, calls qx_plugin_init(NULL, callback) (unless --no-init), then runs\n"
+    "the COMMANDs given as arguments, then the lines of FILE, then commands typed at\n"
+    "the \"qx> \" prompt, in that order. Each action is run through\n"
+    "qx_plugin_action; its return value and result text are printed (escaped, so the\n"
+    "result's trailing line feed shows as \\n) and the result is freed with\n"
+    "qx_plugin_delete. Every host callback is printed when it arrives, with the id\n"
+    "of the thread it came on (the host thread's id is printed at start).\n";
+
+// The footer: the command language, then the rest.
+std::string Footer() {
+  return std::string(qxhost::CommandHelp()) +
+         "\n"
+         "Options go before or after the DLL and the COMMANDs; an unknown option is an\n"
+         "error. A COMMAND that starts with \"-\" goes after \"--\".\n"
+         "\n"
+         "Example:\n"
+         "  qxhost QXAttentionPlugin.dll ability init "
+         "\"set_attention_status={\\\"F4010\\\":{\\\"status\\\":2}}\" get_attention close\n"
+         "\n"
+         "Lifecycle: the plug-in expects qx_plugin_init once, then the action \"init\",\n"
+         "then any actions, and \"close\" last. qxhost warns on standard error when a run\n"
+         "breaks this (an action before qx_plugin_init, as with --no-init; \"init\" again\n"
+         "without \"close\"; an action or \"close\" after \"close\") and carries on; the\n"
+         "warnings do not change the exit code.\n"
+         "\n"
+         "Exceptions: a C++ exception escaping qx_plugin_action is reported and qxhost\n"
+         "carries on; a structured exception (e.g. access violation) is reported with its\n"
+         "code, address, thread and action, and qxhost ends with that code.\n"
+         "\n"
+         "Exit codes: 0 all went well, 1 usage error (an unknown option included), a\n"
+         "command that could not be parsed or a script that could not be read, 2 the DLL\n"
+         "could not be loaded, 3 a wait-callback timed out, 4 a C++ exception escaped an\n"
+         "action; the exception code of a structured exception.";
 }
 
 }  // namespace
@@ -288,42 +303,29 @@ int main(int argc, char** argv) {
   std::string dll;
   std::string script;
   bool interactive = false;
-  bool callInit = true;
+  bool noInit = false;
   bool nullCallback = false;
   std::vector<std::string> commands;
 
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if ((arg == "--help" || arg == "-h" || arg == "/?")) {
-      Usage(stdout);
-      return kExitOk;
-    }
-    if (arg == "--script") {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "qxhost: --script needs a file name\n");
-        return kExitUsage;
-      }
-      script = argv[++i];
-    } else if (arg == "--interactive") {
-      interactive = true;
-    } else if (arg == "--no-init") {
-      callInit = false;
-    } else if (arg == "--null-callback") {
-      nullCallback = true;
-    } else if (dll.empty()) {
-      if (arg.size() > 1 && arg[0] == '-' && arg[1] == '-') {
-        std::fprintf(stderr, "qxhost: unknown option %s (see --help)\n", arg.c_str());
-        return kExitUsage;
-      }
-      dll = arg;
-    } else {
-      commands.push_back(arg);
-    }
-  }
-  if (dll.empty()) {
-    Usage(stderr);
+  CLI::App app(kDescription, "qxhost");
+  app.footer(Footer());
+  app.get_formatter()->column_width(22);
+  app.add_option("--script", script, "run the commands in FILE, one per line")->type_name("FILE");
+  app.add_flag("--interactive", interactive, "read commands from standard input with a prompt");
+  app.add_flag("--no-init", noInit, "do not call qx_plugin_init");
+  app.add_flag("--null-callback", nullCallback, "pass a null callback to qx_plugin_init");
+  app.add_option("DLL", dll, "the plug-in DLL")->required()->type_name("");
+  app.add_option("COMMAND", commands, "commands, run in order (see below)")->type_name("");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    std::fputs(app.help().c_str(), stdout);
+    return kExitOk;
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "qxhost: %s\nTry \"qxhost --help\".\n", e.what());
     return kExitUsage;
   }
+  const bool callInit = !noInit;
 
   SetUnhandledExceptionFilter(OnUnhandledException);
   g_hostThread = GetCurrentThreadId();
@@ -331,6 +333,7 @@ int main(int argc, char** argv) {
   Print("qxhost: loaded %s; host thread %lu\n", dll.c_str(), static_cast<unsigned long>(g_hostThread));
 
   if (callInit) {
+    g_lifecycle.PluginInit();
     const int rc = g_plugin.init(nullptr, nullCallback ? nullptr : OnHostCallback);
     Print("[init] qx_plugin_init -> %d\n", rc);
   }

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The log reader's output read back by the tools support engineers use: jq on
+# logread's JSON Lines (records and summary), and lnav, headless, on the two
+# logs with the formats in share/lnav (installed as the documentation says,
+# with `lnav -i`, into a scratch HOME). What each query prints is compared with
+# data/external-readers.expected, written by hand from the sample logs.
+# Usage: external-readers.sh LOGREAD SOURCE_DIR
+set -euo pipefail
+logread=$1
+src=$2
+data=$src/tests/native/data
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# The plug-in's sample as a .logdat file: each line one frame, an empty line
+# one more line feed of the record before it (python3 is a build dependency).
+python3 - "$data/session-plugin.txt" <<'PY' > QXAttentionPlugin.log.logdat
+import struct, sys
+records = []
+for line in open(sys.argv[1], encoding="utf-8").read().split("\n")[:-1]:
+    if line == "" and records:
+        records[-1] += "\n"
+    else:
+        records.append(line + "\n")
+for record in records:
+    text = record.encode()
+    sys.stdout.buffer.write(struct.pack("<I", len(text)) + bytes(255 - b for b in text))
+PY
+cp "$data/session-sensor.log" SensorLibLog.log
+"$logread" QXAttentionPlugin.log.logdat > QXAttentionPlugin.log
+
+{
+  echo "== jq: records, warnings and errors, the resp record's message"
+  "$logread" --json QXAttentionPlugin.log.logdat SensorLibLog.log > records.jsonl
+  jq -s 'length' records.jsonl
+  jq -c 'select(.level == "WAR" or .level == "ERR") | [.file, .time, .level, .thread, .source, .line, .message]' records.jsonl
+  jq -c 'select(.line == 341 and (.message | contains("cmd"))) | .message' records.jsonl
+  jq -c 'select(.level == null and .time == null) | [.file, .message]' records.jsonl
+
+  echo "== jq: summary"
+  "$logread" --summary --json QXAttentionPlugin.log.logdat SensorLibLog.log > summary.jsonl
+  jq -c '[.session, .start, .inits[0].took_ms, .closes, (.telemetry_reports | length), (.failures | length)]' summary.jsonl
+  jq -r '.failures[].meaning' summary.jsonl | grep -c 'error_code' || true
+  jq -r '.failures[] | select(.message | contains("1722")) | .meaning' summary.jsonl
+
+  echo "== lnav: formats"
+  export HOME=$work/home
+  mkdir -p "$HOME"
+  lnav -i "$src/share/lnav/qx_attention_log.json" >/dev/null
+  lnav -i "$src/share/lnav/qx_sensorlib_log.json" >/dev/null
+  lnav -n -c ";SELECT count(*) AS records, sum(log_level = 'warning') AS warnings, count(DISTINCT thread) AS threads FROM qx_attention_log" \
+       -c ':write-csv-to -' QXAttentionPlugin.log
+  lnav -n -c ";SELECT log_level, thread, source, line, log_body FROM qx_attention_log WHERE log_level <> 'info'" \
+       -c ':write-csv-to -' QXAttentionPlugin.log
+  lnav -n -c ";SELECT line, log_body FROM qx_attention_log WHERE line = 341 AND log_body LIKE '%cmd%'" \
+       -c ':write-csv-to -' QXAttentionPlugin.log
+  lnav -n -c ";SELECT strftime('%H:%M:%f', log_time) AS time, log_level, log_body FROM qx_sensorlib_log WHERE log_level = 'error'" \
+       -c ':write-csv-to -' SensorLibLog.log
+} > actual.txt
+
+if diff -u "$data/external-readers.expected" actual.txt; then
+  echo "external readers: all output as expected"
+else
+  echo "external readers: output differs (- expected, + actual)"
+  exit 1
+fi
