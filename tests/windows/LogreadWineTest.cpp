@@ -78,8 +78,19 @@ TEST(LogreadWindows, TornLastFrameExitsWithThree) {
 }
 
 // The logger deletes its file at the size limit while logread follows it:
-// the deletion must succeed (logread holds no handle that prevents it or
-// keeps the name from being used again), and the new file is read.
+// the deletion must succeed (logread opens the file with delete sharing), the
+// name must come free within a poll or two (logread holds no handle between
+// polls), and the new file is read from its beginning. A delete while logread
+// has the file open for a read leaves the name taken until that read ends
+// (Windows' delete-pending state; Wine keeps it too, and the file written
+// under the name in between vanishes with the reader's handle), so the
+// writer here waits for the name to come free, as a new record would find it.
+bool WaitUntilGone(const std::wstring& path, DWORD limit_ms = 5000) {
+  for (DWORD waited = 0; waited <= limit_ms; waited += 10, Sleep(10))
+    if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return true;
+  return false;
+}
+
 TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
   const std::wstring dir = TempDir(L"logread-follow");
   const std::wstring log = dir + L"\\QXAttentionPlugin.log.logdat";
@@ -88,10 +99,12 @@ TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
   ASSERT_TRUE(tool.WaitForOutput(kRecords[0]));
   for (int round = 0; round < 10; ++round) {  // catch the tool while it reads, too
     ASSERT_TRUE(DeleteFileW(log.c_str())) << "round " << round << ": " << GetLastError();
+    ASSERT_TRUE(WaitUntilGone(log)) << "round " << round << ": logread keeps the deleted name";
     WriteFileBytes(log, Frames({kRecords[0]}));
     Sleep(37);
   }
   ASSERT_TRUE(DeleteFileW(log.c_str())) << GetLastError();
+  ASSERT_TRUE(WaitUntilGone(log)) << "logread keeps the deleted name";
   Sleep(500);
   WriteFileBytes(log, Frames({kRecords[1]}));
   EXPECT_TRUE(tool.WaitForOutput(kRecords[1])) << tool.out();
