@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Installs, from Debian's own packages, everything the build, the tests and the
-# demo need: the mingw-w64 cross compiler, widl, Wine, GoogleTest sources, clang
-# for the native fuzz/sanitizer builds, and the jsoncpp source package (fetched
+# Installs, from Debian's own packages, everything the build, the tests, the
+# demo and the release need: the mingw-w64 cross compiler, widl, Wine,
+# GoogleTest sources, clang for the native fuzz/sanitizer builds (and, with
+# lld-link, for the MSVC-style host of the package test), llvm-dlltool for the
+# MSVC import library, osslsigncode and openssl for signing, git for the
+# commit's time, zip for the archive, and the jsoncpp source package (fetched
 # by the build with apt-get source, so a deb-src entry is added here).
 # Safe to run again: it only installs what is missing.
 set -euo pipefail
@@ -21,6 +24,7 @@ packages=(
   wine wine64 googletest dpkg-dev
   winbind
   clang libclang-rt-14-dev
+  git llvm lld osslsigncode openssl zip
 )
 
 missing=()
