@@ -21,18 +21,26 @@ foreach(line ${imports})
   endif()
 endforeach()
 
-# Export table: the lines after "[Ordinal/Name Pointer] Table" name the exports.
+# Export table: the rows after "[Ordinal/Name Pointer] Table" name the exports.
+# binutils 2.40 (Debian 12) prints rows as "[   0] qx_plugin_action"; binutils
+# 2.44 (Debian 13) first prints a column header ("Ordinal   Hint Name") and then
+# rows as "[   0] +base[   1]  0000 qx_plugin_action".
 string(FIND "${dump}" "[Ordinal/Name Pointer] Table" at)
 set(found "")
 if(at GREATER -1)
   string(SUBSTRING "${dump}" ${at} -1 rest)
   string(REPLACE "\n" ";" lines "${rest}")
   list(REMOVE_AT lines 0)
+  set(in_rows FALSE)
   foreach(line IN LISTS lines)
-    if(NOT line MATCHES "^[ \t]+\\[ *[0-9]+\\] (.+)$")
+    if(line MATCHES "^[ \t]+\\[ *[0-9]+\\] (\\+base\\[ *[0-9]+\\] +[0-9a-fA-F]+ +)?([^ ]+)$")
+      list(APPEND found "${CMAKE_MATCH_2}")
+      set(in_rows TRUE)
+    elseif(NOT in_rows AND line MATCHES "^[ \t]*Ordinal +Hint +Name[ \t]*$")
+      # the column header of newer binutils
+    else()
       break()
     endif()
-    list(APPEND found "${CMAKE_MATCH_1}")
   endforeach()
 endif()
 list(SORT found)

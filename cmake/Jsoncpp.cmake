@@ -1,6 +1,9 @@
 # jsoncpp is built from Debian's source package (libjsoncpp), fetched with
 # `apt-get source --download-only` into the build tree the first time the
-# project is configured. Nothing of it is kept in the repository.
+# project is configured. Nothing of it is kept in the repository. It is always
+# bookworm's (1.9.5), whatever suite the build machine runs, so that every
+# build host ships the same jsoncpp (scripts/install-deps.sh adds the deb-src
+# entry for bookworm).
 # Defines the static library target qx_jsoncpp.
 set(QX_JSONCPP_VERSION 1.9.5)
 set(QX_JSONCPP_DIR ${CMAKE_BINARY_DIR}/_deps/jsoncpp-${QX_JSONCPP_VERSION})
@@ -10,14 +13,14 @@ if(NOT EXISTS ${QX_JSONCPP_DIR}/src/lib_json/json_value.cpp)
   file(MAKE_DIRECTORY ${_dl})
   file(GLOB _tarball ${_dl}/libjsoncpp_${QX_JSONCPP_VERSION}.orig.tar.*)
   if(NOT _tarball)
-    message(STATUS "jsoncpp: fetching Debian's source package libjsoncpp")
-    execute_process(COMMAND apt-get source --download-only libjsoncpp
+    message(STATUS "jsoncpp: fetching Debian bookworm's source package libjsoncpp")
+    execute_process(COMMAND apt-get source --download-only libjsoncpp/bookworm
                     WORKING_DIRECTORY ${_dl}
                     RESULT_VARIABLE _rc OUTPUT_QUIET ERROR_VARIABLE _err)
     file(GLOB _tarball ${_dl}/libjsoncpp_${QX_JSONCPP_VERSION}.orig.tar.*)
     if(NOT _tarball)
       message(FATAL_ERROR
-        "jsoncpp: 'apt-get source --download-only libjsoncpp' failed (${_rc}): ${_err}\n"
+        "jsoncpp: 'apt-get source --download-only libjsoncpp/bookworm' failed (${_rc}): ${_err}\n"
         "Run scripts/install-deps.sh first: it adds the deb-src entry this needs.")
     endif()
   endif()

@@ -1,11 +1,23 @@
 #!/usr/bin/env bash
 # Installs, from Debian's own packages, everything the build, the tests, the
-# demo and the release need: the mingw-w64 cross compiler, widl, Wine,
-# GoogleTest sources, clang for the native fuzz/sanitizer builds (and, with
-# lld-link, for the MSVC-style host of the package test), llvm-dlltool for the
-# MSVC import library, osslsigncode and openssl for signing, git for the
-# commit's time, zip for the archive, and the jsoncpp source package (fetched
-# by the build with apt-get source, so a deb-src entry is added here).
+# demo and the release need: the mingw-w64 cross compiler, Wine, GoogleTest
+# sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
+# (clang and lld-link also build the MSVC-style host of the package test),
+# llvm-dlltool for the MSVC import library, osslsigncode and openssl for
+# signing, git for the commit's time, zip for the archive, and a deb-src entry
+# for jsoncpp's source package (fetched by the build with apt-get source).
+#
+# Works on Debian 12 (bookworm) and Debian 13 (trixie); the suite is read from
+# /etc/os-release, and what differs between them is chosen here:
+#  - the clang sanitizer runtime is versioned (libclang-rt-14-dev on 12,
+#    libclang-rt-19-dev on 13): the version of the suite's default clang is used;
+#  - jsoncpp's source comes from bookworm on every suite (one jsoncpp version,
+#    1.9.5-4, whatever Debian builds the DLL), so the deb-src entry always names
+#    bookworm;
+#  - the IDL compiler: Debian 13's widl is used as installed; on Debian 12 the
+#    build fetches Debian 13's into the build tree (cmake/Widl.cmake).
+# The release tools (llvm, lld, osslsigncode, openssl, zip) have the same
+# package names on both suites.
 # Safe to run again: it only installs what is missing.
 set -euo pipefail
 
@@ -17,28 +29,42 @@ need_root() {
   fi
 }
 
+suite=$( . /etc/os-release 2>/dev/null; echo "${VERSION_CODENAME:-}" )
+case "$suite" in
+  bookworm) clang_major=14 ;;
+  trixie) clang_major=19 ;;
+  *)
+    clang_major=""
+    echo "install-deps: Debian suite '${suite:-unknown}' is not one this project is tested on" \
+         "(bookworm, trixie); trying anyway" >&2
+    ;;
+esac
+
 packages=(
   ca-certificates cmake ninja-build make g++ pkg-config python3
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-tools
   binutils-mingw-w64-x86-64
-  wine wine64 googletest dpkg-dev
+  wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
-  clang libclang-rt-14-dev
+  clang
   git llvm lld osslsigncode openssl zip
 )
+[ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 
-# jsoncpp for the cross build comes from Debian's source package; apt-get source
-# needs a deb-src entry for the same archive the machine already installs from.
-srcfile=/etc/apt/sources.list.d/qx-jsoncpp-src.list
-need_src=0
-if ! grep -rqs '^[^#]*deb-src' /etc/apt/sources.list /etc/apt/sources.list.d/ \
-   && ! grep -rqs '^Types:.*deb-src' /etc/apt/sources.list.d/; then
-  need_src=1
+# jsoncpp for the cross build comes from bookworm's source package; apt-get
+# source needs a deb-src entry for bookworm main of the archive the machine
+# already installs from. Ours is the file below; an entry of the machine's own
+# for bookworm does as well.
+srcfile=/etc/apt/sources.list.d/qx-jsoncpp-src
+need_src=1
+if [ -f "$srcfile.sources" ] || [ -f "$srcfile.list" ] \
+   || grep -rqs -E '^[^#]*deb-src .* bookworm .*main' /etc/apt/sources.list /etc/apt/sources.list.d/*.list; then
+  need_src=0
 fi
 
 if [ ${#missing[@]} -eq 0 ] && [ $need_src -eq 0 ]; then
@@ -61,25 +87,27 @@ if [ $need_src -eq 1 ]; then
       echo "Suites: bookworm"
       echo "Components: main"
       [ -n "$signed" ] && echo "Signed-By: $signed"
-    } > "${srcfile%.list}.sources"
+    } > "$srcfile.sources"
   else
-    line=$(grep -h -s -E '^deb +(\[[^]]*\] +)?[a-z]+://[^ ]+ +bookworm +' /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null | head -n1 || true)
-    if [ -n "$line" ]; then
-      line="deb-src${line#deb}"
-      line=$(echo "$line" | awk '{ for (i=1;i<=NF;i++) { printf "%s%s", (i>1?" ":""), $i; if ($i=="bookworm") { print " main"; exit } } }')
-    else
-      line="deb-src http://deb.debian.org/debian bookworm main"
-    fi
+    uri=$(grep -h -s -E '^deb +(\[[^]]*\] +)?[a-z]+://[^ ]+/debian/? ' /etc/apt/sources.list \
+          /etc/apt/sources.list.d/*.list 2>/dev/null | head -n1 \
+          | sed -E 's/^deb +(\[[^]]*\] +)?([^ ]+).*/\2/' || true)
+    line="deb-src ${uri:-http://deb.debian.org/debian} bookworm main"
     echo "install-deps: adding '$line'"
-    echo "$line" > "$srcfile"
+    echo "$line" > "$srcfile.list"
   fi
 fi
 
 export DEBIAN_FRONTEND=noninteractive
 echo "install-deps: apt-get update"
 apt-get update -q >/dev/null
+if [ -z "$clang_major" ]; then
+  # An untested suite: take the runtime of whatever clang it installs.
+  clang_major=$(apt-cache depends clang 2>/dev/null | sed -n -E 's/.*Depends: clang-([0-9]+)$/\1/p' | head -n1)
+  [ -n "$clang_major" ] && missing+=("libclang-rt-$clang_major-dev")
+fi
 if [ ${#missing[@]} -gt 0 ]; then
-  echo "install-deps: installing ${missing[*]}"
+  echo "install-deps: installing ${missing[*]} (Debian ${suite:-unknown})"
   apt-get install -y -q --no-install-recommends "${missing[@]}" >/dev/null
 fi
 echo "install-deps: done"
