@@ -4,8 +4,9 @@
 # sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
 # (clang and lld-link also build the MSVC-style host of the package test),
 # llvm-dlltool for the MSVC import library, osslsigncode and openssl for
-# signing, git for the commit's time, zip for the archive, and a deb-src entry
-# for jsoncpp's source package (fetched by the build with apt-get source).
+# signing, git for the commit's time, zip and file (CPack) for the packages,
+# and a deb-src entry for jsoncpp's source package (fetched by the build with
+# apt-get source).
 #
 # Works on Debian 12 (bookworm) and Debian 13 (trixie); the suite is read from
 # /etc/os-release, and what differs between them is chosen here:
@@ -16,8 +17,8 @@
 #    bookworm;
 #  - the IDL compiler: Debian 13's widl is used as installed; on Debian 12 the
 #    build fetches Debian 13's into the build tree (cmake/Widl.cmake).
-# The release tools (llvm, lld, osslsigncode, openssl, zip) have the same
-# package names on both suites.
+# The release tools (llvm, lld, osslsigncode, openssl, zip, file) have the
+# same package names on both suites.
 # Safe to run again: it only installs what is missing.
 set -euo pipefail
 
@@ -47,7 +48,7 @@ packages=(
   wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
   clang
-  git llvm lld osslsigncode openssl zip
+  git llvm lld osslsigncode openssl zip file
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 
