@@ -234,8 +234,8 @@ unsigned __stdcall FloorEventThread(void*) {
     std::snprintf(text, sizeof text, "Event occur: %d.%d:%d:%d:%d:%d", t.wMonth, t.wDay, t.wHour, t.wMinute,
                   t.wSecond, t.wMilliseconds);
     SensorLibLogWrite("Event!%s", text);
-    byte record[4];
-    FusionRpcGetSensorData(g_binding, 6, 4, record);
+    FusionRecord record;
+    FusionRpcGetSensorData(g_binding, 6, 4, &record);
     SensorLibLogWrite("SensorDataCallback,id %d\n", 6);
     char line[64];
     std::snprintf(line, sizeof line, "attention_status changed:%u", 0u);

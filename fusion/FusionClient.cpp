@@ -109,6 +109,20 @@ std::int32_t GetSensorDataSize(std::int32_t id)
 
 byte* Bytes(void* p) { return static_cast<byte*>(p); }
 
+// Copies a fetched record into `out`, which holds `size` bytes. A reply whose
+// count is not the size asked for is refused before anything is copied (the
+// stubs check no correlated argument: see FusionRpc.idl), with the code the RPC
+// runtime raises for a malformed reply, RPC_X_BAD_STUB_DATA: raised inside the
+// guard, it ends the call with one exception line and result 1, and the
+// caller's buffer keeps what it held.
+void TakeRecord(const FusionRecord& record, std::int32_t size, void* out)
+{
+    if (record.size != size || size < 0 || static_cast<std::size_t>(size) > sizeof record.bytes)
+        RpcRaiseException(RPC_X_BAD_STUB_DATA);
+    if (size > 0)
+        std::memcpy(out, &record.bytes, static_cast<std::size_t>(size));
+}
+
 // Stop event, named sensor event and thread of one index (FusionSetting step 4,
 // StartFusion 1). Returns 0, 0x10000000 + index or 0x20000000 + index.
 std::int32_t StartSensorThread(int index)
@@ -186,7 +200,9 @@ std::int32_t GetFusionStatus(void*, std::uint32_t* status)
 {
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded("GetFusionStatus::Runtime reported exception 0x%lx = %ld\n", [&] {
-        std::int32_t r = FusionRpcGetSensorStatus(Binding(), kFusionAttentionIndex, 4, Bytes(status));
+        FusionRecord record;
+        std::int32_t r = FusionRpcGetSensorStatus(Binding(), kFusionAttentionIndex, 4, &record);
+        TakeRecord(record, 4, status);
         SensorLibLogWrite("%d", static_cast<int>(*status));
         return r;
     });
@@ -198,7 +214,10 @@ std::int32_t GetFusionDelay(void*, std::uint32_t* delay)
 {
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorParam(Binding(), kFusionAttentionIndex, 4, Bytes(delay));
+        FusionRecord record;
+        std::int32_t r = FusionRpcGetSensorParam(Binding(), kFusionAttentionIndex, 4, &record);
+        TakeRecord(record, 4, delay);
+        return r;
     });
     LeaveCriticalSection(&g_fusion.lock);
     return result;
@@ -222,7 +241,10 @@ std::int32_t GetSensorData(std::int32_t id, void* data)
     std::int32_t size = GetSensorDataSize(id);
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorData(Binding(), id, size, Bytes(data));
+        FusionRecord record;
+        std::int32_t r = FusionRpcGetSensorData(Binding(), id, size, &record);
+        TakeRecord(record, size, data);
+        return r;
     });
     LeaveCriticalSection(&g_fusion.lock);
     return result;
@@ -338,7 +360,10 @@ std::int32_t SensorDataCallback(std::int32_t id)
     }
     EnterCriticalSection(&g_fusion.lock);
     std::int32_t result = Guarded(kExceptionText, [&] {
-        return FusionRpcGetSensorData(Binding(), id, size, buffer);
+        FusionRecord record;
+        std::int32_t r = FusionRpcGetSensorData(Binding(), id, size, &record);
+        TakeRecord(record, size, buffer);
+        return r;
     });
     LeaveCriticalSection(&g_fusion.lock);
     if (result == 0 && g_fusion.dataCallback) {

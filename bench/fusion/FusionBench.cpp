@@ -47,11 +47,11 @@ int main(int argc, char** argv) {
   // Interleaved, so that drift hits all kinds alike.
   std::vector<double> us[4];
   std::uint32_t word = 0, delay = 0, newDelay = 20;
-  byte buf[4];
+  FusionRecord buf;
   for (int i = 0; i < calls; ++i) {
     double t[5];
     t[0] = bench::Seconds();
-    FusionRpcGetSensorStatus(g_fusion.bindingHandle, 6, 4, buf);
+    FusionRpcGetSensorStatus(g_fusion.bindingHandle, 6, 4, &buf);
     t[1] = bench::Seconds();
     GetFusionStatus(nullptr, &word);
     t[2] = bench::Seconds();

@@ -189,6 +189,20 @@ void PutWord(unsigned char* data, long size, std::uint32_t value)
         data[i] = i < 4 ? static_cast<unsigned char>(value >> (8 * i)) : 0;
 }
 
+// The reply's record: its count is the size asked for (a size with no arm in
+// FusionRecord goes back as that count and no bytes); returns its bytes.
+unsigned char* Record(FusionRecord* record, long size)
+{
+    record->size = size;
+    std::memset(&record->bytes, 0, sizeof record->bytes);
+    return reinterpret_cast<unsigned char*>(&record->bytes);
+}
+
+long Fits(long size)
+{
+    return size < 0 ? 0 : size > static_cast<long>(sizeof(FusionRecord::bytes)) ? sizeof(FusionRecord::bytes) : size;
+}
+
 }  // namespace
 
 extern "C" {
@@ -202,9 +216,11 @@ LONG __cdecl FusionRpcSetting(handle_t, LONG mask)
     return EndCall(slot, 0, 0, nullptr, 0);
 }
 
-LONG __cdecl FusionRpcGetSensorData(handle_t, LONG id, LONG size, byte* data)
+LONG __cdecl FusionRpcGetSensorData(handle_t, LONG id, LONG size, FusionRecord* record)
 {
     int slot = BeginCall(1, id, size, nullptr, 0);
+    unsigned char* data = Record(record, size);
+    size = Fits(size);
     Lock();
     std::uint32_t attention = g_block->attention;
     Unlock();
@@ -240,9 +256,11 @@ LONG __cdecl FusionRpcStartSensor(handle_t, LONG id, LONG param)
     return EndCall(slot, 3, 0, nullptr, 0);
 }
 
-LONG __cdecl FusionRpcGetSensorStatus(handle_t, LONG id, LONG size, byte* data)
+LONG __cdecl FusionRpcGetSensorStatus(handle_t, LONG id, LONG size, FusionRecord* record)
 {
     int slot = BeginCall(4, id, size, nullptr, 0);
+    unsigned char* data = Record(record, size);
+    size = Fits(size);
     Lock();
     std::uint32_t word = id == 6 ? g_block->statusWord : 0;
     Unlock();
@@ -256,9 +274,11 @@ LONG __cdecl FusionRpcUnInit(handle_t, LONG mask)
     return EndCall(slot, 5, 0, nullptr, 0);
 }
 
-LONG __cdecl FusionRpcGetSensorParam(handle_t, LONG id, LONG size, byte* data)
+LONG __cdecl FusionRpcGetSensorParam(handle_t, LONG id, LONG size, FusionRecord* record)
 {
     int slot = BeginCall(6, id, size, nullptr, 0);
+    unsigned char* data = Record(record, size);
+    size = Fits(size);
     Lock();
     std::uint32_t delay = id == 6 ? g_block->delay : 0;
     Unlock();
