@@ -5,13 +5,15 @@
 #include <cstring>
 #include <exception>
 
+#include "qx_plugin.h"
+
 PluginActionKind classify_action(const std::string& name) {
-  if (name == "ability") return PluginActionKind::Ability;
-  if (name == "init") return PluginActionKind::Init;
-  if (name == "close") return PluginActionKind::Close;
-  if (name == "get_attention") return PluginActionKind::GetAttention;
-  if (name == "set_attention_status") return PluginActionKind::SetAttentionStatus;
-  if (name == "set_attention_delay") return PluginActionKind::SetAttentionDelay;
+  if (name == QX_ACTION_ABILITY) return PluginActionKind::Ability;
+  if (name == QX_ACTION_INIT) return PluginActionKind::Init;
+  if (name == QX_ACTION_CLOSE) return PluginActionKind::Close;
+  if (name == QX_ACTION_GET_ATTENTION) return PluginActionKind::GetAttention;
+  if (name == QX_ACTION_SET_ATTENTION_STATUS) return PluginActionKind::SetAttentionStatus;
+  if (name == QX_ACTION_SET_ATTENTION_DELAY) return PluginActionKind::SetAttentionDelay;
   return PluginActionKind::Unknown;
 }
 
@@ -28,7 +30,7 @@ ParamRead read_feature_member(const char* params, const char* member, int* value
   }
   if (!parsed || !root.isObject()) return ParamRead::DocumentInvalid;
 
-  const Json::Value section = root["F4010"];
+  const Json::Value section = root[QX_FEATURE_ID];
   if (!section.isObject()) return ParamRead::SectionInvalid;
 
   // Deliberately outside any try block: an unconvertible member raises
@@ -47,7 +49,7 @@ std::string build_ability_response(std::uint32_t ability, std::int32_t status, s
   items["status"] = status;
   Json::Value response;
   response["ability"] = static_cast<Json::UInt>(ability);
-  response["id"] = "F4010";
+  response["id"] = QX_FEATURE_ID;
   response["items"] = items;
   response["plugin"] = "Attention";
   return Json::FastWriter().write(response);

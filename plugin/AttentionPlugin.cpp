@@ -54,16 +54,16 @@ std::string RunSetStatus(const char* params) {
   switch (read_feature_member(params, "status", &status)) {
     case ParamRead::DocumentInvalid:
       QX_LOG(LogInfo, 254, L"reader.parse error");
-      return build_error_response(-3);
+      return build_error_response(QX_ERROR_BAD_PARAMS);
     case ParamRead::SectionInvalid:
       QX_LOG(LogInfo, 261, L"reader.parse error");
-      return build_error_response(-3);
+      return build_error_response(QX_ERROR_BAD_PARAMS);
     case ParamRead::Ok:
       break;
   }
   if (!status_in_range(status)) {
     QX_LOG(LogInfo, 268, L"invalid status value: %d", status);
-    return build_error_response(1);
+    return build_error_response(QX_ERROR_OUT_OF_RANGE);
   }
 
   int newStatus = 0;
@@ -85,16 +85,16 @@ std::string RunSetDelay(const char* params) {
   switch (read_feature_member(params, "delay", &delay)) {
     case ParamRead::DocumentInvalid:
       QX_LOG(LogInfo, 294, L"reader.parse error");
-      return build_error_response(-3);
+      return build_error_response(QX_ERROR_BAD_PARAMS);
     case ParamRead::SectionInvalid:
       QX_LOG(LogInfo, 301, L"reader.parse error");
-      return build_error_response(-3);
+      return build_error_response(QX_ERROR_BAD_PARAMS);
     case ParamRead::Ok:
       break;
   }
   if (!delay_in_range(delay)) {
     QX_LOG(LogInfo, 308, L"invalid delay value: %d", delay);
-    return build_error_response(1);
+    return build_error_response(QX_ERROR_OUT_OF_RANGE);
   }
   QX_LOG(LogInfo, 312, L"delay value: %d", delay);
 
@@ -162,7 +162,7 @@ int PluginAction(const char* action, const char* params, char** result) {
       response = RunSetDelay(params);
       break;
     case PluginActionKind::Unknown:
-      response = build_error_response(4);
+      response = build_error_response(QX_ERROR_UNKNOWN_ACTION);
       break;
   }
 

@@ -3,9 +3,8 @@
 
 #include <cstdint>
 
-// The host's callback: (kind, name, JSON text, 0, 0); its result is ignored.
-using HostCallback = int (*)(const char* kind, const char* name, const char* json,
-                             std::uintptr_t reserved, std::int32_t flags);
+// The exports, HostCallback, the action names and the error codes.
+#include "qx_plugin.h"
 
 extern HostCallback g_host_callback;
 extern std::uint32_t g_ability;

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Installs, from Debian's own packages, everything the build, the tests and the
-# demo need: the mingw-w64 cross compiler, Wine, GoogleTest sources, clang and
-# its sanitizer runtime for the native fuzz/sanitizer builds, CLI11 (header-only
-# command-line parser of the tools), lnav and jq (the log reader's tests read
-# its output with them), and a deb-src entry for jsoncpp's source package
-# (fetched by the build with apt-get source).
+# Installs, from Debian's own packages, everything the build, the tests, the
+# demo and the release need: the mingw-w64 cross compiler, Wine, GoogleTest
+# sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
+# (clang and lld-link also build the MSVC-style host of the package test),
+# CLI11 (header-only command-line parser of the tools), lnav and jq (the log
+# reader's tests read its output with them), llvm-dlltool for the MSVC import
+# library, osslsigncode and openssl for signing, git for the commit's time, zip
+# and file (CPack) for the packages, and a deb-src entry for jsoncpp's source
+# package (fetched by the build with apt-get source).
 #
 # Works on Debian 12 (bookworm) and Debian 13 (trixie); the suite is read from
 # /etc/os-release, and what differs between them is chosen here:
@@ -15,6 +18,8 @@
 #    bookworm;
 #  - the IDL compiler: Debian 13's widl is used as installed; on Debian 12 the
 #    build fetches Debian 13's into the build tree (cmake/Widl.cmake).
+# The release tools (llvm, lld, osslsigncode, openssl, zip, file) have the
+# same package names on both suites.
 # Safe to run again: it only installs what is missing.
 set -euo pipefail
 
@@ -45,6 +50,7 @@ packages=(
   winbind
   clang
   libcli11-dev lnav jq
+  git llvm lld osslsigncode openssl zip file
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 

@@ -1,0 +1,179 @@
+# What ships, and how it is packaged (scripts/release.sh drives it).
+#
+# Windows build:
+#  - a VERSIONINFO resource (project version, "Vantoq") in the DLL and in every
+#    shipped .exe;
+#  - stripped copies of the shipped binaries in ship/bin, their debug
+#    information in ship/debug/NAME.debug, linked by a .gnu_debuglink section;
+#  - the import libraries in ship/lib: the GNU one from the link and an
+#    MSVC-format QXAttentionPlugin.lib written by llvm-dlltool from the .def;
+#  - install() rules and CPack for QXAttentionPlugin-<version>-win64.zip.
+# Native build: install() and CPack (DEB) for qx-logread_<version>_amd64.deb.
+#
+# The test variant QXAttentionPlugin-noauth.dll gets a version resource, but
+# no install() rule: packaging/StageFiles.cmake also refuses a staged tree that
+# holds it.
+include_guard(GLOBAL)
+
+set(QX_PRODUCT_NAME "QX Attention Plug-in")
+set(QX_SHIP_DIR ${CMAKE_BINARY_DIR}/ship)
+
+set(CPACK_PACKAGE_NAME QXAttentionPlugin)
+set(CPACK_PACKAGE_VENDOR Vantoq)
+set(CPACK_PACKAGE_CONTACT Vantoq)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+# Time stamps and modes of the staged files, and the check for the test variant.
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/packaging/StageFiles.cmake)
+set(CPACK_VERBATIM_VARIABLES ON)
+
+if(NOT WIN32)
+  # logread for the support engineers' Linux machines.
+  install(TARGETS logread RUNTIME DESTINATION bin)
+  # The reader's guide, the record list and the lnav formats.
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/logread.md ${CMAKE_SOURCE_DIR}/docs/log-records.md
+          DESTINATION share/doc/qx-logread)
+  install(DIRECTORY ${CMAKE_SOURCE_DIR}/share/lnav/ DESTINATION share/qx-logread/lnav
+          FILES_MATCHING PATTERN "*.json")
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_STRIP_FILES ON)
+  set(CPACK_DEBIAN_PACKAGE_NAME qx-logread)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+      "reader of the attention plug-in's log files (.logdat)")
+  set(CPACK_PACKAGE_DESCRIPTION
+      "logread decodes the obfuscated .logdat log files that QXAttentionPlugin.dll
+writes on Windows machines, prints plain log files as they are, and can follow
+a growing log file.")
+  include(CPack)
+  return()
+endif()
+
+find_program(QX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-19 llvm-dlltool-14 REQUIRED)
+
+# qx_version_resource(TARGET DESCRIPTION): compiles a VERSIONINFO resource with
+# windres and links it into TARGET. The resource is compiled here, not as an
+# .rc source of the target, so that the targets' C++ compile options never
+# reach windres.
+function(qx_version_resource target description)
+  get_target_property(type ${target} TYPE)
+  get_target_property(base ${target} OUTPUT_NAME)
+  if(NOT base)
+    set(base ${target})
+  endif()
+  if(type STREQUAL "SHARED_LIBRARY")
+    set(QX_RC_FILE ${base}.dll)
+    set(QX_RC_FILETYPE VFT_DLL)
+  else()
+    set(QX_RC_FILE ${base}.exe)
+    set(QX_RC_FILETYPE VFT_APP)
+  endif()
+  set(QX_RC_DESCRIPTION "${description}")
+  set(QX_RC_INTERNAL ${base})
+  set(rc ${CMAKE_BINARY_DIR}/version/${target}.rc)
+  set(obj ${CMAKE_BINARY_DIR}/version/${target}.res.o)
+  configure_file(${CMAKE_SOURCE_DIR}/packaging/version.rc.in ${rc} @ONLY)
+  add_custom_command(OUTPUT ${obj}
+    COMMAND ${CMAKE_RC_COMPILER} -O coff -i ${rc} -o ${obj}
+    DEPENDS ${rc}
+    COMMENT "windres ${target}.rc"
+    VERBATIM)
+  add_custom_target(${target}_version DEPENDS ${obj})
+  add_dependencies(${target} ${target}_version)
+  target_sources(${target} PRIVATE ${obj})
+  set_source_files_properties(${obj} TARGET_DIRECTORY ${target}
+                              PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
+endfunction()
+
+# qx_ship_binary(TARGET): ship/bin/NAME stripped, with a .gnu_debuglink to
+# ship/debug/NAME.debug, which keeps the debug information and the symbols.
+function(qx_ship_binary target out_var)
+  get_target_property(type ${target} TYPE)
+  get_target_property(base ${target} OUTPUT_NAME)
+  if(NOT base)
+    set(base ${target})
+  endif()
+  if(type STREQUAL "SHARED_LIBRARY")
+    set(name ${base}.dll)
+  else()
+    set(name ${base}.exe)
+  endif()
+  set(bin ${QX_SHIP_DIR}/bin/${name})
+  set(dbg ${QX_SHIP_DIR}/debug/${name}.debug)
+  # objcopy writes a new PE header, with the current time as its time stamp
+  # unless SOURCE_DATE_EPOCH says otherwise: 0, as the link wrote it.
+  set(objcopy ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=0 ${CMAKE_OBJCOPY})
+  add_custom_command(OUTPUT ${bin} ${dbg}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${QX_SHIP_DIR}/bin ${QX_SHIP_DIR}/debug
+    COMMAND ${objcopy} --only-keep-debug $<TARGET_FILE:${target}> ${dbg}
+    COMMAND ${objcopy} --strip-all --add-gnu-debuglink=${dbg} $<TARGET_FILE:${target}> ${bin}
+    DEPENDS ${target}
+    COMMENT "stripping ${name}, debug information to debug/${name}.debug"
+    VERBATIM)
+  set(${out_var} ${bin} ${dbg} PARENT_SCOPE)
+endfunction()
+
+set(QX_SHIPPED_TARGETS QXAttentionPlugin qxhost fusion-sim logread)
+foreach(target ${QX_SHIPPED_TARGETS})
+  if(NOT TARGET ${target})
+    message(FATAL_ERROR "release: the shipped target ${target} is missing from this tree")
+  endif()
+endforeach()
+
+qx_version_resource(QXAttentionPlugin "Attention plug-in of the PC-assistant host")
+qx_version_resource(qxhost "Host harness for the attention plug-in")
+qx_version_resource(fusion-sim "Simulator of the sensor fusion service")
+qx_version_resource(logread "Reader of the attention plug-in's log files")
+if(TARGET QXAttentionPluginNoAuth)
+  qx_version_resource(QXAttentionPluginNoAuth "Attention plug-in, TEST VARIANT without RPC authentication, never shipped")
+endif()
+
+set(QX_SHIP_FILES "")
+foreach(target ${QX_SHIPPED_TARGETS})
+  qx_ship_binary(${target} files)
+  list(APPEND QX_SHIP_FILES ${files})
+endforeach()
+
+set(QX_MSVC_IMPLIB ${QX_SHIP_DIR}/lib/QXAttentionPlugin.lib)
+set(QX_GNU_IMPLIB ${QX_SHIP_DIR}/lib/libQXAttentionPlugin.dll.a)
+add_custom_command(OUTPUT ${QX_MSVC_IMPLIB}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${QX_SHIP_DIR}/lib
+  COMMAND ${QX_LLVM_DLLTOOL} -m i386:x86-64 -d ${CMAKE_SOURCE_DIR}/plugin/QXAttentionPlugin.def
+          -l ${QX_MSVC_IMPLIB}
+  DEPENDS ${CMAKE_SOURCE_DIR}/plugin/QXAttentionPlugin.def
+  COMMENT "llvm-dlltool QXAttentionPlugin.lib (MSVC import library)"
+  VERBATIM)
+add_custom_command(OUTPUT ${QX_GNU_IMPLIB}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${QX_SHIP_DIR}/lib
+  COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_LINKER_FILE:QXAttentionPlugin> ${QX_GNU_IMPLIB}
+  DEPENDS QXAttentionPlugin
+  VERBATIM)
+list(APPEND QX_SHIP_FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB})
+add_custom_target(qx_ship ALL DEPENDS ${QX_SHIP_FILES})
+
+# The archive: bin/ include/ lib/ debug/ docs/ share/lnav/, CHANGELOG.md and README.md.
+install(FILES ${QX_SHIP_DIR}/bin/QXAttentionPlugin.dll ${QX_SHIP_DIR}/bin/qxhost.exe
+              ${QX_SHIP_DIR}/bin/fusion-sim.exe ${QX_SHIP_DIR}/bin/logread.exe
+        DESTINATION bin)
+install(FILES ${QX_SHIP_DIR}/debug/QXAttentionPlugin.dll.debug ${QX_SHIP_DIR}/debug/qxhost.exe.debug
+              ${QX_SHIP_DIR}/debug/fusion-sim.exe.debug ${QX_SHIP_DIR}/debug/logread.exe.debug
+        DESTINATION debug)
+install(FILES ${CMAKE_SOURCE_DIR}/include/qx_plugin.h DESTINATION include)
+install(FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB} DESTINATION lib)
+install(FILES ${CMAKE_SOURCE_DIR}/docs/integration.md ${CMAKE_SOURCE_DIR}/docs/logread.md
+              ${CMAKE_SOURCE_DIR}/docs/log-records.md
+        DESTINATION docs)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/share/lnav/ DESTINATION share/lnav
+        FILES_MATCHING PATTERN "*.json")
+install(FILES ${CMAKE_SOURCE_DIR}/CHANGELOG.md DESTINATION .)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/README.md DESTINATION .)
+
+# CPack stages the install() rules; packaging/MakeZip.cmake writes the zip
+# (CPack's own ZIP generator stores each file's access and change times, and
+# entries in directory order, so its archives differ from build to build).
+set(CPACK_GENERATOR External)
+set(CPACK_EXTERNAL_ENABLE_STAGING ON)
+set(CPACK_EXTERNAL_PACKAGE_SCRIPT ${CMAKE_SOURCE_DIR}/packaging/MakeZip.cmake)
+set(CPACK_PACKAGE_FILE_NAME QXAttentionPlugin-${PROJECT_VERSION}-win64)
+include(CPack)
