@@ -1,0 +1,225 @@
+#!/usr/bin/env python3
+"""Plants known faults in the product code one at a time and reports which tests
+catch each: the measure of whether the test suite still finds real mistakes.
+
+For each fault: edit the source (one or more exact fragments, matched with
+whitespace and line breaks free, so formatting changes do not lose them),
+rebuild the Windows and native trees, run both ctest suites, record every ctest
+entry and every GoogleTest case that failed, and put the source back. A fault
+no test catches is a gap. The tree is restored even when the run is
+interrupted; the last step rebuilds the unchanged tree.
+
+  scripts/plant-faults.py                 all faults (about 3 minutes each)
+  scripts/plant-faults.py --only 3,7      some of them
+  scripts/plant-faults.py --list          the faults, without running anything
+  scripts/plant-faults.py --markdown F    also write the results as a table to F
+
+Needs built trees (scripts/build.sh). Exit code: 0 when every fault was caught,
+1 when one was missed, 2 on a usage or set-up error.
+"""
+import argparse
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+
+# Each fault: what it breaks, and the edits that plant it (file, old, new).
+FAULTS = [
+    ("wrong line number in one record (\"invalid status value\" as line 286, not 268)",
+     [("plugin/AttentionPlugin.cpp",
+       'QX_LOG(LogInfo, 268, L"invalid status value: %d", status);',
+       'QX_LOG(LogInfo, 286, L"invalid status value: %d", status);')]),
+    ("status 3 accepted by set_attention_status",
+     [("plugin/ActionParams.cpp",
+       "return static_cast<unsigned>(status) - 1u <= 1u;",
+       "return static_cast<unsigned>(status) - 1u <= 2u;")]),
+    ("the 400 ms InitFusion retry on any non-zero code",
+     [("attention/AttentionFuntion.cpp",
+       "if (code == kInitRetryCode) {",
+       "if (code != 0) {")]),
+    ("the log size check on every 99th record instead of every 100th",
+     [("log/Logger.cpp",
+       "++g_recordCounter % 100 == 0",
+       "++g_recordCounter % 99 == 0")]),
+    ("the \".normal\" plain-text sibling left in place",
+     [("log/Logger.cpp",
+       "if (PathFileExistsW(normal.c_str())) DeleteFileW(normal.c_str());",
+       "(void)normal;")]),
+    ("opnum 2 (SetFusionDelay) sending 8 bytes instead of 4",
+     [("fusion/FusionClient.cpp",
+       "FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 4,",
+       "FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 8,")]),
+    ("the change filter reporting a change to 1 as a look-away",
+     [("attention/AttentionFuntion.cpp",
+       "if (status != 0) return;",
+       "if (status > 1) return;"),
+      ("attention/AttentionFuntion.cpp",
+       "if (callback) callback(status + 1, g_lastAttentionStatus);",
+       "if (callback) callback(1, g_lastAttentionStatus);")]),
+    ("the ability cache written to HKLM instead of HKCU",
+     [("attention/AttentionFuntion.cpp",
+       "if (RegCreateKeyExW(HKEY_CURRENT_USER, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS,",
+       "if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS,")]),
+    ("\"init\" skipping the service restart",
+     [("attention/AttentionFuntion.cpp",
+       "Fusion_service_check();\n  // Every set-up restarts the service, also when the check found it running.\n"
+       "  Fusion_service_restart();",
+       "Fusion_service_check();")]),
+    ("the two-pass record formatting done in one pass",
+     [("log/Logger.cpp",
+       "static_cast<int>(line), format);\n  return FormatMs(layout.c_str(), args);",
+       "static_cast<int>(line), FormatMs(format, args).c_str());\n  return layout;")]),
+]
+
+PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
+
+
+def fragment_regex(text):
+    """A regex for `text` that allows any whitespace (line breaks included)
+    wherever `text` has whitespace, and optional whitespace around punctuation,
+    so that reformatting the source does not lose the fragment."""
+    out = []
+    i = 0
+    while i < len(text):
+        c = text[i]
+        if c.isspace():
+            while i < len(text) and text[i].isspace():
+                i += 1
+            out.append(r"\s+")
+            continue
+        out.append(re.escape(c))
+        nxt = text[i + 1] if i + 1 < len(text) else ""
+        if (c in PUNCT or nxt in PUNCT) and nxt and not nxt.isspace():
+            out.append(r"\s*")
+        i += 1
+    return re.compile("".join(out))
+
+
+def plant(edits):
+    """Applies the edits; returns the original contents by path."""
+    originals = {}
+    for rel, old, new in edits:
+        path = ROOT / rel
+        if rel not in originals:
+            originals[rel] = path.read_text()
+        current = path.read_text()
+        matches = list(fragment_regex(old).finditer(current))
+        if len(matches) != 1:
+            restore(originals)
+            raise RuntimeError(f"{rel}: the fragment {old!r} occurs {len(matches)} times, expected once")
+        m = matches[0]
+        path.write_text(current[:m.start()] + new + current[m.end():])
+    return originals
+
+
+def restore(originals):
+    for rel, text in originals.items():
+        (ROOT / rel).write_text(text)
+
+
+def run(cmd, cwd, log):
+    proc = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          errors="replace")
+    log.write(f"$ {' '.join(cmd)}  (in {cwd})\n{proc.stdout}\n")
+    return proc.returncode, proc.stdout
+
+
+def build(log):
+    for tree in ("build/win", "build/native"):
+        rc, _ = run(["cmake", "--build", tree], ROOT, log)
+        if rc != 0:
+            return False
+    return True
+
+
+def failures(log):
+    """Runs both test suites; returns the failing ctest entries and GoogleTest cases."""
+    failed = []
+    for tree in ("build/native", "build/win"):
+        _, out = run(["ctest", "--output-on-failure"], ROOT / tree, log)
+        entries = re.findall(r"^\s*\d+ - (\S+) \(", out, re.M)
+        cases = sorted(set(re.findall(r"^\[  FAILED  \] ([A-Za-z0-9_/]+\.[A-Za-z0-9_/]+)", out, re.M)))
+        failed += [(tree, e) for e in entries]
+        failed += [(tree, "  " + c) for c in cases]
+    return failed
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--only", help="comma-separated fault numbers (1-based)")
+    ap.add_argument("--list", action="store_true", help="list the faults and exit")
+    ap.add_argument("--markdown", help="write a markdown table of the results to this file")
+    ap.add_argument("--log", default=str(ROOT / "build" / "plant-faults.log"),
+                    help="where the build and test output goes (default: build/plant-faults.log)")
+    args = ap.parse_args()
+
+    if args.list:
+        for n, (what, _) in enumerate(FAULTS, 1):
+            print(f"{n:2}. {what}")
+        return 0
+    chosen = range(1, len(FAULTS) + 1)
+    if args.only:
+        try:
+            chosen = [int(x) for x in args.only.split(",")]
+        except ValueError:
+            print("plant-faults: --only takes numbers such as 1,4", file=sys.stderr)
+            return 2
+        bad = [n for n in chosen if not 1 <= n <= len(FAULTS)]
+        if bad:
+            print(f"plant-faults: no fault {bad[0]} (1..{len(FAULTS)})", file=sys.stderr)
+            return 2
+    for tree in ("build/win", "build/native"):
+        if not (ROOT / tree / "CMakeCache.txt").exists():
+            print(f"plant-faults: {tree} is not configured; run scripts/build.sh first", file=sys.stderr)
+            return 2
+
+    results = []
+    with open(args.log, "w") as log:
+        for n in chosen:
+            what, edits = FAULTS[n - 1]
+            print(f"[{n}/{len(FAULTS)}] {what}", flush=True)
+            started = time.monotonic()
+            try:
+                originals = plant(edits)
+            except RuntimeError as e:
+                print(f"    cannot plant: {e}", flush=True)
+                results.append((n, what, None))
+                continue
+            try:
+                if not build(log):
+                    print("    the build failed with the fault planted (see the log)", flush=True)
+                    results.append((n, what, None))
+                    continue
+                failed = failures(log)
+            finally:
+                restore(originals)
+            verdict = "caught" if failed else "MISSED"
+            print(f"    {verdict} in {time.monotonic() - started:.0f} s", flush=True)
+            for tree, name in failed:
+                print(f"      {tree}: {name}", flush=True)
+            results.append((n, what, failed))
+        print("rebuilding the unchanged tree", flush=True)
+        build(log)
+
+    if args.markdown:
+        with open(args.markdown, "w") as md:
+            md.write("| # | Fault | Caught by |\n|---|---|---|\n")
+            for n, what, failed in results:
+                if failed is None:
+                    cell = "not planted (see the run's output)"
+                elif not failed:
+                    cell = "**missed**"
+                else:
+                    cell = "<br>".join(name.strip() for _, name in failed)
+                md.write(f"| {n} | {what} | {cell} |\n")
+    missed = [n for n, _, failed in results if not failed]
+    print(f"{len(results) - len(missed)} of {len(results)} faults caught"
+          + (f"; missed or not planted: {missed}" if missed else ""))
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
