@@ -67,10 +67,16 @@ mv "$build/native/package/$deb_name" "$dist/"
 
 echo "== checks"
 tests/release/check-package.sh --quick "$dist/$zip_name"
-if ! dpkg-deb --contents "$dist/$deb_name" | grep -q ' \./usr/bin/logread$'; then
-  echo "release: $deb_name does not hold /usr/bin/logread" >&2
-  exit 1
-fi
+# The whole listing first: grep -q would stop reading early and, with pipefail,
+# dpkg-deb's broken pipe would count as a failure.
+deb_contents=$(dpkg-deb --contents "$dist/$deb_name")
+for f in usr/bin/logread usr/share/qx-logread/lnav/qx_attention_log.json \
+         usr/share/qx-logread/lnav/qx_sensorlib_log.json usr/share/doc/qx-logread/logread.md; do
+  if ! grep -q " \./$f\$" <<<"$deb_contents"; then
+    echo "release: $deb_name does not hold /$f" >&2
+    exit 1
+  fi
+done
 
 # Checksums of the packages and of every file in the archive.
 unpacked=$(mktemp -d)
