@@ -1,0 +1,40 @@
+// The scenario files (tests/scenarios/*.scn): reading them, and comparing what
+// happened with what they expect. The format is described in README.md here.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace scenario {
+
+// One line of a file as tokens. A text written in backticks is one token and
+// keeps its backticks, in the normal form Quote() gives it.
+using Tokens = std::vector<std::string>;
+struct Line {
+  int number = 0;
+  Tokens tokens;
+};
+// A step and the expectations written below it.
+struct Step {
+  Line line;
+  std::vector<Line> expect;
+};
+struct Scenario {
+  std::string name;
+  std::vector<Step> steps;
+  int sessions = 0;  // "host" steps; each runs in a process of its own
+};
+
+// Reads a file's scenarios; on a syntax error `error` says where.
+std::vector<Scenario> Parse(const std::string& text, std::string* error);
+
+std::string Quote(const std::string& text);  // `text`, escaped
+std::string Unquote(const std::string& token);
+std::string Join(const Tokens& tokens);
+
+// Whether `actual` fits `expected`: token by token, numbers by value (modulo
+// 2^32), "*" in a token matching any characters; a "..." line stands for any
+// number of lines.
+bool Matches(const std::vector<Tokens>& expected, const std::vector<Tokens>& actual);
+
+}  // namespace scenario
