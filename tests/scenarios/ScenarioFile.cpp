@@ -28,12 +28,12 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
       case 'n': *text += '\n'; break;
       case 't': *text += '\t'; break;
       case 'r': *text += '\r'; break;
-      case 'x': *text += static_cast<char>(std::stoi(line.substr(at + 1, 2), nullptr, 16)), at += 2; break;
+      case 'x': *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16)), at += 2; break;
       case '*': {  // "\*5000[": 5000 times "["
-        std::size_t digits = 0;
-        const int count = std::stoi(line.substr(at + 1), &digits);
-        at += digits + 1;
-        text->append(static_cast<std::size_t>(count), line[at]);
+        char* end = nullptr;
+        const long count = std::strtol(line.c_str() + at + 1, &end, 10);
+        at = static_cast<std::size_t>(end - line.c_str());
+        if (at < line.size()) text->append(static_cast<std::size_t>(count), line[at]);
         break;
       }
       default: *text += c;
@@ -109,18 +109,11 @@ bool MatchFrom(const std::vector<Tokens>& e, std::size_t i, const std::vector<To
 
 std::string Quote(const std::string& text) {
   std::string out = "`";
+  char hex[8];
   for (const unsigned char c : text) {
-    if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\\' || c == '`') {
-      out += '\\', out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7f) {
-      char hex[8];
-      std::snprintf(hex, sizeof(hex), "\\x%02x", c);
-      out += hex;
-    } else {
-      out += static_cast<char>(c);
-    }
+    const bool control = c < 0x20 || c == 0x7f;
+    std::snprintf(hex, sizeof(hex), c == '\n' ? "\\n" : c == '\\' || c == '`' ? "\\%c" : control ? "\\x%02x" : "%c", c);
+    out += hex;
   }
   return out + "`";
 }
@@ -128,9 +121,7 @@ std::string Quote(const std::string& text) {
 std::string Unquote(const std::string& token) {
   std::string text;
   std::size_t at = 0;
-  if (token.empty() || token[0] != '`') return token;
-  ReadText(token, at, &text);
-  return text;
+  return token.empty() || token[0] != '`' || !ReadText(token, at, &text) ? token : text;
 }
 
 std::string Join(const Tokens& tokens) {
@@ -149,14 +140,9 @@ std::vector<Scenario> Parse(const std::string& text, std::string* error) {
   std::string raw;
   for (int number = 1; std::getline(in, raw); ++number) {
     Line line{number, {}};
-    std::string problem;
-    try {
-      if (!Tokenize(raw, &line.tokens)) problem = "a text without its closing backtick";
-    } catch (const std::exception&) {
-      problem = "a bad escape";
-    }
-    if (problem.empty() && line.tokens.empty()) continue;
-    const std::string word = problem.empty() ? line.tokens[0] : "";
+    const bool closed = Tokenize(raw, &line.tokens);
+    if (closed && line.tokens.empty()) continue;
+    const std::string word = closed ? line.tokens[0] : "";
     if (word == "scenario" && line.tokens.size() == 2) {
       out.push_back({line.tokens[1], {}, 0});
     } else if (!out.empty() && kSteps.count(word)) {
@@ -165,7 +151,7 @@ std::vector<Scenario> Parse(const std::string& text, std::string* error) {
     } else if (!out.empty() && !out.back().steps.empty() && kExpectations.count(word)) {
       out.back().steps.back().expect.push_back(line);
     } else {
-      *error = "line " + std::to_string(number) + ": " + (problem.empty() ? "unknown line: " + raw : problem);
+      *error = "line " + std::to_string(number) + ": " + (closed ? "unknown line: " : "a text not closed: ") + raw;
       return {};
     }
   }

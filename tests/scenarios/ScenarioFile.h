@@ -7,22 +7,20 @@
 
 namespace scenario {
 
-// One line of a file as tokens. A text written in backticks is one token and
-// keeps its backticks, in the normal form Quote() gives it.
+// A line's words; a text written in backticks is one word, in the form Quote() gives.
 using Tokens = std::vector<std::string>;
 struct Line {
   int number = 0;
   Tokens tokens;
 };
-// A step and the expectations written below it.
 struct Step {
   Line line;
-  std::vector<Line> expect;
+  std::vector<Line> expect;  // the expectations written below it
 };
 struct Scenario {
   std::string name;
   std::vector<Step> steps;
-  int sessions = 0;  // "host" steps; each runs in a process of its own
+  int sessions = 0;  // "host" steps
 };
 
 // Reads a file's scenarios; on a syntax error `error` says where.

@@ -1,18 +1,15 @@
-// The scenario runner: `scenario_runner FILE.scn` makes each scenario of the
-// file a GoogleTest case. A case puts the machine into its known state (the
-// simulator installed as the stopped service, no plug-in registry values, no
-// log, no config.ini), then runs each "host" session of the scenario as a new
-// process of this program (`--session FILE NAME N STDOUT`), so that every
-// session meets the plug-in as a fresh host process does. The session loads the
-// DLL, runs the steps, compares after each step what happened with the
-// expectations below it, and reports the differences on standard error.
+// `scenario_runner FILE.scn`: each scenario of the file is a GoogleTest case,
+// which puts the machine into its known state (README.md) and runs each "host"
+// session as a new process of this program (`--session FILE NAME N STDOUT`),
+// a fresh host process for the plug-in. A session loads the DLL, runs the
+// steps, compares after each step what happened with the expectations below
+// it, and reports the differences on standard error.
 #include <gtest/gtest.h>
 #include <shlobj.h>
 #include <windows.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <exception>
 #include <map>
@@ -27,9 +24,7 @@
 #include <tlhelp32.h>
 
 using namespace scenario;
-using testsupport::CommonAppData;
-using testsupport::ReadFileBytes;
-using testsupport::Widen;
+using namespace testsupport;
 
 namespace {
 
@@ -43,10 +38,9 @@ std::wstring ConfigFolder() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\
 std::wstring SensorLibLog() { return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"; }
 HKEY Hive(const std::string& name) { return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER; }
 long long Number(const std::string& token) { return std::strtoll(token.c_str(), nullptr, 0); }
-int Procedure(const std::string& name) {
-  for (int i = 0; i < kFusionSimOpnums; ++i)
-    if (name == kProcedures[i]) return i;
-  return -1;  // "all"
+int Procedure(const std::string& name) {  // -1: "all"
+  const auto op = std::find(kProcedures, kProcedures + kFusionSimOpnums, name) - kProcedures;
+  return op < kFusionSimOpnums ? static_cast<int>(op) : -1;
 }
 
 DWORD ThreadCount() {
@@ -56,13 +50,11 @@ DWORD ThreadCount() {
   DWORD count = 0;
   for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
     count += entry.th32OwnerProcessID == GetCurrentProcessId();
-  CloseHandle(snapshot);
-  return count;
+  return CloseHandle(snapshot), count;
 }
 
-// The simulator as the stopped or running service (installed with `args`), as
-// a console process (`args` for `fusion-sim run`) with the service removed, or
-// absent altogether.
+// The simulator as the stopped or running service (installed with `args`), as a
+// console process (`fusion-sim run args`) with the service removed, or absent.
 bool SetService(const std::string& mode, const std::wstring& args) {
   if (FusionSimServiceState() != 0 && FusionSimServiceState() != SERVICE_STOPPED) FusionSimStopService();
   if (FusionSimWaitReady(0)) FusionSimQuit(10000);  // a console simulator
@@ -76,7 +68,7 @@ bool SetService(const std::string& mode, const std::wstring& args) {
 }
 
 // ---------------------------------------------------------------------------
-// A host session (a process of its own).
+// A host session.
 
 using HostCallback = int (*)(const char*, const char*, const char*, std::uintptr_t, std::int32_t);
 void* (*g_new)(int) = nullptr;
@@ -96,15 +88,15 @@ int OnHostCallback(const char* kind, const char* name, const char* json, std::ui
                          text(name), text(json), std::to_string(reserved), std::to_string(flags)});
   return 0x7777;  // not looked at by the plug-in
 }
-std::size_t CallbackCount() {
+std::vector<Tokens> CallbacksSince(std::size_t mark) {
   std::lock_guard<std::mutex> lock(g_lock);
-  return g_callbacks.size();
+  return std::vector<Tokens>(g_callbacks.begin() + static_cast<std::ptrdiff_t>(mark), g_callbacks.end());
 }
+std::size_t CallbackCount() { return CallbacksSince(0).size(); }
 
 // The "result" line of one action: return code and text, or what escaped.
 Tokens RunAction(const Tokens& t) {
-  const std::string name = Unquote(t[1]);
-  const std::string params = t.size() > 2 ? Unquote(t[2]) : "";
+  const std::string name = Unquote(t[1]), params = t.size() > 2 ? Unquote(t[2]) : "";
   char* result = kPoison;
   int rc = 0;
   try {
@@ -128,12 +120,8 @@ struct Session {
   DWORD threadsAtHost = 0;
   // Where the current step's window starts.
   std::size_t logMark = 0, stdoutMark = 0, sensorMark = 0, callbackMark = 0;
-  std::chrono::steady_clock::time_point started;
+  void Fail(int line, const std::string& what) { failures.push_back("line " + std::to_string(line) + ": " + what); }
 };
-
-void Fail(Session& s, int line, const std::string& what) {
-  s.failures.push_back("line " + std::to_string(line) + ": " + what);
-}
 
 std::vector<Tokens> LogSince(std::size_t mark) {
   const std::string bytes = ReadFileBytes(PluginLog());
@@ -157,7 +145,8 @@ std::vector<Tokens> LogSince(std::size_t mark) {
     Tokens t = {"log"};
     if (last >= 0 && now - last >= 50) t.push_back("+" + std::to_string(now - last));
     last = now;
-    t.insert(t.end(), {level, f.text.substr(at, place + 1 - at), Quote(f.text.substr(place + 2, f.text.size() - place - 3))});
+    t.insert(t.end(),
+             {level, f.text.substr(at, place + 1 - at), Quote(f.text.substr(place + 2, f.text.size() - place - 3))});
     out.push_back(t);
   }
   return out;
@@ -170,13 +159,12 @@ std::vector<Tokens> SimCalls() {
   for (const FusionSimCall& c : calls) {
     Tokens t = {"rpc", c.opnum >= 0 && c.opnum < kFusionSimOpnums ? kProcedures[c.opnum] : std::to_string(c.opnum),
                 std::to_string(c.arg0), std::to_string(c.arg1)};
-    std::string hex;
-    char part[16];
+    char hex[2 * kFusionSimMaxBytes + 16] = {};
     for (std::uint32_t i = 0; i < c.dataLen && i < kFusionSimMaxBytes; ++i)
-      std::snprintf(part, sizeof(part), "%02x", c.data[i]), hex += part;
-    if (!hex.empty()) t.push_back(hex);
-    std::snprintf(part, sizeof(part), "0x%x", static_cast<unsigned>(c.result));
-    if (!c.answered || c.result) t.insert(t.end(), {"->", c.answered ? part : "pending"});
+      std::sprintf(hex + 2 * i, "%02x", c.data[i]);
+    if (*hex) t.push_back(hex);
+    std::sprintf(hex, "0x%x", static_cast<unsigned>(c.result));
+    if (!c.answered || c.result) t.insert(t.end(), {"->", c.answered ? hex : "pending"});
     out.push_back(t);
   }
   return out;
@@ -191,18 +179,13 @@ std::vector<Tokens> StdoutSince(const Session& s) {
   return out;
 }
 
-std::vector<Tokens> CallbacksSince(std::size_t mark) {
-  std::lock_guard<std::mutex> lock(g_lock);
-  return std::vector<Tokens>(g_callbacks.begin() + static_cast<std::ptrdiff_t>(mark), g_callbacks.end());
-}
-
 Tokens Registry(const std::string& hive, const std::string& name) {
   DWORD type = 0, value = 0, size = sizeof(value);
-  Tokens t = {"reg", hive, name};
-  if (RegGetValueW(Hive(hive), kKey, Widen(name).c_str(), RRF_RT_ANY, &type, &value, &size) != ERROR_SUCCESS)
-    return t.push_back("absent"), t;
-  t.push_back(std::to_string(value));
-  if (type != REG_DWORD) t.push_back(type == REG_BINARY ? "binary" : "type" + std::to_string(type));
+  Tokens t = {"reg", hive, name, "absent"};
+  if (RegGetValueW(Hive(hive), kKey, Widen(name).c_str(), RRF_RT_ANY, &type, &value, &size) == ERROR_SUCCESS)
+    t.back() = std::to_string(value);
+  if (t.back() != "absent" && type != REG_DWORD)
+    t.push_back(type == REG_BINARY ? "binary" : "type" + std::to_string(type));
   return t;
 }
 
@@ -230,33 +213,27 @@ std::size_t ImpliedReports() {
 Tokens Storm(int rounds) {
   std::atomic<bool> done{false}, pause{false}, paused{false};
   std::thread events([&] {
-    std::vector<FusionSimCall> calls;
-    for (int i = 0; !done; ++i) {
-      if ((paused = pause.load())) {
-        Sleep(1);
-      } else if (i % 256 == 0 && FusionSimReadCalls(&calls) && calls.size() > kFusionSimMaxCalls - 800) {
-        break;  // the call record is nearly full and the check needs it whole
-      } else {
-        FusionSimSetAttention(i % 2, true);
-      }
-    }
+    std::vector<FusionSimCall> calls;  // the check needs the record whole: it ends before it fills up
+    for (int i = 0; !done && !(i % 256 == 0 && FusionSimReadCalls(&calls) && calls.size() > 3000); ++i)
+      if ((paused = pause.load()) || !FusionSimSetAttention(i % 2, true)) Sleep(1);
     paused = true;
   });
   int unexpected = 0;
-  auto act = [&](const char* name, const std::string& params, int delay, int status) {
-    const std::string answer =
-        "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) + ",\"status\":" + std::to_string(status) + "}\n";
-    unexpected += RunAction({"action", name, params}) != Tokens{"result", "0", Quote(answer)};
+  auto act = [&](const char* name, const char* member, int value, int delay, int status) {
+    const std::string params = "{\"F4010\":{\"" + std::string(member) + "\":" + std::to_string(value) + "}}";
+    const std::string answer = "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
+                               ",\"status\":" + std::to_string(status) + "}\n";
+    unexpected += RunAction({"action", name, Quote(params)}) != Tokens{"result", "0", Quote(answer)};
   };
   for (int i = 0; i < rounds; ++i) {
     const int delay = 10 + (i * 7) % 51;
-    act("set_attention_delay", Quote("{\"F4010\":{\"delay\":" + std::to_string(delay) + "}}"), delay, 2);
-    act("get_attention", "null", delay, 2);
+    act("set_attention_delay", "delay", delay, delay, 2);
+    act("get_attention", "", 0, delay, 2);
     if (i % 5 != 4) continue;
     pause = true;
     for (int wait = 0; wait < 500 && !paused; ++wait) Sleep(10);
-    act("set_attention_status", Quote("{\"F4010\":{\"status\":1}}"), delay, 1);
-    act("set_attention_status", Quote("{\"F4010\":{\"status\":2}}"), delay, 2);
+    act("set_attention_status", "status", 1, delay, 1);
+    act("set_attention_status", "status", 2, delay, 2);
     pause = false;
   }
   done = true;
@@ -268,7 +245,6 @@ bool Sim(const Tokens& t) {
   auto arg = [&](std::size_t i) { return i < t.size() ? t[i] : std::string(); };
   const std::string what = arg(1);
   if (what == "look-away" || what == "look-back") return FusionSimSetAttention(what == "look-back", true);
-  if (what == "status") return FusionSimSetStatus(static_cast<std::uint32_t>(Number(arg(2))));
   if (what == "unforce") return FusionSimClearForced(Procedure(arg(2)));
   if (what == "reply-delay") return FusionSimSetReplyDelay(static_cast<std::uint32_t>(Number(arg(2))));
   if (what == "hold") return FusionSimHoldReplies(arg(2) == "on");
@@ -318,8 +294,8 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
   } else if (w == "delete") {
     RegDeleteKeyValueW(Hive(arg(1)), kKey, Widen(arg(2)).c_str());
   } else if (w == "host") {
-    HMODULE dll = LoadLibraryW((testsupport::ExeDir() + (arg(1) == "shipped" ? L"QXAttentionPlugin.dll"
-                                                                             : L"QXAttentionPlugin-noauth.dll")).c_str());
+    HMODULE dll = LoadLibraryW((ExeDir() + (arg(1) == "shipped" ? L"QXAttentionPlugin.dll"
+                                                                 : L"QXAttentionPlugin-noauth.dll")).c_str());
     auto get = [dll](const char* name) { return reinterpret_cast<void*>(GetProcAddress(dll, name)); };
     g_new = reinterpret_cast<decltype(g_new)>(get("qx_plugin_new"));
     g_init = reinterpret_cast<decltype(g_init)>(get("qx_plugin_init"));
@@ -331,11 +307,10 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
   } else if (w == "qx_plugin_init") {
     *result = {"result", std::to_string(g_init(nullptr, arg(1) == "no-callback" ? nullptr : OnHostCallback))};
   } else if (w == "qx_plugin_new") {
-    const int size = static_cast<int>(Number(arg(1)));
-    char* block = static_cast<char*>(g_new(size));
+    void* block = g_new(static_cast<int>(Number(arg(1))));
     const bool again = std::find(s.blocks.begin(), s.blocks.end(), block) != s.blocks.end();
     *result = {"result", !block ? "null" : again ? "reused" : "new"};
-    if (block && !again) std::memset(block, 0x5a, static_cast<std::size_t>(size)), s.blocks.push_back(block);
+    if (block && !again) std::memset(block, 0x5a, static_cast<std::size_t>(Number(arg(1)))), s.blocks.push_back(block);
   } else if (w == "action") {
     *result = RunAction(t);
   } else if (w == "action-in-thread") {
@@ -372,35 +347,27 @@ void Mark(Session& s) {
 void Settle(Session& s, const Step& step) {
   std::size_t callbacks = 0, lines = 0;
   for (const Line& e : step.expect) {
-    const bool counted = e.tokens.size() > 2 || (e.tokens.size() == 2 && e.tokens[1] != "none" && e.tokens[1] != "...");
-    callbacks += counted && e.tokens[0] == "callback";
-    lines += counted && e.tokens[0] == "stdout";
+    callbacks += e.tokens[0] == "callback" && e.tokens.size() > 2;
+    lines += e.tokens[0] == "stdout" && e.tokens[1] != "none" && e.tokens[1] != "...";
   }
   for (int i = 0; i < 500 && (CallbackCount() - s.callbackMark < callbacks || StdoutSince(s).size() < lines); ++i)
     Sleep(20);
   const std::string& w = step.line.tokens[0];
   if (w != "sim" && w != "wait" && w != "join" && w != "storm") return;
-  std::size_t before = 0;
-  for (int i = 0, quiet = 0; i < 250 && quiet < 15; ++i, Sleep(20)) {
-    std::vector<FusionSimCall> calls;
-    FusionSimReadCalls(&calls);
-    const std::size_t now = ReadFileBytes(PluginLog()).size() + calls.size() + CallbackCount();
-    quiet = now == before ? quiet + 1 : 0;
-    before = now;
-  }
+  for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15; ++i, Sleep(20), before = now)
+    quiet = (now = ReadFileBytes(PluginLog()).size() + SimCalls().size() + CallbackCount()) == before ? quiet + 1 : 0;
 }
 
-std::string Dump(const std::vector<Tokens>& lines) {
-  std::string out;
+std::string Dump(const std::vector<Tokens>& lines, std::string out = "") {
   for (const Tokens& t : lines) out += "      " + Join(t) + "\n";
   return out.empty() ? "      (none)\n" : out;
 }
 
-void Judge(Session& s, const Step& step, const Tokens& result, long long elapsedMs) {
+void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) {
   std::map<std::string, std::vector<Tokens>> lists;
   auto check = [&](const Line& e, const Tokens& actual) {
     if (!Matches({e.tokens}, {actual}))
-      Fail(s, e.number, "expected " + Join(e.tokens) + "\n         got " + Join(actual));
+      s.Fail(e.number, "expected " + Join(e.tokens) + "\n         got " + Join(actual));
   };
   const std::string sensor = ReadFileBytes(SensorLibLog());
   std::size_t sensorAt = std::min(s.sensorMark, sensor.size());
@@ -408,31 +375,27 @@ void Judge(Session& s, const Step& step, const Tokens& result, long long elapsed
     const Tokens& t = e.tokens;
     const std::string& w = t[0];
     if (w == "log" || w == "rpc" || w == "callback" || w == "stdout") {
-      std::vector<Tokens>& list = lists[w];
-      if (t.size() != 2 || t[1] != "none") list.push_back(t);
+      std::vector<Tokens>& list = lists[w];  // "none": checked as empty
+      if (t[1] != "none") list.push_back(t);
     } else if (w == "result") {
       check(e, result);
     } else if (w == "reg") {
       check(e, Registry(t[1], t[2]));
     } else if (w == "service-state") {
-      const DWORD state = FusionSimServiceState();
-      check(e, {w, state == SERVICE_RUNNING   ? "running"
-                   : state == SERVICE_STOPPED ? "stopped"
-                   : state == 0               ? "absent"
-                                              : std::to_string(state)});
+      const DWORD st = FusionSimServiceState();
+      check(e, {w, st == SERVICE_RUNNING ? "running" : st == SERVICE_STOPPED ? "stopped" : st ? "other" : "absent"});
     } else if (w == "within" && elapsedMs >= Number(t[1])) {
-      Fail(s, e.number, "the step took " + std::to_string(elapsedMs) + " ms");
+      s.Fail(e.number, "the step took " + std::to_string(elapsedMs) + " ms");
     } else if (w == "sensorlog" && (sensorAt = sensor.find(Unquote(t[1]), sensorAt)) == std::string::npos) {
-      Fail(s, e.number, "not in what SensorLibLog.log got:\n" + sensor.substr(std::min(s.sensorMark, sensor.size())));
+      s.Fail(e.number, "not in what SensorLibLog.log got:\n" + sensor.substr(std::min(s.sensorMark, sensor.size())));
     } else if (w == "no-extra-threads") {
-      DWORD threads = ThreadCount();
-      for (int i = 0; i < 50 && threads > s.threadsAtHost; ++i, Sleep(100)) threads = ThreadCount();
-      if (threads > s.threadsAtHost)
-        Fail(s, e.number, std::to_string(threads) + " threads, " + std::to_string(s.threadsAtHost) + " after loading");
-    } else if (w == "callbacks-match-fetches" &&
-               (CallbackCount() - s.callbackMark != ImpliedReports() || ImpliedReports() == 0)) {
-      Fail(s, e.number, std::to_string(CallbackCount() - s.callbackMark) + " callbacks for " +
-                            std::to_string(ImpliedReports()) + " changes to 0 among the fetched records");
+      for (int i = 0; i < 50 && ThreadCount() > s.threadsAtHost; ++i) Sleep(100);
+      if (ThreadCount() > s.threadsAtHost)
+        s.Fail(e.number, std::to_string(ThreadCount()) + " threads, " + std::to_string(s.threadsAtHost) + " at first");
+    } else if (w == "callbacks-match-fetches" && (CallbackCount() - s.callbackMark != ImpliedReports() ||
+                                                    !ImpliedReports())) {
+      s.Fail(e.number, std::to_string(CallbackCount() - s.callbackMark) + " callbacks for " +
+                           std::to_string(ImpliedReports()) + " changes to 0 among the fetched records");
     }
   }
   for (const auto& [what, expected] : lists) {
@@ -441,7 +404,7 @@ void Judge(Session& s, const Step& step, const Tokens& result, long long elapsed
                                        : what == "stdout" ? StdoutSince(s)
                                                           : CallbacksSince(s.callbackMark);
     if (!Matches(expected, actual))
-      Fail(s, step.line.number, what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));
+      s.Fail(step.line.number, what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));
   }
 }
 
@@ -458,20 +421,20 @@ int RunSession(const std::string& file, const std::string& name, int index, cons
       if (std::max(session, 0) != index) continue;
       // These wait for what the step before set off, in its window.
       if (t[0] != "join" && !(t[0] == "sim" && t.size() > 1 && t[1] == "wait-calls")) Mark(s);
-      const auto started = std::chrono::steady_clock::now();
+      const DWORD started = GetTickCount();
       Tokens result;
       const std::string problem = Run(s, t, &result);
-      const auto elapsed = std::chrono::steady_clock::now() - started;
+      const DWORD elapsed = GetTickCount() - started;
       ++steps;
       if (!problem.empty()) {
-        Fail(s, step.line.number, problem);
+        s.Fail(step.line.number, problem);
         break;
       }
       Settle(s, step);
-      Judge(s, step, result, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+      Judge(s, step, result, elapsed);
     }
   }
-  if (!steps) s.failures.push_back("no steps for session " + std::to_string(index) + " of " + name + " " + error);
+  if (!steps) s.Fail(0, "no steps for session " + std::to_string(index) + " of " + name + " " + error);
   if (s.worker.joinable()) s.worker.detach();  // still in the plug-in: ends with the process
   for (void* block : s.blocks) g_delete(block);
   if (g_delete) g_delete(nullptr);
@@ -501,19 +464,16 @@ class ScenarioCase : public testing::Test {
       : file_(std::move(file)), name_(std::move(name)), sessions_(sessions) {}
   void TestBody() override {
     Reset();
-    const std::wstring dir = testsupport::TempDir(L"scenario");
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    const std::wstring dir = TempDir(L"scenario");
     for (int i = 0; i < sessions_ && !HasFailure(); ++i) {
-      const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n + L".txt";
-      const std::wstring report = dir + L"\\report" + n + L".txt";
-      const std::wstring command = L"\"" + std::wstring(self) + L"\" --session \"" + Widen(file_) + L"\" " +
-                                   Widen(name_) + L" " + n + L" \"" + out + L"\"";
-      const int code = testsupport::WaitChild(testsupport::StartProcess(command, out, report), 300000);
+      const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n, report = dir + L"\\report" + n;
+      const std::wstring command = L"\"" + ExeDir() + L"scenario_runner.exe\" --session \"" +
+                                   Widen(file_) + L"\" " + Widen(name_) + L" " + n + L" \"" + out + L"\"";
+      const int code = WaitChild(StartProcess(command, out, report), 300000);
       const std::string text = ReadFileBytes(report);
-      EXPECT_TRUE(code == 0 && text.find("session passed") != std::string::npos)
-          << "session " << i + 1 << " of " << sessions_ << (code == -1 ? " (killed after 300 s)" : "") << ":\n"
-          << text;
+      if (code != 0 || text.find("session passed") == std::string::npos)
+        ADD_FAILURE() << "session " << i + 1 << " of " << sessions_ << (code == -1 ? " (killed after 300 s)" : "")
+                      << ":\n" << text;
     }
     Reset();
   }
