@@ -1,10 +1,11 @@
 #include "TestSupport.h"
 
+#include <shellapi.h>
 #include <shlobj.h>
 #include <shlwapi.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace testsupport {
 
@@ -58,23 +59,16 @@ HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args
 }
 
 int WaitChild(HANDLE process, DWORD timeoutMs) {
-  if (!process) return -1;
-  if (WaitForSingleObject(process, timeoutMs) != WAIT_OBJECT_0) {
-    TerminateProcess(process, 99);
-    CloseHandle(process);
-    return -1;
-  }
-  DWORD code = 0;
-  GetExitCodeProcess(process, &code);
-  CloseHandle(process);
+  DWORD code = static_cast<DWORD>(-1);
+  if (process && WaitForSingleObject(process, timeoutMs) != WAIT_OBJECT_0) TerminateProcess(process, 99);
+  else if (process) GetExitCodeProcess(process, &code);
+  if (process) CloseHandle(process);
   return static_cast<int>(code);
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
   std::ifstream in(path.c_str(), std::ios::binary);
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
@@ -93,21 +87,12 @@ std::wstring CommonAppData() {
 }
 
 void RemoveTree(const std::wstring& path) {
-  WIN32_FIND_DATAW data;
-  HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
-  if (find != INVALID_HANDLE_VALUE) {
-    do {
-      const std::wstring name = data.cFileName;
-      if (name == L"." || name == L"..") continue;
-      const std::wstring child = path + L"\\" + name;
-      if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-        RemoveTree(child);
-      else
-        DeleteFileW(child.c_str());
-    } while (FindNextFileW(find, &data));
-    FindClose(find);
-  }
-  RemoveDirectoryW(path.c_str());
+  std::wstring from = path + L'\0';  // a list of names, ended by an empty one
+  SHFILEOPSTRUCTW op = {};
+  op.wFunc = FO_DELETE;
+  op.pFrom = from.c_str();
+  op.fFlags = FOF_NO_UI;
+  SHFileOperationW(&op);
 }
 
 std::wstring TempDir(const std::wstring& name) {
@@ -120,18 +105,16 @@ std::wstring TempDir(const std::wstring& name) {
 }
 
 std::wstring Widen(const std::string& s) {
-  if (s.empty()) return {};
-  int n = MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-  std::wstring w(static_cast<size_t>(n), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(), n);
+  std::wstring w(s.size(), L'\0');
+  w.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(),
+                                                   static_cast<int>(w.size()))));
   return w;
 }
 
 std::string Narrow(const std::wstring& w) {
-  if (w.empty()) return {};
-  int n = WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
-  std::string s(static_cast<size_t>(n), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), s.data(), n, nullptr, nullptr);
+  std::string s(w.size() * 3, '\0');
+  s.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), s.data(),
+                                                   static_cast<int>(s.size()), nullptr, nullptr)));
   return s;
 }
 
