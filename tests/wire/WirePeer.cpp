@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
+#include <iterator>
 
 namespace wire {
 namespace {
@@ -20,43 +20,38 @@ enum : std::uint8_t {
     kAuth3 = 16,
 };
 constexpr std::uint8_t kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80;
-constexpr std::size_t kHeaderSize = 16;
 constexpr std::uint16_t kOurMaxFrag = 4280;
-constexpr std::uint32_t kNcaOpRangeError = 0x1c010002;
-// bind_nak reason: the peer implements no authentication service.
-constexpr std::uint16_t kAuthTypeNotRecognized = 8;
-// p_cont_def_result_t and its provider reason.
-constexpr std::uint16_t kAcceptance = 0, kProviderRejection = 2, kTransferSyntaxNotSupported = 2;
+constexpr char kNdr20[] = "8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0";
 
 std::uint16_t Get16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(b[at] | b[at + 1] << 8); }
-std::uint32_t Get32(const Bytes& b, std::size_t at)
-{
-    return static_cast<std::uint32_t>(b[at]) | static_cast<std::uint32_t>(b[at + 1]) << 8 |
-           static_cast<std::uint32_t>(b[at + 2]) << 16 | static_cast<std::uint32_t>(b[at + 3]) << 24;
-}
-void Put16(Bytes& b, std::uint16_t v)
+std::uint32_t Get32(const Bytes& b, std::size_t at) { return Get16(b, at) | static_cast<std::uint32_t>(Get16(b, at + 2)) << 16; }
+void Put16(Bytes& b, std::uint32_t v)
 {
     b.push_back(static_cast<std::uint8_t>(v));
     b.push_back(static_cast<std::uint8_t>(v >> 8));
 }
 void Put32(Bytes& b, std::uint32_t v)
 {
-    Put16(b, static_cast<std::uint16_t>(v));
-    Put16(b, static_cast<std::uint16_t>(v >> 16));
+    Put16(b, v);
+    Put16(b, v >> 16);
 }
 
-// Common header with frag_length left 0 (Finish fills it in); no auth_verifier.
+// The common header: version 5.0, one fragment, little-endian data
+// representation; frag_length (bytes 8-9) is filled in by Send.
 Bytes Header(std::uint8_t ptype, std::uint32_t callId)
 {
     Bytes b = {5, 0, ptype, kFirstFrag | kLastFrag, 0x10, 0, 0, 0, 0, 0, 0, 0};
     Put32(b, callId);
     return b;
 }
-Bytes& Finish(Bytes& b)
+
+bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX)
 {
-    b[8] = static_cast<std::uint8_t>(b.size());
-    b[9] = static_cast<std::uint8_t>(b.size() >> 8);
-    return b;
+    pdu[8] = static_cast<std::uint8_t>(pdu.size());
+    pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
+    pdu.resize(std::min(cutAt, pdu.size()));
+    DWORD written = 0;
+    return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) && cutAt == SIZE_MAX;
 }
 
 // p_syntax_id_t: a UUID in little-endian NDR form, then the version (major in
@@ -70,28 +65,13 @@ std::string SyntaxId(const Bytes& b, std::size_t at)
     return text;
 }
 
-bool WaitIo(HANDLE pipe, OVERLAPPED* ov, HANDLE stop, DWORD* bytes, DWORD* error)
-{
-    HANDLE events[2] = {ov->hEvent, stop};
-    if (WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
-        CancelIo(pipe);
-        GetOverlappedResult(pipe, ov, bytes, TRUE);
-        *error = ERROR_OPERATION_ABORTED;
-        return false;
-    }
-    *error = GetOverlappedResult(pipe, ov, bytes, FALSE) ? ERROR_SUCCESS : GetLastError();
-    return *error == ERROR_SUCCESS || *error == ERROR_MORE_DATA;
-}
-
 }  // namespace
 
 Bytes FromHex(const std::string& text)
 {
-    Bytes out;
     std::string digits;
-    for (char c : text)
-        if (c != ' ')
-            digits += c;
+    std::copy_if(text.begin(), text.end(), std::back_inserter(digits), [](char c) { return c != ' '; });
+    Bytes out;
     for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
         out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     return out;
@@ -102,232 +82,110 @@ std::string ToHex(const Bytes& bytes)
     std::string out;
     char two[3];
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i && i % 4 == 0)
-            out += ' ';
         std::snprintf(two, sizeof two, "%02x", bytes[i]);
-        out += two;
+        out += (i && i % 4 == 0 ? " " : "") + std::string(two);
     }
     return out;
-}
-
-std::string Offer::Describe() const
-{
-    std::ostringstream s;
-    s << (ptype == kBind ? "bind" : "alter_context");
-    for (const Context& c : contexts) {
-        s << " ctx " << c.id << ": " << c.abstractSyntax << " [";
-        for (std::size_t i = 0; i < c.transferSyntaxes.size(); ++i)
-            s << (i ? ", " : "") << c.transferSyntaxes[i];
-        s << "]";
-    }
-    if (authenticated)
-        s << " auth type " << int(authType) << " level " << int(authLevel) << " (" << authLength
-          << " bytes: " << ToHex(authValue) << ")";
-    else
-        s << " no auth";
-    return s.str();
-}
-
-Reply Reply::Parse(const std::string& text)
-{
-    Reply r;
-    if (text.rfind("fault ", 0) == 0) {
-        r.kind = kFault;
-        r.status = static_cast<std::uint32_t>(std::stoul(text.substr(6), nullptr, 16));
-    } else if (text.rfind("cut ", 0) == 0) {
-        r.kind = kCut;
-        std::size_t end = 0;
-        r.cutAt = std::stoul(text.substr(4), &end);
-        r.stub = FromHex(text.substr(4 + end));
-    } else {
-        r.stub = FromHex(text);
-    }
-    return r;
 }
 
 bool Peer::Start(const std::wstring& name)
 {
     path_ = L"\\\\.\\pipe\\" + name;
-    first_ = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+    first_ = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
                               PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES,
                               65536, 65536, 0, nullptr);
-    if (first_ == INVALID_HANDLE_VALUE)
-        return false;
-    stop_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    listener_ = std::thread(&Peer::Listen, this);
-    return true;
+    if (first_ != INVALID_HANDLE_VALUE)
+        listener_ = std::thread(&Peer::Listen, this);
+    return first_ != INVALID_HANDLE_VALUE;
 }
 
+// The listener waits in ConnectNamedPipe: a connection of our own wakes it.
 void Peer::Stop()
 {
-    if (!stop_)
+    if (!listener_.joinable())
         return;
-    SetEvent(stop_);
+    stopping_ = true;
+    HANDLE wake = INVALID_HANDLE_VALUE;
+    for (int i = 0; i < 100 && wake == INVALID_HANDLE_VALUE; ++i, WaitNamedPipeW(path_.c_str(), 100))
+        wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     listener_.join();
+    if (wake != INVALID_HANDLE_VALUE)
+        CloseHandle(wake);
     for (std::thread& t : servers_)
         t.join();
     servers_.clear();
-    CloseHandle(stop_);
-    stop_ = nullptr;
-}
-
-void Peer::Queue(const Reply& reply)
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    replies_.push_back(reply);
-}
-
-std::vector<Offer> Peer::Offers() const
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    return offers_;
-}
-
-std::vector<Request> Peer::Requests() const
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    return requests_;
-}
-
-std::vector<std::string> Peer::Errors() const
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    return errors_;
-}
-
-int Peer::Connections() const
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    return connections_;
 }
 
 void Peer::Error(const std::string& text)
 {
     std::lock_guard<std::mutex> hold(mutex_);
-    errors_.push_back(text);
+    errors.push_back(text);
 }
 
-// One instance waits for a client at a time; each client gets its own thread,
-// and a new instance is made for the next.
+// One instance waits for a client at a time; each client gets its own thread.
 void Peer::Listen()
 {
-    HANDLE pipe = first_;
-    OVERLAPPED ov{};
-    ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    for (;;) {
-        if (pipe == INVALID_HANDLE_VALUE) {
-            pipe = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                    PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES,
-                                    65536, 65536, 0, nullptr);
-            if (pipe == INVALID_HANDLE_VALUE) {
-                Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
-                break;
-            }
-        }
-        ResetEvent(ov.hEvent);
-        bool connected = ConnectNamedPipe(pipe, &ov) != FALSE;
-        DWORD error = connected ? ERROR_SUCCESS : GetLastError();
-        if (error == ERROR_IO_PENDING) {
-            DWORD bytes = 0;
-            connected = WaitIo(pipe, &ov, stop_, &bytes, &error);
-        } else if (error == ERROR_PIPE_CONNECTED) {
-            connected = true;
-        }
-        if (!connected) {
+    for (HANDLE pipe = first_; pipe != INVALID_HANDLE_VALUE;
+         pipe = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+                                 PIPE_UNLIMITED_INSTANCES, 65536, 65536, 0, nullptr)) {
+        const bool connected = ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
+        if (stopping_ || !connected) {
             CloseHandle(pipe);
-            if (error != ERROR_OPERATION_ABORTED)
-                Error("ConnectNamedPipe failed: " + std::to_string(error));
-            break;
-        }
-        {
-            std::lock_guard<std::mutex> hold(mutex_);
-            ++connections_;
+            if (!stopping_)
+                Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
+            return;
         }
         servers_.emplace_back(&Peer::Serve, this, pipe);
-        pipe = INVALID_HANDLE_VALUE;
     }
-    CloseHandle(ov.hEvent);
+    Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
 }
 
-// Reads bytes as they come (a PDU may span reads, or a read several PDUs) and
-// handles every complete PDU, until the client closes or the peer stops.
+// Reads bytes as they come (a PDU may span reads, or a read hold several) and
+// handles every complete PDU, until the client closes.
 void Peer::Serve(HANDLE pipe)
 {
-    OVERLAPPED ov{};
-    ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    Bytes stream;
-    Request pending;
+    Bytes stream, stub;
+    std::uint16_t opnum = 0;
+    std::uint8_t chunk[8192];
+    DWORD got = 0;
     bool open = true;
-    while (open) {
-        std::uint8_t chunk[8192];
-        ResetEvent(ov.hEvent);
-        DWORD bytes = 0, error = ERROR_SUCCESS;
-        if (!ReadFile(pipe, chunk, sizeof chunk, nullptr, &ov)) {
-            error = GetLastError();
-            if (error != ERROR_IO_PENDING && error != ERROR_MORE_DATA)
-                break;
-        }
-        if (!WaitIo(pipe, &ov, stop_, &bytes, &error))
-            break;
-        stream.insert(stream.end(), chunk, chunk + bytes);
-        while (open && stream.size() >= kHeaderSize) {
+    while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) || GetLastError() == ERROR_MORE_DATA)) {
+        stream.insert(stream.end(), chunk, chunk + got);
+        while (open && stream.size() >= 16 && stream.size() >= Get16(stream, 8)) {
             const std::size_t length = Get16(stream, 8);
-            if (length < kHeaderSize) {
+            if (length < 16) {
                 Error("frag_length " + std::to_string(length));
                 open = false;
                 break;
             }
-            if (stream.size() < length)
-                break;
-            Bytes pdu(stream.begin(), stream.begin() + length);
+            open = Handle(pipe, Bytes(stream.begin(), stream.begin() + length), &stub, &opnum);
             stream.erase(stream.begin(), stream.begin() + length);
-            open = Handle(pipe, pdu, &pending);
         }
     }
-    if (open)
-        DisconnectNamedPipe(pipe);
     CloseHandle(pipe);
-    CloseHandle(ov.hEvent);
-}
-
-bool Peer::Send(HANDLE pipe, const Bytes& pdu)
-{
-    OVERLAPPED ov{};
-    ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    DWORD bytes = 0, error = ERROR_SUCCESS;
-    bool ok = WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), nullptr, &ov) != FALSE;
-    if (!ok && GetLastError() == ERROR_IO_PENDING)
-        ok = WaitIo(pipe, &ov, stop_, &bytes, &error);
-    else if (ok)
-        ok = GetOverlappedResult(pipe, &ov, &bytes, FALSE) != FALSE;
-    CloseHandle(ov.hEvent);
-    return ok;
 }
 
 // Handles one PDU; false when the connection is to be closed.
-bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Request* pending)
+bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum)
 {
     const std::uint8_t ptype = pdu[2], flags = pdu[3];
     const std::uint16_t authLength = Get16(pdu, 10);
     const std::uint32_t callId = Get32(pdu, 12);
     if (pdu[0] != 5 || pdu[1] != 0 || pdu[4] != 0x10) {
-        Error("header " + ToHex(Bytes(pdu.begin(), pdu.begin() + kHeaderSize)));
+        Error("header " + ToHex(Bytes(pdu.begin(), pdu.begin() + 16)));
         return false;
     }
-    // The auth_verifier trailer, when there is one: 8 bytes of sec_trailer
-    // (auth_type, auth_level, auth_pad_length, reserved, context id) and the
-    // credentials; the pad before it belongs to the body.
+    // The auth_verifier, when there is one: 8 bytes of sec_trailer (auth_type,
+    // auth_level, auth_pad_length, reserved, context id) and the credentials;
+    // the pad before it belongs to the body.
     std::size_t bodyEnd = pdu.size();
-    std::uint8_t authType = 0, authLevel = 0;
     if (authLength) {
-        if (pdu.size() < kHeaderSize + 8u + authLength) {
+        if (pdu.size() < 16u + 8u + authLength) {
             Error("auth_length " + std::to_string(authLength));
             return false;
         }
-        const std::size_t trailer = pdu.size() - authLength - 8;
-        authType = pdu[trailer];
-        authLevel = pdu[trailer + 1];
-        bodyEnd = trailer - std::min<std::size_t>(pdu[trailer + 2], trailer);
+        bodyEnd = pdu.size() - authLength - 8;
+        bodyEnd -= std::min<std::size_t>(pdu[bodyEnd + 2], bodyEnd);
     }
 
     if (ptype == kBind || ptype == kAlterContext) {
@@ -336,128 +194,102 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Request* pending)
             Error("short bind");
             return false;
         }
-        Offer offer;
-        offer.ptype = ptype;
-        offer.authenticated = authLength != 0;
-        offer.authType = authType;
-        offer.authLevel = authLevel;
-        offer.authLength = authLength;
-        if (authLength)
-            offer.authValue.assign(pdu.end() - authLength, pdu.end());
-        const std::uint16_t maxXmit = Get16(pdu, 16), maxRecv = Get16(pdu, 18);
-        const std::uint32_t group = Get32(pdu, 20);
-        const std::size_t count = pdu[24];
-        std::size_t at = 28;
+        std::string offer = ptype == kBind ? "bind" : "alter_context";
         Bytes results;
-        for (std::size_t i = 0; i < count; ++i) {
+        std::size_t at = 28;
+        for (std::size_t i = 0; i < pdu[24]; ++i) {
             if (at + 24 > bodyEnd) {
                 Error("short presentation context");
                 return false;
             }
-            Offer::Context c;
-            c.id = Get16(pdu, at);
+            offer += " ctx " + std::to_string(Get16(pdu, at)) + ": " + SyntaxId(pdu, at + 4) + " [";
             const std::size_t syntaxes = pdu[at + 2];
-            c.abstractSyntax = SyntaxId(pdu, at + 4);
-            at += 24;
             std::size_t ndr20 = 0;
-            for (std::size_t s = 0; s < syntaxes && at + 20 <= bodyEnd; ++s, at += 20) {
-                c.transferSyntaxes.push_back(SyntaxId(pdu, at));
-                if (c.transferSyntaxes.back() == kNdr20)
-                    ndr20 = at;
+            for (std::size_t s = 0; s < syntaxes && at + 44 <= bodyEnd; ++s) {
+                at += 20;
+                offer += (s ? ", " : "") + SyntaxId(pdu, at + 4);
+                ndr20 = SyntaxId(pdu, at + 4) == kNdr20 ? at + 4 : ndr20;
             }
-            // p_result_t: result, reason, the accepted transfer syntax.
-            Put16(results, ndr20 ? kAcceptance : kProviderRejection);
-            Put16(results, ndr20 ? 0 : kTransferSyntaxNotSupported);
+            offer += "]";
+            at += 24;
+            // p_result_t: acceptance, or a provider rejection (transfer
+            // syntaxes not supported); the accepted transfer syntax.
+            Put16(results, ndr20 ? 0 : 2);
+            Put16(results, ndr20 ? 0 : 2);
             if (ndr20)
                 results.insert(results.end(), pdu.begin() + ndr20, pdu.begin() + ndr20 + 20);
             else
                 results.insert(results.end(), 20, 0);
-            offer.contexts.push_back(c);
         }
-        {
-            std::lock_guard<std::mutex> hold(mutex_);
-            offers_.push_back(offer);
+        if (authLength) {
+            char auth[32];
+            std::snprintf(auth, sizeof auth, " auth type %u level %u token ", pdu[bodyEnd], pdu[bodyEnd + 1]);
+            const auto token = pdu.end() - authLength;
+            offer += auth + ToHex(Bytes(token, token + std::min<int>(12, authLength)));
         }
+        std::lock_guard<std::mutex> hold(mutex_);
+        binds.push_back(offer);
         if (authLength && ptype == kBind) {
-            // No authentication service here: refuse the association.
+            // No authentication service here: bind_nak, reason 8
+            // (authentication type not recognised), versions supported: 5.0.
             Bytes nak = Header(kBindNak, callId);
-            Put16(nak, kAuthTypeNotRecognized);
-            nak.push_back(1);  // versions supported: 5.0
-            nak.push_back(5);
-            nak.push_back(0);
-            return Send(pipe, Finish(nak));
+            nak.insert(nak.end(), {8, 0, 1, 5, 0});
+            return Send(pipe, nak);
         }
         Bytes ack = Header(ptype == kBind ? kBindAck : kAlterContextResp, callId);
-        Put16(ack, std::min(maxRecv, kOurMaxFrag));
-        Put16(ack, std::min(maxXmit, kOurMaxFrag));
-        std::uint32_t assoc = group;
-        if (!assoc) {
-            std::lock_guard<std::mutex> hold(mutex_);
-            assoc = nextAssocGroup_++;
-        }
-        Put32(ack, assoc);
+        Put16(ack, std::min(Get16(pdu, 18), kOurMaxFrag));
+        Put16(ack, std::min(Get16(pdu, 16), kOurMaxFrag));
+        Put32(ack, Get32(pdu, 20) ? Get32(pdu, 20) : nextGroup_++);
         // sec_addr: the port the client reached (none in alter_context_resp),
-        // then padding to 4.
+        // padding to 4, then the results.
         const std::string port = ptype == kBind ? "\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f" : "";
-        Put16(ack, static_cast<std::uint16_t>(port.empty() ? 0 : port.size() + 1));
-        if (!port.empty()) {
-            ack.insert(ack.end(), port.begin(), port.end());
-            ack.push_back(0);
-        }
-        while (ack.size() % 4)
-            ack.push_back(0);
-        ack.push_back(static_cast<std::uint8_t>(count));
-        ack.insert(ack.end(), 3, 0);
+        Put16(ack, static_cast<std::uint32_t>(port.empty() ? 0 : port.size() + 1));
+        ack.insert(ack.end(), port.begin(), port.end());
+        ack.resize(ack.size() + !port.empty());
+        ack.resize((ack.size() + 3) / 4 * 4);
+        Put32(ack, pdu[24]);
         ack.insert(ack.end(), results.begin(), results.end());
-        return Send(pipe, Finish(ack));
+        return Send(pipe, ack);
     }
 
     if (ptype == kRequest) {
         // alloc_hint, p_cont_id, opnum, [object UUID], stub data.
-        std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
+        const std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
         if (bodyEnd < at) {
             Error("short request");
             return false;
         }
         if (flags & kFirstFrag) {
-            *pending = Request();
-            pending->opnum = Get16(pdu, 22);
-            pending->flags = flags;
-            pending->authLength = authLength;
+            stub->clear();
+            *opnum = Get16(pdu, 22);
         }
-        pending->stub.insert(pending->stub.end(), pdu.begin() + at, pdu.begin() + bodyEnd);
+        stub->insert(stub->end(), pdu.begin() + at, pdu.begin() + bodyEnd);
         if (!(flags & kLastFrag))
             return true;
-        const std::uint16_t context = Get16(pdu, 20);
-        Reply reply;
-        reply.kind = Reply::kFault;
-        reply.status = kNcaOpRangeError;
+        std::string reply = "fault 1c010002";  // nca_s_op_rng_error
         {
             std::lock_guard<std::mutex> hold(mutex_);
-            requests_.push_back(*pending);
+            requests.push_back(std::to_string(*opnum) + ": " + ToHex(*stub));
             if (!replies_.empty()) {
                 reply = replies_.front();
                 replies_.pop_front();
             }
         }
-        Bytes out = Header(reply.kind == Reply::kFault ? kFault : kResponse, callId);
-        Put32(out, reply.kind == Reply::kFault ? 0 : static_cast<std::uint32_t>(reply.stub.size()));
-        Put16(out, context);
-        out.push_back(0);  // cancel_count
-        out.push_back(0);
-        if (reply.kind == Reply::kFault) {
-            Put32(out, reply.status);
-            Put32(out, 0);
-        } else {
-            out.insert(out.end(), reply.stub.begin(), reply.stub.end());
-        }
-        Finish(out);
-        if (reply.kind == Reply::kCut) {
-            out.resize(std::min(reply.cutAt, out.size()));
-            Send(pipe, out);
-            return false;
-        }
-        return Send(pipe, out);
+        // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data or
+        // the fault's status and reserved.
+        const bool fault = reply.rfind("fault ", 0) == 0, cut = reply.rfind("cut ", 0) == 0;
+        std::size_t cutAt = SIZE_MAX, skip = 0;
+        if (cut)
+            cutAt = std::stoul(reply.substr(4), &skip);
+        const Bytes data = fault ? Bytes() : FromHex(reply.substr(cut ? 4 + skip : 0));
+        Bytes out = Header(fault ? kFault : kResponse, callId);
+        Put32(out, static_cast<std::uint32_t>(data.size()));
+        Put32(out, Get16(pdu, 20));
+        if (fault)
+            Put32(out, static_cast<std::uint32_t>(std::stoul(reply.substr(6), nullptr, 16)));
+        out.insert(out.end(), data.begin(), data.end());
+        out.resize(out.size() + 4 * fault);
+        return Send(pipe, out, cutAt);
     }
 
     if (ptype != kAuth3)
