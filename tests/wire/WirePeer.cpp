@@ -2,299 +2,229 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 
 namespace wire {
 namespace {
 
-// Packet types of the connection-oriented protocol.
-enum : std::uint8_t {
-    kRequest = 0,
-    kResponse = 2,
-    kFault = 3,
-    kBind = 11,
-    kBindAck = 12,
-    kBindNak = 13,
-    kAlterContext = 14,
-    kAlterContextResp = 15,
-    kAuth3 = 16,
-};
-constexpr std::uint8_t kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80;
+// Packet types of the connection-oriented protocol, and pfc_flags.
+enum : std::uint8_t { kRequest = 0, kResponse = 2, kFault = 3, kBind = 11, kBindAck, kBindNak, kAlterContext,
+                      kAlterContextResp, kAuth3 };
+enum : std::uint8_t { kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80 };
 constexpr std::uint16_t kOurMaxFrag = 4280;
 constexpr char kNdr20[] = "8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0";
 
 std::uint16_t Get16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(b[at] | b[at + 1] << 8); }
-std::uint32_t Get32(const Bytes& b, std::size_t at) { return Get16(b, at) | static_cast<std::uint32_t>(Get16(b, at + 2)) << 16; }
-void Put16(Bytes& b, std::uint32_t v)
-{
-    b.push_back(static_cast<std::uint8_t>(v));
-    b.push_back(static_cast<std::uint8_t>(v >> 8));
-}
-void Put32(Bytes& b, std::uint32_t v)
-{
-    Put16(b, v);
-    Put16(b, v >> 16);
+std::uint32_t Get32(const Bytes& b, std::size_t at) { return Get16(b, at) | std::uint32_t{Get16(b, at + 2)} << 16; }
+void Put32(Bytes& b, std::uint32_t v, int bytes = 4) {
+  for (int i = 0; i < bytes; ++i) b.push_back(static_cast<std::uint8_t>(v >> 8 * i));
 }
 
-// The common header: version 5.0, one fragment, little-endian data
-// representation; frag_length (bytes 8-9) is filled in by Send.
-Bytes Header(std::uint8_t ptype, std::uint32_t callId)
-{
-    Bytes b = {5, 0, ptype, kFirstFrag | kLastFrag, 0x10, 0, 0, 0, 0, 0, 0, 0};
-    Put32(b, callId);
-    return b;
+// The common header (version 5.0, one fragment, little-endian data
+// representation, no authentication; Send fills in frag_length), then `body`.
+Bytes Header(std::uint8_t ptype, std::uint32_t callId, const Bytes& body = {}) {
+  Bytes b = {5, 0, ptype, kFirstFrag | kLastFrag, 0x10, 0, 0, 0, 0, 0, 0, 0};
+  Put32(b, callId);
+  b.insert(b.end(), body.begin(), body.end());
+  return b;
 }
 
-bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX)
-{
-    pdu[8] = static_cast<std::uint8_t>(pdu.size());
-    pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
-    pdu.resize(std::min(cutAt, pdu.size()));
-    DWORD written = 0;
-    return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) && cutAt == SIZE_MAX;
+// Sends `pdu`, cut to its first `cutAt` bytes when asked; false when the
+// connection is to be closed.
+bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX) {
+  pdu[8] = static_cast<std::uint8_t>(pdu.size());
+  pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
+  pdu.resize(std::min(cutAt, pdu.size()));
+  DWORD written = 0;
+  return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) && cutAt == SIZE_MAX;
 }
 
 // p_syntax_id_t: a UUID in little-endian NDR form, then the version (major in
 // the low 16 bits, minor in the high 16 bits).
-std::string SyntaxId(const Bytes& b, std::size_t at)
-{
-    char text[64];
-    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x v%u.%u", Get32(b, at),
-                  Get16(b, at + 4), Get16(b, at + 6), b[at + 8], b[at + 9], b[at + 10], b[at + 11], b[at + 12],
-                  b[at + 13], b[at + 14], b[at + 15], Get16(b, at + 16), Get16(b, at + 18));
-    return text;
+std::string SyntaxId(const Bytes& b, std::size_t at) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x v%u.%u", Get32(b, at),
+                Get16(b, at + 4), Get16(b, at + 6), b[at + 8], b[at + 9], b[at + 10], b[at + 11], b[at + 12],
+                b[at + 13], b[at + 14], b[at + 15], Get16(b, at + 16), Get16(b, at + 18));
+  return text;
+}
+
+HANDLE NewInstance(const std::wstring& path, DWORD first) {
+  return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | first, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+                          PIPE_UNLIMITED_INSTANCES, 65536, 65536, 0, nullptr);
 }
 
 }  // namespace
 
-Bytes FromHex(const std::string& text)
-{
-    std::string digits;
-    std::copy_if(text.begin(), text.end(), std::back_inserter(digits), [](char c) { return c != ' '; });
-    Bytes out;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
+Bytes FromHex(const std::string& text) {
+  Bytes out;
+  std::string digits;
+  for (char c : text) digits += c == ' ' ? "" : std::string(1, c);
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+    out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  return out;
 }
 
-std::string ToHex(const Bytes& bytes)
-{
-    std::string out;
-    char two[3];
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        std::snprintf(two, sizeof two, "%02x", bytes[i]);
-        out += (i && i % 4 == 0 ? " " : "") + std::string(two);
-    }
-    return out;
+std::string ToHex(const Bytes& bytes) {
+  std::string out;
+  char two[4];
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    std::snprintf(two, sizeof two, "%02x", bytes[i]);
+    out += (i && i % 4 == 0 ? " " : "") + std::string(two);
+  }
+  return out;
 }
 
-bool Peer::Start(const std::wstring& name)
-{
-    path_ = L"\\\\.\\pipe\\" + name;
-    first_ = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE,
-                              PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES,
-                              65536, 65536, 0, nullptr);
-    if (first_ != INVALID_HANDLE_VALUE)
-        listener_ = std::thread(&Peer::Listen, this);
-    return first_ != INVALID_HANDLE_VALUE;
+bool Peer::Start(const std::wstring& name) {
+  path_ = L"\\\\.\\pipe\\" + name;
+  HANDLE first = NewInstance(path_, FILE_FLAG_FIRST_PIPE_INSTANCE);
+  if (first != INVALID_HANDLE_VALUE) listener_ = std::thread(&Peer::Listen, this, first);
+  return first != INVALID_HANDLE_VALUE;
 }
 
 // The listener waits in ConnectNamedPipe: a connection of our own wakes it.
-void Peer::Stop()
-{
-    if (!listener_.joinable())
-        return;
-    stopping_ = true;
-    HANDLE wake = INVALID_HANDLE_VALUE;
-    for (int i = 0; i < 100 && wake == INVALID_HANDLE_VALUE; ++i, WaitNamedPipeW(path_.c_str(), 100))
-        wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    listener_.join();
-    if (wake != INVALID_HANDLE_VALUE)
-        CloseHandle(wake);
-    for (std::thread& t : servers_)
-        t.join();
-    servers_.clear();
+void Peer::Stop() {
+  if (!listener_.joinable()) return;
+  stopping_ = true;
+  HANDLE wake = INVALID_HANDLE_VALUE;
+  for (int i = 0; i < 100 && wake == INVALID_HANDLE_VALUE; ++i, WaitNamedPipeW(path_.c_str(), 100))
+    wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  listener_.join();
+  if (wake != INVALID_HANDLE_VALUE) CloseHandle(wake);
+  for (std::thread& t : servers_) t.join();
+  servers_.clear();
 }
 
-void Peer::Error(const std::string& text)
-{
-    std::lock_guard<std::mutex> hold(mutex_);
-    errors.push_back(text);
+void Peer::Error(const std::string& text) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  errors.push_back(text);
 }
 
-// One instance waits for a client at a time; each client gets its own thread.
-void Peer::Listen()
-{
-    for (HANDLE pipe = first_; pipe != INVALID_HANDLE_VALUE;
-         pipe = CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
-                                 PIPE_UNLIMITED_INSTANCES, 65536, 65536, 0, nullptr)) {
-        const bool connected = ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
-        if (stopping_ || !connected) {
-            CloseHandle(pipe);
-            if (!stopping_)
-                Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
-            return;
-        }
-        servers_.emplace_back(&Peer::Serve, this, pipe);
+// One instance waits for a client at a time; each client gets a thread.
+void Peer::Listen(HANDLE pipe) {
+  for (; pipe != INVALID_HANDLE_VALUE; pipe = NewInstance(path_, 0)) {
+    const bool connected = ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
+    if (stopping_ || !connected) {
+      if (!stopping_) Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
+      CloseHandle(pipe);
+      return;
     }
-    Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
+    servers_.emplace_back(&Peer::Serve, this, pipe);
+  }
+  Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
 }
 
 // Reads bytes as they come (a PDU may span reads, or a read hold several) and
 // handles every complete PDU, until the client closes.
-void Peer::Serve(HANDLE pipe)
-{
-    Bytes stream, stub;
-    std::uint16_t opnum = 0;
-    std::uint8_t chunk[8192];
-    DWORD got = 0;
-    bool open = true;
-    while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) || GetLastError() == ERROR_MORE_DATA)) {
-        stream.insert(stream.end(), chunk, chunk + got);
-        while (open && stream.size() >= 16 && stream.size() >= Get16(stream, 8)) {
-            const std::size_t length = Get16(stream, 8);
-            if (length < 16) {
-                Error("frag_length " + std::to_string(length));
-                open = false;
-                break;
-            }
-            open = Handle(pipe, Bytes(stream.begin(), stream.begin() + length), &stub, &opnum);
-            stream.erase(stream.begin(), stream.begin() + length);
-        }
+void Peer::Serve(HANDLE pipe) {
+  Bytes stream, stub;
+  std::uint16_t opnum = 0;
+  std::uint8_t chunk[8192];
+  DWORD got = 0;
+  bool open = true;
+  while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) || GetLastError() == ERROR_MORE_DATA)) {
+    stream.insert(stream.end(), chunk, chunk + got);
+    for (std::size_t length; open && stream.size() >= 16 && stream.size() >= (length = Get16(stream, 8));) {
+      if (length < 16) Error("frag_length " + std::to_string(length));
+      open = length >= 16 && Handle(pipe, Bytes(stream.begin(), stream.begin() + length), &stub, &opnum);
+      stream.erase(stream.begin(), stream.begin() + length);
     }
-    CloseHandle(pipe);
+  }
+  CloseHandle(pipe);
 }
 
 // Handles one PDU; false when the connection is to be closed.
-bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum)
-{
-    const std::uint8_t ptype = pdu[2], flags = pdu[3];
-    const std::uint16_t authLength = Get16(pdu, 10);
-    const std::uint32_t callId = Get32(pdu, 12);
-    if (pdu[0] != 5 || pdu[1] != 0 || pdu[4] != 0x10) {
-        Error("header " + ToHex(Bytes(pdu.begin(), pdu.begin() + 16)));
-        return false;
-    }
-    // The auth_verifier, when there is one: 8 bytes of sec_trailer (auth_type,
-    // auth_level, auth_pad_length, reserved, context id) and the credentials;
-    // the pad before it belongs to the body.
-    std::size_t bodyEnd = pdu.size();
-    if (authLength) {
-        if (pdu.size() < 16u + 8u + authLength) {
-            Error("auth_length " + std::to_string(authLength));
-            return false;
-        }
-        bodyEnd = pdu.size() - authLength - 8;
-        bodyEnd -= std::min<std::size_t>(pdu[bodyEnd + 2], bodyEnd);
-    }
+bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum) {
+  const std::uint8_t ptype = pdu[2], flags = pdu[3];
+  const std::uint16_t authLength = Get16(pdu, 10);
+  const std::uint32_t callId = Get32(pdu, 12);
+  if (pdu[0] != 5 || pdu[1] != 0 || pdu[4] != 0x10) return Error("header " + ToHex(pdu)), false;
+  // The auth_verifier, when there is one: 8 bytes of sec_trailer (auth_type,
+  // auth_level, auth_pad_length, reserved, context id) and the credentials;
+  // the pad before it belongs to the body.
+  std::size_t end = pdu.size();
+  if (authLength && end < 16u + 8u + authLength) return Error("auth_length " + std::to_string(authLength)), false;
+  if (authLength) end -= authLength + 8 + std::min<std::size_t>(pdu[end - authLength - 6], end - authLength - 8);
+  const std::uint8_t* trailer = authLength ? &pdu[pdu.size() - authLength - 8] : nullptr;
 
-    if (ptype == kBind || ptype == kAlterContext) {
-        // max_xmit_frag, max_recv_frag, assoc_group_id, then p_cont_list_t.
-        if (bodyEnd < 28) {
-            Error("short bind");
-            return false;
-        }
-        std::string offer = ptype == kBind ? "bind" : "alter_context";
-        Bytes results;
-        std::size_t at = 28;
-        for (std::size_t i = 0; i < pdu[24]; ++i) {
-            if (at + 24 > bodyEnd) {
-                Error("short presentation context");
-                return false;
-            }
-            offer += " ctx " + std::to_string(Get16(pdu, at)) + ": " + SyntaxId(pdu, at + 4) + " [";
-            const std::size_t syntaxes = pdu[at + 2];
-            std::size_t ndr20 = 0;
-            for (std::size_t s = 0; s < syntaxes && at + 44 <= bodyEnd; ++s) {
-                at += 20;
-                offer += (s ? ", " : "") + SyntaxId(pdu, at + 4);
-                ndr20 = SyntaxId(pdu, at + 4) == kNdr20 ? at + 4 : ndr20;
-            }
-            offer += "]";
-            at += 24;
-            // p_result_t: acceptance, or a provider rejection (transfer
-            // syntaxes not supported); the accepted transfer syntax.
-            Put16(results, ndr20 ? 0 : 2);
-            Put16(results, ndr20 ? 0 : 2);
-            if (ndr20)
-                results.insert(results.end(), pdu.begin() + ndr20, pdu.begin() + ndr20 + 20);
-            else
-                results.insert(results.end(), 20, 0);
-        }
-        if (authLength) {
-            char auth[32];
-            std::snprintf(auth, sizeof auth, " auth type %u level %u token ", pdu[bodyEnd], pdu[bodyEnd + 1]);
-            const auto token = pdu.end() - authLength;
-            offer += auth + ToHex(Bytes(token, token + std::min<int>(12, authLength)));
-        }
-        std::lock_guard<std::mutex> hold(mutex_);
-        binds.push_back(offer);
-        if (authLength && ptype == kBind) {
-            // No authentication service here: bind_nak, reason 8
-            // (authentication type not recognised), versions supported: 5.0.
-            Bytes nak = Header(kBindNak, callId);
-            nak.insert(nak.end(), {8, 0, 1, 5, 0});
-            return Send(pipe, nak);
-        }
-        Bytes ack = Header(ptype == kBind ? kBindAck : kAlterContextResp, callId);
-        Put16(ack, std::min(Get16(pdu, 18), kOurMaxFrag));
-        Put16(ack, std::min(Get16(pdu, 16), kOurMaxFrag));
-        Put32(ack, Get32(pdu, 20) ? Get32(pdu, 20) : nextGroup_++);
-        // sec_addr: the port the client reached (none in alter_context_resp),
-        // padding to 4, then the results.
-        const std::string port = ptype == kBind ? "\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f" : "";
-        Put16(ack, static_cast<std::uint32_t>(port.empty() ? 0 : port.size() + 1));
-        ack.insert(ack.end(), port.begin(), port.end());
-        ack.resize(ack.size() + !port.empty());
-        ack.resize((ack.size() + 3) / 4 * 4);
-        Put32(ack, pdu[24]);
-        ack.insert(ack.end(), results.begin(), results.end());
-        return Send(pipe, ack);
+  if (ptype == kBind || ptype == kAlterContext) {
+    // max_xmit_frag, max_recv_frag, assoc_group_id, then p_cont_list_t: per
+    // context its id, the count of transfer syntaxes, the abstract syntax
+    // and the transfer syntaxes.
+    if (end < 28) return Error("short bind"), false;
+    std::string offer = ptype == kBind ? "bind" : "alter_context";
+    Bytes results;
+    std::size_t at = 28;
+    for (std::size_t i = 0; i < pdu[24]; ++i) {
+      const std::size_t syntaxes = at + 24 <= end ? pdu[at + 2] : 0;
+      if (at + 24 + 20 * syntaxes > end) return Error("short presentation context"), false;
+      offer += " ctx " + std::to_string(Get16(pdu, at)) + ": " + SyntaxId(pdu, at + 4) + " [";
+      std::size_t ndr20 = 0;
+      for (std::size_t s = 0, syntax = at + 24; s < syntaxes; ++s, syntax += 20) {
+        offer += (s ? ", " : "") + SyntaxId(pdu, syntax);
+        if (SyntaxId(pdu, syntax) == kNdr20) ndr20 = syntax;
+      }
+      offer += "]";
+      at += 24 + 20 * syntaxes;
+      // p_result_t: acceptance with the transfer syntax, or a provider
+      // rejection (2, reason 2: transfer syntaxes not supported).
+      Put32(results, ndr20 ? 0 : 0x00020002);
+      Bytes syntax(20);
+      if (ndr20) syntax.assign(pdu.begin() + ndr20, pdu.begin() + ndr20 + 20);
+      results.insert(results.end(), syntax.begin(), syntax.end());
     }
-
-    if (ptype == kRequest) {
-        // alloc_hint, p_cont_id, opnum, [object UUID], stub data.
-        const std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
-        if (bodyEnd < at) {
-            Error("short request");
-            return false;
-        }
-        if (flags & kFirstFrag) {
-            stub->clear();
-            *opnum = Get16(pdu, 22);
-        }
-        stub->insert(stub->end(), pdu.begin() + at, pdu.begin() + bodyEnd);
-        if (!(flags & kLastFrag))
-            return true;
-        std::string reply = "fault 1c010002";  // nca_s_op_rng_error
-        {
-            std::lock_guard<std::mutex> hold(mutex_);
-            requests.push_back(std::to_string(*opnum) + ": " + ToHex(*stub));
-            if (!replies_.empty()) {
-                reply = replies_.front();
-                replies_.pop_front();
-            }
-        }
-        // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data or
-        // the fault's status and reserved.
-        const bool fault = reply.rfind("fault ", 0) == 0, cut = reply.rfind("cut ", 0) == 0;
-        std::size_t cutAt = SIZE_MAX, skip = 0;
-        if (cut)
-            cutAt = std::stoul(reply.substr(4), &skip);
-        const Bytes data = fault ? Bytes() : FromHex(reply.substr(cut ? 4 + skip : 0));
-        Bytes out = Header(fault ? kFault : kResponse, callId);
-        Put32(out, static_cast<std::uint32_t>(data.size()));
-        Put32(out, Get16(pdu, 20));
-        if (fault)
-            Put32(out, static_cast<std::uint32_t>(std::stoul(reply.substr(6), nullptr, 16)));
-        out.insert(out.end(), data.begin(), data.end());
-        out.resize(out.size() + 4 * fault);
-        return Send(pipe, out, cutAt);
+    if (trailer) {
+      char auth[40];
+      std::snprintf(auth, sizeof auth, " auth type %u level %u token ", trailer[0], trailer[1]);
+      offer += auth + ToHex(Bytes(trailer + 8, trailer + 8 + std::min<int>(12, authLength)));
     }
+    std::lock_guard<std::mutex> hold(mutex_);
+    binds.push_back(offer);
+    // No authentication service here: bind_nak, reason 8 (authentication
+    // type not recognised), protocol versions supported: 5.0.
+    if (trailer && ptype == kBind) return Send(pipe, Header(kBindNak, callId, {8, 0, 1, 5, 0}));
+    Bytes ack = Header(ptype == kBind ? kBindAck : kAlterContextResp, callId);
+    Put32(ack, std::min(Get16(pdu, 18), kOurMaxFrag), 2);
+    Put32(ack, std::min(Get16(pdu, 16), kOurMaxFrag), 2);
+    Put32(ack, Get32(pdu, 20) ? Get32(pdu, 20) : nextGroup_++);
+    // sec_addr: the port the client reached, with its NUL (none in an
+    // alter_context_resp); padding to 4; the results.
+    const std::string port = ptype == kBind ? std::string("\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f", 42) : "";
+    Put32(ack, static_cast<std::uint32_t>(port.size()), 2);
+    ack.insert(ack.end(), port.begin(), port.end());
+    ack.resize((ack.size() + 3) / 4 * 4);
+    Put32(ack, pdu[24]);
+    ack.insert(ack.end(), results.begin(), results.end());
+    return Send(pipe, ack);
+  }
 
-    if (ptype != kAuth3)
-        Error("unexpected PDU type " + std::to_string(ptype));
-    return true;
+  if (ptype == kRequest) {
+    // alloc_hint, p_cont_id, opnum, [object UUID], stub data.
+    const std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
+    if (end < at) return Error("short request"), false;
+    if (flags & kFirstFrag) stub->clear(), *opnum = Get16(pdu, 22);
+    stub->insert(stub->end(), pdu.begin() + at, pdu.begin() + end);
+    if (!(flags & kLastFrag)) return true;
+    std::string reply = "fault 1c010002";  // nca_s_op_rng_error
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      requests.push_back(std::to_string(*opnum) + ": " + ToHex(*stub));
+      if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
+    }
+    // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data, or
+    // the fault's status and 4 reserved bytes.
+    const bool fault = reply.rfind("fault ", 0) == 0, cut = reply.rfind("cut ", 0) == 0;
+    std::size_t cutAt = SIZE_MAX, digits = 0;
+    if (cut) cutAt = std::stoul(reply.substr(4), &digits);
+    const Bytes data = fault ? Bytes(4) : FromHex(reply.substr(cut ? 4 + digits : 0));
+    Bytes out = Header(fault ? kFault : kResponse, callId);
+    Put32(out, fault ? 0 : static_cast<std::uint32_t>(data.size()));
+    Put32(out, Get16(pdu, 20));
+    if (fault) Put32(out, static_cast<std::uint32_t>(std::stoul(reply.substr(6), nullptr, 16)));
+    out.insert(out.end(), data.begin(), data.end());
+    return Send(pipe, out, cutAt);
+  }
+  if (ptype != kAuth3) Error("unexpected PDU type " + std::to_string(ptype));
+  return true;
 }
 
 }  // namespace wire

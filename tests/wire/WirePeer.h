@@ -2,8 +2,8 @@
 // protocol itself (common header, bind, bind_ack, bind_nak, alter_context,
 // request, response, fault) and from nothing generated: it knows no interface
 // compiler, stub or format string. It accepts a presentation context that
-// offers NDR 2.0, records every bind and every request, and answers each
-// request with the next reply it was given, built by hand.
+// offers NDR 2.0, records every bind and request, and answers each request
+// with the next reply it was given, built by hand.
 #pragma once
 
 #include <windows.h>
@@ -19,45 +19,39 @@
 namespace wire {
 
 using Bytes = std::vector<std::uint8_t>;
-
 Bytes FromHex(const std::string& text);  // "06000000 04000000": blanks ignored
 std::string ToHex(const Bytes& bytes);   // a blank after every 4 bytes
 
 class Peer {
-public:
-    ~Peer() { Stop(); }
-    // Creates the first instance of \\.\pipe\<name> (fails when another server
-    // owns the name) and starts listening.
-    bool Start(const std::wstring& name);
-    // Ends the peer; call it when the client has closed its connections.
-    void Stop();
-    // Replies (queued before Start), handed out in the order requests arrive:
-    //   "HEX"            a response whose stub data is HEX
-    //   "fault XXXXXXXX" a fault PDU with that status (hex)
-    //   "cut N HEX"      the response for HEX cut to its first N bytes, then
-    //                    the connection closed
-    // A request with no reply left gets a fault (nca_s_op_rng_error).
-    void Queue(const std::string& reply) { replies_.push_back(reply); }
+ public:
+  ~Peer() { Stop(); }
+  // Takes \\.\pipe\<name> (fails when another server owns it) and listens.
+  bool Start(const std::wstring& name);
+  void Stop();  // when the client has closed its connections
+  // Replies (queued before Start), handed out in the order requests arrive:
+  // "HEX" a response whose stub data is HEX; "fault XXXXXXXX" a fault PDU with
+  // that status; "cut N HEX" the response for HEX cut to its first N bytes,
+  // then the connection closed. With none left: a fault (nca_s_op_rng_error).
+  void Queue(const std::string& reply) { replies_.push_back(reply); }
 
-    // Read these after Stop(). binds: "bind|alter_context ctx ID: ABSTRACT
-    // [TRANSFER, ...]", then " auth type T level L token HEX" (the first 12
-    // bytes of its credentials) when authenticated. requests: "OPNUM: STUB".
-    std::vector<std::string> binds, requests, errors;
+  // After Stop(). binds: "bind ctx ID: ABSTRACT [TRANSFER, ...]", then " auth
+  // type T level L token HEX" (its credentials' first 12 bytes) when
+  // authenticated; requests: "OPNUM: STUB"; errors: protocol faults seen.
+  std::vector<std::string> binds, requests, errors;
 
-private:
-    void Listen();
-    void Serve(HANDLE pipe);
-    bool Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum);
-    void Error(const std::string& text);
+ private:
+  void Listen(HANDLE pipe);
+  void Serve(HANDLE pipe);
+  bool Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum);
+  void Error(const std::string& text);
 
-    std::wstring path_;
-    HANDLE first_ = INVALID_HANDLE_VALUE;
-    std::atomic<bool> stopping_{false};
-    std::thread listener_;
-    std::vector<std::thread> servers_;
-    std::mutex mutex_;
-    std::deque<std::string> replies_;
-    std::uint32_t nextGroup_ = 0x5151;
+  std::wstring path_;
+  std::atomic<bool> stopping_{false};
+  std::thread listener_;
+  std::vector<std::thread> servers_;
+  std::mutex mutex_;
+  std::deque<std::string> replies_;
+  std::uint32_t nextGroup_ = 0x5151;
 };
 
 }  // namespace wire
