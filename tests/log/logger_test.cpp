@@ -36,10 +36,17 @@ void Config(const std::string& body) {
 void NoConfig() { DeleteFileW(ConfigIni().c_str()); }
 
 // A log in a folder of its own; plain text unless `encrypt`.
-std::wstring Fresh(const wchar_t* name, std::int64_t maxSize = 0x100000, int encrypt = 0, int sizeCheck = 1) {
+std::wstring Fresh(const wchar_t* name, std::int64_t maxSize = 0x100000, std::uint8_t encrypt = 0,
+                   std::uint8_t sizeCheck = 1) {
   const std::wstring path = TempDir(name) + L"\\" + name + L".log";
-  Log().Setup(nullptr, path.c_str(), maxSize, static_cast<std::uint8_t>(encrypt), static_cast<std::uint8_t>(sizeCheck));
-  return path;
+  return Log().Setup(nullptr, path.c_str(), maxSize, encrypt, sizeCheck), path;
+}
+// A .logdat file's text: a 4-byte little-endian byte count before each
+// record, each of its UTF-8 bytes stored as 255 - b (one record here).
+std::string Unframe(const std::string& bytes) {
+  std::string text;
+  for (std::size_t i = 4; i < bytes.size(); ++i) text += static_cast<char>(255 - static_cast<unsigned char>(bytes[i]));
+  return text;
 }
 
 }  // namespace
@@ -59,41 +66,32 @@ TEST(RecordText, FieldsAndTheSecondFormattingPass) {
   EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] Br7ge.cpp(9) v=9\n",
             Record(4242, LogInfo, L"Br%dge.cpp", 9, L"v=%d", 7, 9));
   EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] a.cpp(9) a%sb\n", Record(4242, LogInfo, L"a.cpp", 9, L"%s", L"a%sb"));
-  const wchar_t* tags[] = {L"[NONE]", L"[NONE]", L"[ERR]", L"[WAR]", L"[INF]", L"[TRA]", L"[DBG]", L"[NONE]"};
-  for (int level = -1; level <= 6; ++level) EXPECT_STREQ(tags[level + 1], Logger::LevelTag(level)) << level;
 }
 
-TEST(Write, PlainRecordIsUtf8WithOneLineFeed) {
-  NoConfig();
-  const std::wstring path = Fresh(L"plain");
-  QX_LOG(LogInfo, 77, L"hello %d %s \xFF0C", 5, L"wide");
-  const std::string text = ReadFileBytes(path);
-  std::smatch m;
-  ASSERT_TRUE(std::regex_match(text, m, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d : \[INF\]\[(\d{5,})\] )"
-                                                   "LoggerTest\\.cpp\\(77\\) hello 5 wide \xEF\xBC\x8C\n")))
-      << text;
-  EXPECT_EQ(GetCurrentThreadId(), std::stoul(m[1].str()));
-}
-
-// A record is kept when its level is at most the set-up's (config key, else
-// 3); the tag of a level outside 1 to 5 is [NONE].
-TEST(Write, LevelFilter) {
-  for (const char* setting : {"", "0", "-1"}) {
+// Every line a record: time, level tag, thread, source, line, message in
+// UTF-8, one line feed. A record is kept when its level is at most the
+// set-up's (config key, else 3).
+TEST(Write, PlainRecordsAndTheLevelFilter) {
+  char thread[16];
+  std::snprintf(thread, sizeof thread, "][%05lu] ", GetCurrentThreadId());
+  const char* tags[] = {"[NONE", "[NONE", "[NONE", "[ERR", "[WAR", "[INF", "[TRA", "[DBG", "[NONE"};  // -2 to 6
+  for (const char* setting : {"", "0", "-1", "5"}) {
     *setting ? Config(std::string("g_vantoq_global_log_level=") + setting + "\r\n") : NoConfig();
     const std::wstring path = Fresh(L"filter");
-    for (int level = -2; level <= 6; ++level) QX_LOG(level, 1, L"level %d.", level);
+    for (int level = -2; level <= 6; ++level) QX_LOG(level, 1, L"level %d %s\xFF0C", level, L"wide");
     const std::string text = ReadFileBytes(path);
     const int kept = *setting ? std::stoi(setting) : LogInfo;
     EXPECT_EQ(kept, Log().level());
-    for (int level = -2; level <= 6; ++level)
-      EXPECT_EQ(level <= kept, text.find("level " + std::to_string(level) + ".") != std::string::npos) << level;
-    EXPECT_NE(std::string::npos, text.find("[NONE][")) << text;
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"((\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d : [^\r\n]+\n)+)"))) << text;
+    for (int level = -2; level <= 6; ++level) {
+      const std::string record = std::string(tags[level + 2]) + thread + "LoggerTest.cpp(1) level " +
+                                 std::to_string(level) + " wide\xEF\xBC\x8C\n";
+      EXPECT_EQ(level <= kept, text.find(record) != std::string::npos) << record;
+    }
   }
   NoConfig();
 }
 
-// The frame, from its definition: a 4-byte little-endian byte count, then the
-// record's UTF-8 bytes, each stored as 255 - b.
 TEST(Write, ObfuscatedFrame) {
   NoConfig();
   const std::wstring path = Fresh(L"frame", 0x100000, 1);
@@ -103,8 +101,7 @@ TEST(Write, ObfuscatedFrame) {
   ASSERT_GT(bytes.size(), 4u);
   EXPECT_EQ(bytes.size() - 4, static_cast<unsigned char>(bytes[0]) | static_cast<unsigned char>(bytes[1]) << 8);
   EXPECT_EQ(std::string(2, '\0'), bytes.substr(2, 2));
-  std::string text;
-  for (char c : bytes.substr(4)) text += static_cast<char>(255 - static_cast<unsigned char>(c));
+  const std::string text = Unframe(bytes);
   EXPECT_TRUE(std::regex_match(text, std::regex("[-0-9 :]{18} : \\[INF\\]\\[\\d+\\] LoggerTest\\.cpp\\(12\\) "
                                                 "\xC3\xA9\xEF\xBC\x8C\n")))
       << text;
@@ -142,8 +139,6 @@ TEST(Setup, DefaultsConfigKeysAndTheMutex) {
   EXPECT_EQ(Logs() + L"\\QXAttentionPlugin.log.logdat", Log().path());
   EXPECT_EQ(LogInfo, Log().level());
   EXPECT_EQ(0x100000, Log().maxSize());
-  EXPECT_EQ(0, Log().consoleEcho());
-  EXPECT_TRUE(PathIsDirectoryW(Logs().c_str()));
   Log().Setup(L"Other", L"x.log", 0x100000, 0, 1);  // a bare name goes to the product's logs folder
   EXPECT_EQ(CommonAppData() + L"\\Vantoq\\Other\\logs\\x.log", Log().path());
 
@@ -215,8 +210,7 @@ TEST(FreshProcess, BeforeSetupLinkedFolderAndConsoleEcho) {
   const std::wstring fallback = Logs() + L"\\" + PathFindFileNameW(self) + L".log.logdat";
   DeleteFileW(fallback.c_str());
   EXPECT_EQ(0, WaitChild(StartSelf(L"fallback", {}), 30000));
-  std::string text = ReadFileBytes(fallback);
-  for (std::size_t i = 4; i < text.size(); ++i) text[i] = static_cast<char>(255 - static_cast<unsigned char>(text[i]));
+  const std::string text = Unframe(ReadFileBytes(fallback));
   EXPECT_NE(std::string::npos, text.find("[DBG]")) << text;
   EXPECT_NE(std::string::npos, text.find("LoggerTest.cpp(2) fallback 7\n")) << text;
 
