@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "FusionClient.h"
@@ -32,11 +33,10 @@ constexpr wchar_t kAttentionEvent[] = L"Global\\Vantoq.SensorFusion.AttentionEVE
 constexpr char kBind[] =
     "bind ctx 0: 7745c01b-9375-4881-9ab5-bbc087ec41f5 v1.0 [8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0]";
 
-struct Scenario {
-  std::string name, service = "none", auth;
-  std::vector<std::string> calls, answers, requests, replies, simCalls, log, threadLog, counts;
-  bool threads = false, unordered = false;
-};
+// A scenario: its lines by their first word ("step", "log", ...; "==" holds its name).
+using Scenario = std::map<std::string, std::vector<std::string>>;
+const std::set<std::string> kWords = {"==", "service", "step", "pipe", "call", "auth",
+                                      "log", "thread", "threads", "count", "unordered"};
 
 std::vector<Scenario> Load(const std::string& path) {
   std::vector<Scenario> all;
@@ -48,32 +48,18 @@ std::vector<Scenario> Load(const std::string& path) {
     static const std::regex repeat("(.)<([0-9]+)>");  // "x<3>" is "xxx"
     for (std::smatch m; std::regex_search(rest, m, repeat);)
       rest.replace(m.position(), m.length(), std::stoul(m[2]), m.str(1)[0]);
-    const std::size_t bar = rest.find(" | ");
-    const std::string left = rest.substr(0, bar), right = bar == std::string::npos ? "" : rest.substr(bar + 3);
     if (word.empty() || word[0] == '#') continue;
-    if (word == "==") {
-      all.emplace_back().name = rest;
-      continue;
-    }
-    if (all.empty()) return ADD_FAILURE() << path << ": no \"== NAME\" before " << line, all;
-    Scenario& s = all.back();
-    const std::map<std::string, std::vector<std::string>*> lists = {
-        {"call", &s.simCalls}, {"log", &s.log}, {"thread", &s.threadLog}, {"count", &s.counts}};
-    if (word == "service" || word == "auth") {
-      (word == "service" ? s.service : s.auth) = rest;
-    } else if (word == "step" || word == "pipe") {
-      (word == "step" ? s.calls : s.requests).push_back(left);
-      (word == "step" ? s.answers : s.replies).push_back(right);
-    } else if (lists.count(word)) {
-      lists.at(word)->push_back(rest);
-    } else if (word == "threads" || word == "unordered") {
-      (word == "threads" ? s.threads : s.unordered) = true;
-    } else {
-      ADD_FAILURE() << path << ": unknown line " << line;
-    }
-    s.threads = s.threads || word == "thread";
+    if (word == "==") all.emplace_back();
+    if (all.empty() || !kWords.count(word)) return ADD_FAILURE() << path << ": " << line, all;
+    all.back()[word].push_back(rest);
   }
   return all;
+}
+
+// The part of "LEFT | RIGHT" before (0) or after (1) the bar.
+std::string Part(const std::string& line, int i) {
+  const std::size_t bar = line.find(" | ");
+  return i == 0 ? line.substr(0, bar) : bar == std::string::npos ? "" : line.substr(bar + 3);
 }
 
 // ---- the child: makes the calls ---------------------------------------------
@@ -236,7 +222,8 @@ std::string Missing(const std::vector<std::string>& log, const std::vector<std::
   return "";
 }
 
-void Judge(const std::string& file, const Scenario& s) {
+void Judge(const std::string& file, Scenario s) {
+  const std::string service = s["service"].empty() ? "none" : s["service"][0];
   for (const wchar_t* value : {L"attention_state", L"attention_delay"})
     RegDeleteKeyValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Vantoq\\Quillomatic", value);
   RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Vantoq\\Quillomatic", L"attention__ability");
@@ -246,17 +233,17 @@ void Judge(const std::string& file, const Scenario& s) {
   wire::Peer peer;
   FusionSimProcess sim;
   HANDLE event = nullptr;  // the peer's attention event (auto-reset); the simulator makes its own
-  if (s.service == "peer") {
-    for (const std::string& reply : s.replies) peer.Queue(reply);
+  if (service == "peer") {
+    for (const std::string& exchange : s["pipe"]) peer.Queue(Part(exchange, 1));
     ASSERT_TRUE(peer.Start(kPipe)) << "another server owns the pipe";
     event = CreateEventW(nullptr, FALSE, FALSE, kAttentionEvent);
-  } else if (s.service.rfind("sim", 0) == 0) {
-    ASSERT_TRUE(FusionSimLaunch(Widen(s.service.substr(3)), 20000, &sim));
+  } else if (service.rfind("sim", 0) == 0) {
+    ASSERT_TRUE(FusionSimLaunch(Widen(service.substr(3)), 20000, &sim));
   }
   const std::wstring data = TempDir(L"scenario-data"), out = TempDir(L"scenario-out") + L"\\stdout.txt";
   CreateDirectoryW((data + L"\\Vantoq").c_str(), nullptr);
   SetEnvironmentVariableW(L"ProgramData", data.c_str());
-  const int exitCode = WaitChild(StartSelf(L"scenario", {Widen(file), Widen(s.name)}, out), 120000);
+  const int exitCode = WaitChild(StartSelf(L"scenario", {Widen(file), Widen(s["=="][0])}, out), 120000);
   SetEnvironmentVariableW(L"ProgramData", nullptr);
   std::vector<FusionSimCall> calls;
   if (sim.process && !FusionSimReadCalls(&calls)) ADD_FAILURE() << "no call record";
@@ -265,56 +252,51 @@ void Judge(const std::string& file, const Scenario& s) {
   if (event) CloseHandle(event);
   EXPECT_EQ(0, exitCode) << "the child crashed, hung or failed";
 
-  std::vector<std::string> answers(s.calls.size(), "(no answer)");
-  for (std::string line : Lines(ReadFileBytes(out), "\n")) {
-    std::size_t index = 0, end = 0;
-    if (!line.empty() && line.back() == '\r') line.pop_back();  // stdout is in text mode
-    if (line.rfind("answer ", 0) == 0 && (index = std::stoul(line.substr(7), &end)) < answers.size())
-      answers[index] = line.substr(std::min(line.size(), 8 + end));
-  }
-  for (std::size_t i = 0; i < answers.size(); ++i)
-    EXPECT_EQ(s.answers[i], answers[i]) << "step " << i << ": " << s.calls[i];
+  std::vector<std::string> answers;  // "answer TEXT\r" (stdout is in text mode), among what the DLL prints
+  for (const std::string& line : Lines(ReadFileBytes(out), "\n"))
+    if (line.rfind("answer ", 0) == 0) answers.push_back(line);
+  for (std::size_t i = 0; i < s["step"].size(); ++i)
+    EXPECT_EQ("answer " + Part(s["step"][i], 1) + "\r", i < answers.size() ? answers[i] : "") << s["step"][i];
 
   // Client to service: every request (peer) or call (simulator), in order.
+  std::vector<std::string> requests, recorded;
+  for (const std::string& exchange : s["pipe"]) requests.push_back(Part(exchange, 0));
+  EXPECT_EQ(requests, peer.requests);
   EXPECT_EQ(std::vector<std::string>(), peer.errors);
-  EXPECT_EQ(s.requests, peer.requests);
-  for (const std::string& bind : peer.binds) EXPECT_EQ(kBind + (s.auth.empty() ? "" : " auth " + s.auth), bind);
-  EXPECT_EQ(s.service == "peer", !peer.binds.empty());
-  std::vector<std::string> recorded, expected = s.simCalls;
+  const std::string auth = s["auth"].empty() ? "" : " auth " + s["auth"][0];
+  for (const std::string& bind : peer.binds) EXPECT_EQ(kBind + auth, bind);
+  EXPECT_EQ(service == "peer", !peer.binds.empty());
   for (const FusionSimCall& c : calls)
     recorded.push_back(std::to_string(c.opnum) + " " + Hex(c.arg0) + " " + std::to_string(c.arg1) +
                        (c.dataLen ? " " + wire::ToHex(wire::Bytes(c.data, c.data + c.dataLen)) : ""));
-  if (s.unordered) std::sort(recorded.begin(), recorded.end()), std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(expected, recorded);
+  if (s.count("unordered")) std::sort(recorded.begin(), recorded.end()), std::sort(s["call"].begin(), s["call"].end());
+  EXPECT_EQ(s["call"], recorded);
 
-  // The sensor library log: every line stamped but the version line; the
-  // exact number of exception lines; the expected lines, all of them in order
+  // The sensor library log: every line stamped but the version line; exactly
+  // the exception lines expected; the expected lines, all of them in order
   // or, when other threads write too, each list as an ordered subsequence.
   std::vector<std::string> log;
   std::string all;
-  int exceptions = 0;
   const std::regex stamp(R"(\[\d\d-\d\d-\d\d-\d\d-\d\d:\d{1,3}\](.*))");
   for (const std::string& line : Lines(ReadFileBytes(data + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"), "\r\n")) {
     std::smatch m;
     EXPECT_TRUE(line.empty() || line.rfind("Version:", 0) == 0 || std::regex_match(line, m, stamp)) << line;
     log.push_back(m.empty() ? line : m.str(1));
     all += log.back() + "\n";
-    exceptions += log.back().find("Runtime reported exception") != std::string::npos;
   }
-  const auto exception = [](const std::string& e) { return e.find("Runtime reported exception") != std::string::npos; };
-  EXPECT_EQ(std::count_if(s.log.begin(), s.log.end(), exception) +
-                std::count_if(s.threadLog.begin(), s.threadLog.end(), exception),
-            exceptions)
-      << "exception lines";
-  if (!s.threads) {
+  const auto exceptions = [](const std::vector<std::string>& lines) {
+    return std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.find("Runtime reported exception") != l.npos; });
+  };
+  EXPECT_EQ(exceptions(s["log"]) + exceptions(s["thread"]), exceptions(log)) << "exception lines";
+  if (!s.count("thread") && !s.count("threads")) {
     std::vector<std::string> shown = log;
-    for (std::size_t i = 0; i < std::min(log.size(), s.log.size()); ++i)
-      if (Matches(log[i], s.log[i])) shown[i] = s.log[i];
-    EXPECT_EQ(s.log, shown);
+    for (std::size_t i = 0; i < std::min(log.size(), s["log"].size()); ++i)
+      if (Matches(log[i], s["log"][i])) shown[i] = s["log"][i];
+    EXPECT_EQ(s["log"], shown);
   }
-  for (const auto* list : {&s.log, &s.threadLog})
-    EXPECT_EQ("", Missing(log, *list)) << "not in the log, or out of order; the log:\n" << all;
-  for (const std::string& c : s.counts) {
+  for (const char* list : {"log", "thread"})
+    EXPECT_EQ("", Missing(log, s[list])) << "not in the log, or out of order; the log:\n" << all;
+  for (const std::string& c : s["count"]) {
     const std::string text = c.substr(c.find(' ') + 1);
     EXPECT_EQ(std::stoi(c), std::count_if(log.begin(), log.end(), [&](auto& m) { return Matches(m, text); })) << text;
   }
@@ -325,16 +307,16 @@ void Judge(const std::string& file, const Scenario& s) {
 int main(int argc, char** argv) {
   SetArgs(argc, argv);
   if (argc >= 5 && std::string(argv[1]) == "--role") {
-    for (const Scenario& s : Load(argv[3]))
-      for (std::size_t i = 0; s.name == argv[4] && i < s.calls.size(); ++i)
-        std::printf("answer %zu %s\n", i, RunStep(s.calls[i]).c_str()), std::fflush(stdout);
+    for (Scenario& s : Load(argv[3]))
+      for (std::size_t i = 0; s["=="][0] == argv[4] && i < s["step"].size(); ++i)
+        std::printf("answer %s\n", RunStep(Part(s["step"][i], 0)).c_str()), std::fflush(stdout);
     return 0;
   }
   ::testing::InitGoogleTest(&argc, argv);
   if (argc < 2) return std::fprintf(stderr, "usage: client_scenarios FILE\n"), 2;
   const std::string file = argv[1];
-  for (const Scenario& s : Load(file)) {
-    std::string name = s.name;
+  for (Scenario& s : Load(file)) {
+    std::string name = s["=="][0];
     std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); }, '_');
     struct Case : testing::Test {
       Case(const std::string& file, const Scenario& s) : file(file), s(s) {}
