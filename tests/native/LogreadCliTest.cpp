@@ -1,19 +1,15 @@
-// The logread tool run as a child process, as a support engineer runs it: the
+// The logread tool run from the shell, as a support engineer runs it: the
 // table of cases in data/cases.txt, a log of the size the logger cuts at, and
-// following a file that grows, is torn, deleted, replaced or shortened. The
-// frames are made here from their definition, not by the codec under test.
-#include <fcntl.h>
+// following files that grow, are torn, deleted, replaced, shortened or
+// corrupt. The frames are made here from their definition, not by the codec.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iomanip>
 #include <sstream>
 #include <thread>
 
@@ -48,64 +44,47 @@ std::vector<std::string> Split(const std::string& text, char separator) {
   return parts;
 }
 
+// A fresh folder, removed with the object.
 struct Scratch {
-  Scratch() : path(fs::path(testing::TempDir()) / "logread-XXXXXX") {
-    std::string name = path;
-    path = mkdtemp(name.data());
+  Scratch() {
+    std::string pattern = (fs::path(testing::TempDir()) / "logread-XXXXXX").string();
+    path = mkdtemp(pattern.data());
   }
   ~Scratch() { fs::remove_all(path); }
   fs::path path;
 };
 
-// logread as a child process in `cwd`, its standard output and error in files
-// read back while it runs; every wait is bounded, a tool still running at the
-// end is killed.
-class Tool {
- public:
-  explicit Tool(std::vector<std::string> args, const std::string& in = "/dev/null", const fs::path& cwd = ".") {
+// logread with ARGS (shell words) in `dir`, for 30 s at most, its standard
+// output and error in dir/out and dir/err: run to its end, or in the
+// background until the object goes.
+struct Tool {
+  Tool(const fs::path& dir, const std::string& args, bool background = false) : dir(dir) {
 #ifndef QX_SANITIZED
-    // A tool that allocated what a corrupt length field announces dies here,
+    // A tool that allocates what a corrupt length field announces dies here,
     // not only on a machine short of memory.
-    args.insert(args.begin(), {"/bin/sh", "-c", "ulimit -v 65536 && exec \"$0\" \"$@\"", QX_LOGREAD_PATH});
+    const std::string limit = "ulimit -v 65536 && ";
 #else
-    args.insert(args.begin(), QX_LOGREAD_PATH);
+    const std::string limit;
 #endif
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t io;
-    posix_spawn_file_actions_init(&io);
-    posix_spawn_file_actions_addopen(&io, 0, in.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&io, 1, (dir_.path / "out").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_addopen(&io, 2, (dir_.path / "err").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_addchdir_np(&io, fs::absolute(cwd).c_str());
-    EXPECT_EQ(0, posix_spawn(&pid_, argv[0], &io, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&io);
+    const int status = std::system(("cd '" + dir.string() + "' && { " + limit + "exec timeout 30 " QX_LOGREAD_PATH " " +
+                                    args + " >out 2>err" + (background ? " & echo $! >pid" : "") + "; }").c_str());
+    code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   ~Tool() {
-    if (code < 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
+    if (fs::exists(dir / "pid")) kill(std::stoi(Read(dir / "pid")), SIGTERM);
   }
-  std::string out() const { return Read(dir_.path / "out"); }
-  std::string err() const { return Read(dir_.path / "err"); }
-  bool Out(const std::string& text) { return Until([&] { return out().find(text) != std::string::npos; }); }
-  bool Err(const std::string& text) { return Until([&] { return err().find(text) != std::string::npos; }); }
-  bool Finish() {  // false if the tool did not end in time
-    return Until([&] {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return code >= 0;
-    });
-  }
-  int code = -1;
-
- private:
-  static bool Until(const std::function<bool()>& done) {
+  std::string out() const { return Read(dir / "out"); }
+  std::string err() const { return Read(dir / "err"); }
+  bool Out(const std::string& text) const { return Until([&] { return out().find(text) != std::string::npos; }); }
+  bool Err(const std::string& text) const { return Until([&] { return err().find(text) != std::string::npos; }); }
+  template <class Done>
+  static bool Until(Done done) {
     for (auto end = std::chrono::steady_clock::now() + 10s; !done(); std::this_thread::sleep_for(10ms))
       if (std::chrono::steady_clock::now() > end) return false;
     return true;
   }
-  Scratch dir_;
-  pid_t pid_ = -1;
+  const fs::path dir;
+  int code;
 };
 
 // The bytes an input of cases.txt stands for ("frames:F+hex:G").
@@ -148,22 +127,16 @@ TEST_P(CliCaseTest, OutputAndExitStatus) {
   const auto& c = GetParam().columns;
   ASSERT_EQ(6u, c.size());
   Scratch dir;
-  std::vector<std::string> args;
-  std::istringstream options(c[2]);  // words; "double quotes" keep blanks in a word
-  for (std::string word; options >> std::quoted(word);) args.push_back(word);
-  std::string in = "/dev/null", input;
+  std::string args = c[2], input;  // inputs named input0.logdat ... in the tool's folder
   for (std::size_t i = 0; i < Split(c[1], ';').size(); ++i) {
-    std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
+    const std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
     const bool stdin = entry.rfind("stdin=", 0) == 0;
-    args.push_back(stdin ? "-" : name);
-    if (entry == "missing") continue;
-    Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
-    if (stdin) in = dir.path / name;
+    args += (stdin ? " - <" : " ") + name;
+    if (entry != "missing") Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
   }
   std::string expected = c[4] == "=input" ? input : "";
   for (const auto& name : Split(c[4], '+')) expected += c[4] == "-" || c[4] == "=input" ? "" : Read(kData / name);
-  Tool tool(args, in, dir.path);
-  ASSERT_TRUE(tool.Finish()) << "logread did not end in time";
+  const Tool tool(dir.path, args);
   EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << tool.err();
   EXPECT_TRUE(tool.out() == expected) << "stdout differs:\n" << tool.out();
   EXPECT_TRUE(c[5].empty() ? tool.err().empty() : tool.err().find(c[5]) != std::string::npos) << tool.err();
@@ -186,8 +159,7 @@ TEST(LogreadCli, LargeFileDecodesCompletely) {
     frames += Frame(record);
   }
   Write(dir.path / "big.logdat", frames);
-  Tool tool({(dir.path / "big.logdat").string()});
-  ASSERT_TRUE(tool.Finish());
+  const Tool tool(dir.path, "big.logdat");
   EXPECT_EQ(0, tool.code) << tool.err();
   EXPECT_TRUE(tool.out() == text) << "decoded " << tool.out().size() << " of " << text.size() << " bytes";
 }
@@ -200,7 +172,7 @@ TEST(LogreadFollow, TornDeletedReplacedShortenedAndCorruptFiles) {
   Scratch dir;
   const fs::path log = dir.path / "QXAttentionPlugin.log.logdat";
   Write(log, Frame(Record(1)));
-  Tool tool({"--follow", log});
+  const Tool tool(dir.path, "--follow QXAttentionPlugin.log.logdat", true);
   ASSERT_TRUE(tool.Out(Record(1)));
   // The logger writes the length and the text with two writes; the tool may
   // look in between and must wait for the rest.
@@ -236,17 +208,17 @@ TEST(LogreadFollow, TornDeletedReplacedShortenedAndCorruptFiles) {
   EXPECT_EQ(Record(1) + Record(2) + Record(4) + Record(5) + shorter + Record(6), tool.out());
 }
 
+// Half a plain line is held back until its line feed arrives, so that the
+// other file's records cannot land in the middle of it.
 TEST(LogreadFollow, PlainAndFramedLogsTogetherPrintWholeLinesTaggedWithTheirFile) {
   Scratch dir;
   const fs::path plain = dir.path / "QXAttentionPlugin.log", framed = dir.path / "QXAttentionPlugin.log.logdat";
-  const auto tagged = [](const fs::path& file, int n) { return file.string() + ": " + Record(n); };
+  const auto tagged = [](const fs::path& file, int n) { return file.filename().string() + ": " + Record(n); };
   Write(plain, Record(1));
   Write(framed, Frame(Record(2)));
-  Tool tool({"-q", "-f", plain, framed});
+  const Tool tool(dir.path, "-q -f QXAttentionPlugin.log QXAttentionPlugin.log.logdat", true);
   ASSERT_TRUE(tool.Out(tagged(framed, 2)));
   ASSERT_TRUE(tool.Out(tagged(plain, 1)));
-  // Half a plain line is held back until its line feed arrives, so that the
-  // other file's records cannot land in the middle of it.
   Write(plain, Record(3).substr(0, 20), true);
   Write(framed, Frame(Record(4)), true);
   ASSERT_TRUE(tool.Out(tagged(framed, 4)));
