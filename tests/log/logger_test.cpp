@@ -181,50 +181,46 @@ TEST(Setup, EncryptSwitchAndNormalSibling) {
   EXPECT_NE(std::string::npos, ReadFileBytes(name).find(") plain\n"));
 }
 
-// Roles of a fresh process; the exit code is the verdict.
+// In a fresh process (the exit code is the verdict): a record filtered before
+// any set-up (level 6 exceeds the fresh singleton's 5) sets nothing up; one
+// that passes sets up a file named after the program; a console echo formats
+// the record once more. Or ("reparse") a set-up whose logs folder is a link
+// settles no path and makes no mutex.
 int Role(const std::string& role) {
-  if (role == "filtered") {  // level 6 exceeds the fresh singleton's 5: no set-up
-    QX_LOG(6, 1, L"never");
-    return Log().path()[0] != L'\0';
-  }
-  if (role == "fallback") {  // level 5 passes and sets up a file named after the program
-    QX_LOG(LogDebug, 2, L"fallback %d", 7);
-    return Log().path()[0] == L'\0';
-  }
-  if (role == "reparse") {  // the logs folder is a link: no path, no mutex
+  if (role == "reparse") {
     Log().Setup(nullptr, L"C:\\qx-reparse\\logs\\r.log", 0x100000, 0, 1);
     return Log().path()[0] != L'\0' || Log().mutex() != nullptr;
   }
-  Config("g_vantoq_log_printf=1\r\ng_vantoq_log_encryped=0\r\n");  // echo
+  QX_LOG(6, 1, L"never");
+  if (Log().path()[0] != L'\0') return 1;
+  QX_LOG(LogDebug, 2, L"fallback %d", 7);
+  if (Log().path()[0] == L'\0') return 2;
+  Config("g_vantoq_log_printf=1\r\ng_vantoq_log_encryped=0\r\n");
   Fresh(L"echo");
   NoConfig();
   QX_LOG(LogInfo, 5, L"echo %s", L"100%d");
-  return Log().consoleEcho() != 1;
+  return Log().consoleEcho() == 1 ? 0 : 3;
 }
 
-TEST(FreshProcess, BeforeSetupLinkedFolderAndConsoleEcho) {
+TEST(FreshProcess, BeforeSetupConsoleEchoAndLinkedFolder) {
   NoConfig();
-  EXPECT_EQ(0, WaitChild(StartSelf(L"filtered", {}), 30000));
   wchar_t self[MAX_PATH];
   GetModuleFileNameW(nullptr, self, MAX_PATH);
   const std::wstring fallback = Logs() + L"\\" + PathFindFileNameW(self) + L".log.logdat";
+  const std::wstring out = TempDir(L"fresh-out") + L"\\stdout.txt";
   DeleteFileW(fallback.c_str());
-  EXPECT_EQ(0, WaitChild(StartSelf(L"fallback", {}), 30000));
+  ASSERT_EQ(0, WaitChild(StartSelf(L"fresh", {}, out), 30000));
   const std::string text = Unframe(ReadFileBytes(fallback));
   EXPECT_NE(std::string::npos, text.find("[DBG]")) << text;
   EXPECT_NE(std::string::npos, text.find("LoggerTest.cpp(2) fallback 7\n")) << text;
-
-  // C:\qx-reparse\logs links to "real" beside it (the ctest fixture makes it).
-  EXPECT_EQ(0, WaitChild(StartSelf(L"reparse", {}), 30000));
-  EXPECT_FALSE(FileExists(L"C:\\qx-reparse\\real\\r.log"));
-
-  // The file keeps "100%d"; the console formats the record once more (with no
-  // argument the runtime prints whatever it finds: only "%d" is sure to go).
-  const std::wstring out = TempDir(L"echo-out") + L"\\stdout.txt";
-  ASSERT_EQ(0, WaitChild(StartSelf(L"echo", {}, out), 30000));
+  // The file keeps "100%d"; the console formats it again (with no argument
+  // the runtime prints whatever it finds: only "%d" is sure to go).
   const std::string console = ReadFileBytes(out);
   EXPECT_NE(std::string::npos, console.find("LoggerTest.cpp(5) echo 100")) << console;
   EXPECT_EQ(std::string::npos, console.find("100%d")) << console;
+  // C:\qx-reparse\logs links to "real" beside it (the ctest fixture makes it).
+  EXPECT_EQ(0, WaitChild(StartSelf(L"reparse", {}), 30000));
+  EXPECT_FALSE(FileExists(L"C:\\qx-reparse\\real\\r.log"));
 }
 
 int main(int argc, char** argv) {

@@ -64,11 +64,7 @@ std::string Part(const std::string& line, int i) {
 
 // ---- the child: makes the calls ---------------------------------------------
 
-std::string Hex(std::uint32_t v) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%x", v);
-  return text;
-}
+std::string Hex(std::uint32_t v) { return (std::ostringstream() << std::hex << v).str(); }
 std::string Escaped(std::string s) {
   for (std::size_t at; (at = s.find('\n')) != std::string::npos;) s.replace(at, 1, "\\n");
   return s;
@@ -302,6 +298,16 @@ void Judge(const std::string& file, Scenario s) {
   }
 }
 
+std::string g_file;
+std::vector<Scenario> g_scenarios;
+class ScenarioTest : public testing::TestWithParam<Scenario> {};
+TEST_P(ScenarioTest, Judge) { Judge(g_file, GetParam()); }
+INSTANTIATE_TEST_SUITE_P(File, ScenarioTest, testing::ValuesIn(g_scenarios), [](const auto& info) {
+  std::string name = info.param.at("==")[0];
+  std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); }, '_');
+  return name;
+});
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -312,20 +318,8 @@ int main(int argc, char** argv) {
         std::printf("answer %s\n", RunStep(Part(s["step"][i], 0)).c_str()), std::fflush(stdout);
     return 0;
   }
+  if (argc < 2) return std::fprintf(stderr, "usage: client_scenarios FILE [GoogleTest options]\n"), 2;
+  g_scenarios = Load(g_file = argv[1]);
   ::testing::InitGoogleTest(&argc, argv);
-  if (argc < 2) return std::fprintf(stderr, "usage: client_scenarios FILE\n"), 2;
-  const std::string file = argv[1];
-  for (Scenario& s : Load(file)) {
-    std::string name = s["=="][0];
-    std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); }, '_');
-    struct Case : testing::Test {
-      Case(const std::string& file, const Scenario& s) : file(file), s(s) {}
-      void TestBody() override { Judge(file, s); }
-      std::string file;
-      Scenario s;
-    };
-    testing::RegisterTest("Scenario", name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
-                          [file, s]() -> testing::Test* { return new Case(file, s); });
-  }
   return RUN_ALL_TESTS();
 }

@@ -56,11 +56,9 @@ HANDLE NewInstance(const std::wstring& path, DWORD first) {
 }  // namespace
 
 Bytes FromHex(const std::string& text) {
-  Bytes out;
-  std::string digits;
-  for (char c : text) digits += c == ' ' ? "" : std::string(1, c);
-  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-    out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  Bytes out;  // pairs of digits, blanks between them
+  for (std::size_t i = 0; (i = text.find_first_not_of(' ', i)) != std::string::npos; i += 2)
+    out.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
   return out;
 }
 
@@ -116,8 +114,7 @@ void Peer::Listen(HANDLE pipe) {
 // Reads bytes as they come (a PDU may span reads, or a read hold several) and
 // handles every complete PDU, until the client closes.
 void Peer::Serve(HANDLE pipe) {
-  Bytes stream, stub;
-  std::uint16_t opnum = 0;
+  Bytes stream;
   std::uint8_t chunk[8192];
   DWORD got = 0;
   bool open = true;
@@ -125,7 +122,7 @@ void Peer::Serve(HANDLE pipe) {
     stream.insert(stream.end(), chunk, chunk + got);
     for (std::size_t length; open && stream.size() >= 16 && stream.size() >= (length = Get16(stream, 8));) {
       if (length < 16) Error("frag_length " + std::to_string(length));
-      open = length >= 16 && Handle(pipe, Bytes(stream.begin(), stream.begin() + length), &stub, &opnum);
+      open = length >= 16 && Handle(pipe, Bytes(stream.begin(), stream.begin() + length));
       stream.erase(stream.begin(), stream.begin() + length);
     }
   }
@@ -133,7 +130,7 @@ void Peer::Serve(HANDLE pipe) {
 }
 
 // Handles one PDU; false when the connection is to be closed.
-bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum) {
+bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   const std::uint8_t ptype = pdu[2], flags = pdu[3];
   const std::uint16_t authLength = Get16(pdu, 10);
   const std::uint32_t callId = Get32(pdu, 12);
@@ -198,16 +195,15 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opn
   }
 
   if (ptype == kRequest) {
-    // alloc_hint, p_cont_id, opnum, [object UUID], stub data.
+    // alloc_hint, p_cont_id, opnum, [object UUID], stub data: in one
+    // fragment, as these requests are small.
     const std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
-    if (end < at) return Error("short request"), false;
-    if (flags & kFirstFrag) stub->clear(), *opnum = Get16(pdu, 22);
-    stub->insert(stub->end(), pdu.begin() + at, pdu.begin() + end);
-    if (!(flags & kLastFrag)) return true;
+    if (end < at || (flags & (kFirstFrag | kLastFrag)) != (kFirstFrag | kLastFrag))
+      return Error("short or fragmented request " + ToHex(pdu)), false;
     std::string reply = "fault 1c010002";  // nca_s_op_rng_error
     {
       std::lock_guard<std::mutex> hold(mutex_);
-      requests.push_back(std::to_string(*opnum) + ": " + ToHex(*stub));
+      requests.push_back(std::to_string(Get16(pdu, 22)) + ": " + ToHex(Bytes(pdu.begin() + at, pdu.begin() + end)));
       if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
     }
     // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data, or

@@ -1,9 +1,8 @@
 // A raw DCE/RPC connection-oriented server on a named pipe, written from the
-// protocol itself (common header, bind, bind_ack, bind_nak, alter_context,
-// request, response, fault) and from nothing generated: it knows no interface
-// compiler, stub or format string. It accepts a presentation context that
-// offers NDR 2.0, records every bind and request, and answers each request
-// with the next reply it was given, built by hand.
+// protocol (bind, bind_ack, bind_nak, alter_context, request, response, fault)
+// and from nothing generated. It accepts a presentation context offering NDR
+// 2.0, records every bind and request, and answers each request with the next
+// reply it was given, built by hand.
 #pragma once
 
 #include <windows.h>
@@ -42,7 +41,7 @@ class Peer {
  private:
   void Listen(HANDLE pipe);
   void Serve(HANDLE pipe);
-  bool Handle(HANDLE pipe, const Bytes& pdu, Bytes* stub, std::uint16_t* opnum);
+  bool Handle(HANDLE pipe, const Bytes& pdu);
   void Error(const std::string& text);
 
   std::wstring path_;
