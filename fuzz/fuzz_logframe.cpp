@@ -2,10 +2,9 @@
 // the record splitter and parser. The input is used
 //  1. as the bytes of a log file: decoded whole, again after Reset, in pieces
 //     of sizes drawn from the input and byte by byte, all with the same
-//     outcome, every record re-encoding to exactly the bytes it came from;
-//  2. as the text of a log: its lines framed by the logger's encoder, cut at a
-//     drawn point, decode back to the lines before the cut and a partial frame;
-//  3. as plain log text of either form, split into records in drawn pieces:
+//     outcome, every record re-encoding to exactly the bytes it came from, and
+//     its first bytes deciding the log's form once and for all;
+//  2. as plain log text of either form, split into records in drawn pieces:
 //     the records give the input back, and a plug-in record that parses is
 //     rebuilt exactly from its fields.
 #include <cstdint>
@@ -114,30 +113,6 @@ void FuzzDetection(std::string_view file) {
   if (settled == Detection::kSensorLib) CHECK((file[0] == '[' && file[3] == '-') || file.substr(0, 5) == "Versi");
 }
 
-// The input's lines, each with its line feed, framed by the logger's encoder;
-// the stream cut anywhere gives back the lines before the cut, and the frame
-// the cut falls into waits as a partial frame.
-void FuzzRoundTrip(std::string_view text, std::mt19937_64& rng) {
-  std::vector<std::string> lines;
-  std::string stream;
-  for (std::size_t start = 0, end = 0; start < text.size(); start = end + 1) {
-    end = std::min(text.find('\n', start), text.size());
-    lines.push_back(std::string(text.substr(start, end - start)) + "\n");
-    stream += logframe::EncodeFrame(lines.back());
-  }
-  const std::size_t cut = rng() % (stream.size() + 1);
-  const Outcome out = Decode(std::string_view(stream).substr(0, cut), [&] { return rng() % 64; });
-  CHECK(out.status == Status::kOk);
-  CheckAgainstFile(out, std::string_view(stream).substr(0, cut));
-  std::size_t whole = 0;
-  for (std::uint64_t offset = 0; whole < lines.size() && (offset += kHeaderSize + lines[whole].size()) <= cut;) ++whole;
-  CHECK(out.records.size() == whole);
-  for (std::size_t i = 0; i < whole; ++i) CHECK(out.records[i].text == lines[i]);
-  if (out.pending >= kHeaderSize) CHECK(out.expected == kHeaderSize + lines[whole].size());
-  if (!lines.empty() && lines[0].size() >= 2 && lines[0][0] >= '0' && lines[0][0] <= '9')
-    CHECK(logframe::DetectFormat(stream) == Detection::kLogdat);
-}
-
 // A plug-in record's text rebuilt from its fields, without its line end.
 std::string Rebuild(const logrecord::Fields& f) {
   char time[64];
@@ -182,7 +157,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::mt19937_64 rng(std::hash<std::string_view>()(input));  // the same input takes the same path
   FuzzDecoder(input, rng);
   FuzzDetection(input);
-  FuzzRoundTrip(input, rng);
   FuzzRecords(input, rng);
   return 0;
 }

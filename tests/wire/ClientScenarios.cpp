@@ -176,11 +176,7 @@ std::string RunStep(const std::string& line) {
   if (call == "wait-host") return WaitForSingleObject(g_host.done, 10000) == WAIT_OBJECT_0 ? g_host.text : "none";
   if (call == "sleep") return Sleep(number()), "";
   if (call == "env") return SetEnvironmentVariableA(arg.substr(0, arg.find(' ')).c_str(), arg2.c_str()), "";
-  if (call == "write-log") {  // a line of N x's, an E at 2046
-    std::string text(number(), 'x');
-    text[2046] = 'E';
-    return SensorLibLogWrite("%s", text.c_str()), "";
-  }
+  if (call == "write-log") return SensorLibLogWrite("%s", arg.c_str()), "";
   if (call == "sim-status") return sim(FusionSimSetStatus(number(16)));
   if (call == "sim-attention") return sim(FusionSimSetAttention(number(16), true));
   if (call == "sim-event") return sim(FusionSimDropAttentionEvent(arg == "drop"));
