@@ -27,21 +27,6 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
   return parts;
 }
 
-struct ToolCase {
-  std::vector<std::string> columns;  // tool, arguments, exit code, stdout, stderr
-  int line;
-};
-void PrintTo(const ToolCase& c, std::ostream* out) { *out << "tool-cases.txt:" << c.line; }
-
-std::vector<ToolCase> LoadCases() {
-  std::vector<ToolCase> cases;
-  std::ifstream in(QX_TOOL_CASES);
-  std::string line;
-  for (int number = 1; std::getline(in, line); ++number)
-    if (line.find_first_not_of(" \t\r") != std::string::npos && line[0] != '#') cases.push_back({Split(line, "|"), number});
-  return cases;
-}
-
 // Runs a tool beside this program; its exit code (-1: not ended in time).
 int RunTool(const std::wstring& dir, const std::string& tool, const std::wstring& arguments) {
   return WaitChild(StartProcess(L"\"" + ExeDir() + Widen(tool) + L".exe\" " + arguments, dir + L"\\out.txt",
@@ -49,24 +34,27 @@ int RunTool(const std::wstring& dir, const std::string& tool, const std::wstring
                    30000);
 }
 
-class ToolCliTest : public testing::TestWithParam<ToolCase> {};
-
-TEST_P(ToolCliTest, ExitCodeAndOutput) {
-  const auto& c = GetParam().columns;
-  ASSERT_EQ(5u, c.size());
-  const std::wstring dir = TempDir(L"tool-cli");
-  EXPECT_EQ(std::stoi(c[2]), RunTool(dir, c[0], Widen(c[1])));
-  // Texts separated by "&&" must all be there; "(nothing)": empty.
-  for (int stream : {3, 4}) {
-    const std::string output = ReadFileBytes(dir + (stream == 3 ? L"\\out.txt" : L"\\err.txt"));
-    for (const std::string& part : Split(c[stream], "&&"))
-      EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos) << part << " in:\n"
-                                                                                                 << output;
+// Every case of the table: the exit code, and the texts each stream must hold
+// (separated by "&&"; "(nothing)": empty).
+TEST(ToolCli, ExitCodesAndOutput) {
+  std::ifstream in(QX_TOOL_CASES);
+  ASSERT_TRUE(in.good()) << QX_TOOL_CASES;
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#') continue;
+    SCOPED_TRACE("tool-cases.txt:" + std::to_string(number));
+    const std::vector<std::string> c = Split(line, "|");
+    ASSERT_EQ(5u, c.size());
+    const std::wstring dir = TempDir(L"tool-cli");
+    EXPECT_EQ(std::stoi(c[2]), RunTool(dir, c[0], Widen(c[1])));
+    for (int stream : {3, 4}) {
+      const std::string output = ReadFileBytes(dir + (stream == 3 ? L"\\out.txt" : L"\\err.txt"));
+      for (const std::string& part : Split(c[stream], "&&"))
+        EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos) << part << " in:\n"
+                                                                                                   << output;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, ToolCliTest, testing::ValuesIn(LoadCases()),
-                         [](const auto& info) { return "line" + std::to_string(info.param.line); });
 
 const std::string kRecords[] = {"11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) get_ability\n",
                                 "11-14 09:05:07:043 : [INF][04242] Bridge.cpp(58) Grüße 注意力 😀\n"};
