@@ -106,47 +106,31 @@ std::string Input(const std::string& entry) {
   return out;
 }
 
-struct CliCase {
-  std::vector<std::string> columns;  // name, files, options, exit, stdout, stderr
-  int line;
-};
-void PrintTo(const CliCase& c, std::ostream* out) { *out << "cases.txt:" << c.line; }
-
-std::vector<CliCase> LoadCases() {
-  std::vector<CliCase> cases;
+// Every case of cases.txt (its head tells the columns).
+TEST(LogreadCli, CasesOfTheTable) {
   std::ifstream in(kData / "cases.txt");
   std::string line;
-  for (int number = 1; std::getline(in, line); ++number)
-    if (line.find_first_not_of(" \t") != std::string::npos && line[0] != '#') cases.push_back({Split(line, '|'), number});
-  return cases;
-}
-
-class CliCaseTest : public testing::TestWithParam<CliCase> {};
-
-TEST_P(CliCaseTest, OutputAndExitStatus) {
-  const auto& c = GetParam().columns;
-  ASSERT_EQ(6u, c.size());
-  Scratch dir;
-  std::string args = c[2], input;  // inputs named input0.logdat ... in the tool's folder
-  for (std::size_t i = 0; i < Split(c[1], ';').size(); ++i) {
-    const std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
-    const bool stdin = entry.rfind("stdin=", 0) == 0;
-    args += (stdin ? " - <" : " ") + name;
-    if (entry != "missing") Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
+  for (int number = 1; std::getline(in, line); ++number) {
+    if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
+    const std::vector<std::string> c = Split(line, '|');  // name, files, options, exit, stdout, stderr
+    SCOPED_TRACE("cases.txt:" + std::to_string(number) + ": " + c[0]);
+    ASSERT_EQ(6u, c.size());
+    Scratch dir;
+    std::string args = c[2], input;  // inputs named input0.logdat ... in the tool's folder
+    for (std::size_t i = 0; i < Split(c[1], ';').size(); ++i) {
+      const std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
+      const bool stdin = entry.rfind("stdin=", 0) == 0;
+      args += (stdin ? " - <" : " ") + name;
+      if (entry != "missing") Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
+    }
+    std::string expected = c[4] == "=input" ? input : "";
+    for (const auto& name : Split(c[4], '+')) expected += c[4] == "-" || c[4] == "=input" ? "" : Read(kData / name);
+    const Tool tool(dir.path, args);
+    EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << tool.err();
+    EXPECT_TRUE(tool.out() == expected) << "stdout differs:\n" << tool.out();
+    EXPECT_TRUE(c[5].empty() ? tool.err().empty() : tool.err().find(c[5]) != std::string::npos) << tool.err();
   }
-  std::string expected = c[4] == "=input" ? input : "";
-  for (const auto& name : Split(c[4], '+')) expected += c[4] == "-" || c[4] == "=input" ? "" : Read(kData / name);
-  const Tool tool(dir.path, args);
-  EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << tool.err();
-  EXPECT_TRUE(tool.out() == expected) << "stdout differs:\n" << tool.out();
-  EXPECT_TRUE(c[5].empty() ? tool.err().empty() : tool.err().find(c[5]) != std::string::npos) << tool.err();
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, CliCaseTest, testing::ValuesIn(LoadCases()), [](const auto& info) {
-  std::string name = info.param.columns[0];
-  for (char& ch : name) ch = isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-  return name;
-});
 
 // A log of the size the logger cuts its files at, read in many pieces whose
 // borders fall inside frames.
