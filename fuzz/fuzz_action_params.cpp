@@ -1,14 +1,10 @@
-// libFuzzer target: the parameter handling of the two "set_" actions and the
-// response documents.
-//
-// The input is the parameter text the host hands over (zero-terminated: an
-// embedded zero ends it, as it would at the boundary). For "status" and
-// "delay" it goes through what the action does: read the document, check
-// "F4010", convert the member, check the range, build the response. The
-// outcome is compared with what jsoncpp's own reading of the same text says
-// it must be. A member jsoncpp cannot convert to an integer raises
-// Json::LogicError, which the plug-in lets go to the host on purpose: here it
-// is the expected outcome (and only then).
+// libFuzzer target: the parameters of the two "set_" actions and the response
+// documents. The input is the parameter text the host hands over (an embedded
+// zero ends it, as at the boundary). For "status" and "delay" it goes through
+// what the action does (read the document, check "F4010", convert the member,
+// check the range, build the response), compared with jsoncpp's own reading.
+// A member jsoncpp cannot convert to an integer raises Json::LogicError, which
+// the plug-in lets go to the host on purpose: expected then, and only then.
 #include <json/json.h>
 
 #include <climits>

@@ -1,10 +1,9 @@
-// The fusion client run through the scenarios of a file (format: peer.txt),
-// one GoogleTest case each: a fresh child of this program (the client's state
-// is process-wide) with a fresh %ProgramData% makes the calls of the steps and
+// client_scenarios FILE: the fusion client through the scenarios of FILE
+// (format: peer.txt). A fresh child of this program (the client's state is
+// process-wide) with a fresh %ProgramData% makes the calls of the steps and
 // prints what each gave back; this process plays the raw DCE/RPC peer
 // (WirePeer.h), starts fusion-sim or serves nothing, then judges the answers,
-// the requests (byte for byte) or the simulator's calls, the binds and the
-// sensor library log.   client_scenarios FILE [GoogleTest options]
+// the requests or the simulator's calls, the binds and the sensor library log.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -7,8 +7,7 @@ namespace wire {
 namespace {
 
 // Packet types of the connection-oriented protocol, and pfc_flags.
-enum : std::uint8_t { kRequest = 0, kResponse = 2, kFault = 3, kBind = 11, kBindAck, kBindNak, kAlterContext,
-                      kAlterContextResp, kAuth3 };
+enum : std::uint8_t { kRequest = 0, kResponse = 2, kFault = 3, kBind = 11, kBindAck = 12, kBindNak = 13, kAuth3 = 16 };
 enum : std::uint8_t { kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80 };
 constexpr std::uint16_t kOurMaxFrag = 4280;
 constexpr char kNdr20[] = "8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0";
@@ -143,12 +142,12 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   if (authLength) end -= authLength + 8 + std::min<std::size_t>(pdu[end - authLength - 6], end - authLength - 8);
   const std::uint8_t* trailer = authLength ? &pdu[pdu.size() - authLength - 8] : nullptr;
 
-  if (ptype == kBind || ptype == kAlterContext) {
+  if (ptype == kBind) {
     // max_xmit_frag, max_recv_frag, assoc_group_id, then p_cont_list_t: per
     // context its id, the count of transfer syntaxes, the abstract syntax
     // and the transfer syntaxes.
     if (end < 28) return Error("short bind"), false;
-    std::string offer = ptype == kBind ? "bind" : "alter_context";
+    std::string offer = "bind";
     Bytes results;
     std::size_t at = 28;
     for (std::size_t i = 0; i < pdu[24]; ++i) {
@@ -178,14 +177,13 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
     binds.push_back(offer);
     // No authentication service here: bind_nak, reason 8 (authentication
     // type not recognised), protocol versions supported: 5.0.
-    if (trailer && ptype == kBind) return Send(pipe, Header(kBindNak, callId, {8, 0, 1, 5, 0}));
-    Bytes ack = Header(ptype == kBind ? kBindAck : kAlterContextResp, callId);
+    if (trailer) return Send(pipe, Header(kBindNak, callId, {8, 0, 1, 5, 0}));
+    Bytes ack = Header(kBindAck, callId);
     Put32(ack, std::min(Get16(pdu, 18), kOurMaxFrag), 2);
     Put32(ack, std::min(Get16(pdu, 16), kOurMaxFrag), 2);
     Put32(ack, Get32(pdu, 20) ? Get32(pdu, 20) : nextGroup_++);
-    // sec_addr: the port the client reached, with its NUL (none in an
-    // alter_context_resp); padding to 4; the results.
-    const std::string port = ptype == kBind ? std::string("\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f", 42) : "";
+    // sec_addr: the port the client reached, with its NUL; padding to 4; the results.
+    const std::string port("\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f", 42);
     Put32(ack, static_cast<std::uint32_t>(port.size()), 2);
     ack.insert(ack.end(), port.begin(), port.end());
     ack.resize((ack.size() + 3) / 4 * 4);

@@ -1,8 +1,8 @@
 // A raw DCE/RPC connection-oriented server on a named pipe, written from the
-// protocol (bind, bind_ack, bind_nak, alter_context, request, response, fault)
-// and from nothing generated. It accepts a presentation context offering NDR
-// 2.0, records every bind and request, and answers each request with the next
-// reply it was given, built by hand.
+// protocol (bind, bind_ack, bind_nak, request, response, fault) and from
+// nothing generated. It accepts a presentation context offering NDR 2.0,
+// records every bind and request, and answers each request with the next
+// reply it was given, built by hand; any other PDU is an error.
 #pragma once
 
 #include <windows.h>
