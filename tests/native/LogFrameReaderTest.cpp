@@ -27,14 +27,6 @@ std::string Frame(const std::string& text, std::uint32_t length) {
 }
 std::string Frame(const std::string& text) { return Frame(text, static_cast<std::uint32_t>(text.size())); }
 
-// Feeds `input` in pieces of `piece` bytes (0: all at once).
-std::vector<Record> Decode(const std::string& input, std::size_t piece, FrameDecoder& decoder) {
-  std::vector<Record> records;
-  for (std::size_t at = 0; at < input.size(); at += piece ? piece : input.size())
-    decoder.Feed(input.data() + at, std::min(piece ? piece : input.size(), input.size() - at), records);
-  return records;
-}
-
 const std::string kRecord61 = "11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) get_ability\n";
 // Longer than 255 bytes, so its length field uses two bytes; and UTF-8.
 const std::string kLong = "11-14 09:05:07:043 : [WAR][04242] A.cpp(2) " + std::string(300, 'x') + " \xC3\xA9\n";
@@ -48,9 +40,11 @@ TEST(LogFrame, EncodesByTheDefinition) {
 TEST(FrameDecoder, SameRecordsAndOffsetsWhateverTheSplit) {
   const std::string stream = Frame(kRecord61) + Frame(kLong) + Frame(kRecord61);
   const std::vector<std::uint64_t> offsets = {0, 65, 65 + 4 + kLong.size()};
-  for (std::size_t piece : {1u, 3u, 65u, 0u}) {
+  for (std::size_t piece : {std::size_t{1}, std::size_t{3}, std::size_t{65}, stream.size()}) {
     FrameDecoder decoder;
-    const auto records = Decode(stream, piece, decoder);
+    std::vector<Record> records;
+    for (std::size_t at = 0; at < stream.size(); at += piece)
+      decoder.Feed(stream.data() + at, std::min(piece, stream.size() - at), records);
     ASSERT_EQ(3u, records.size()) << piece;
     for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(offsets[i], records[i].offset) << piece;
     EXPECT_EQ(kLong, records[1].text);
