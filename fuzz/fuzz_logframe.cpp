@@ -1,291 +1,147 @@
 // libFuzzer target: the ".logdat" frame decoder, the log-form detection and
-// the record parser.
-//
-// The input is used twice:
-//  1. as the bytes of a log file: decoded in one piece, then again in pieces
-//     whose sizes are drawn from the input itself, and byte by byte; all three
-//     must agree, and every record handed back must re-encode to exactly the
-//     bytes it came from;
-//  2. as the text of a log: its lines are framed with the logger's encoder,
-//     the stream is cut at a point drawn from the input, and decoding must give
-//     back exactly the lines before the cut, the cut frame as a partial one.
-//  3. as plain log text of either form: cut into records in pieces whose sizes
-//     are drawn from the input, the records put together must give the input
-//     back, and every record that parses must be rebuilt exactly from its
-//     fields.
-// Any disagreement aborts, so that libFuzzer keeps the input.
-#include "LogFrame.h"
-#include "LogFrameReader.h"
-#include "LogRecord.h"
-
+// the record splitter and parser. The input is used
+//  1. as the bytes of a log file: decoded whole, again after Reset, in pieces
+//     of sizes drawn from the input and byte by byte, all with the same
+//     outcome, every record re-encoding to exactly the bytes it came from, and
+//     its first bytes deciding the log's form once and for all;
+//  2. as plain log text of either form, split into records in drawn pieces:
+//     the records give the input back, and a plug-in record that parses is
+//     rebuilt exactly from its fields.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "FuzzCheck.h"
+#include "LogFrame.h"
+#include "LogFrameReader.h"
+#include "LogRecord.h"
 
 using logframe::Detection;
 using logframe::FrameDecoder;
 using logframe::kHeaderSize;
 using logframe::kMaxRecordLength;
-using logframe::Record;
+using Status = logframe::FrameDecoder::Status;
 
 namespace {
 
-#define CHECK(cond)                                                                  \
-  do {                                                                               \
-    if (!(cond)) {                                                                   \
-      std::fprintf(stderr, "fuzz_logframe.cpp:%d: check failed: %s\n", __LINE__, #cond); \
-      std::abort();                                                                  \
-    }                                                                                \
-  } while (0)
-
-// A small deterministic generator seeded from the input, for piece sizes and
-// cut points: the same input always takes the same path.
-struct SplitMix {
-  std::uint64_t state;
-  std::uint64_t Next() {
-    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-  }
-};
-
-std::uint64_t Hash(const std::uint8_t* data, std::size_t size) {
-  std::uint64_t h = 1469598103934665603ull;  // FNV-1a
-  for (std::size_t i = 0; i < size; ++i) h = (h ^ data[i]) * 1099511628211ull;
-  return h;
-}
-
 struct Outcome {
-  FrameDecoder::Status status;
-  std::vector<Record> records;
-  std::uint64_t frame_offset;
+  Status status;
+  std::vector<logframe::Record> records;
+  std::uint64_t frame_offset, expected;
   std::size_t pending;
-  std::uint64_t expected;
   std::string message;
+  // After an error, how much of the bad frame was buffered depends on how it
+  // was fed: only the status, records, offset and message are defined then.
+  bool operator==(const Outcome& o) const {
+    bool same = status == o.status && frame_offset == o.frame_offset && message == o.message &&
+                records.size() == o.records.size() && (status != Status::kOk || (pending == o.pending && expected == o.expected));
+    for (std::size_t i = 0; same && i < records.size(); ++i)
+      same = records[i].offset == o.records[i].offset && records[i].text == o.records[i].text;
+    return same;
+  }
 };
 
-Outcome Finish(const FrameDecoder& decoder, std::vector<Record> records) {
-  return {decoder.status(), std::move(records), decoder.frame_offset(), decoder.pending_bytes(),
-          decoder.expected_frame_size(), decoder.ErrorMessage()};
-}
-
-// After an error only the status, the records, the bad frame's offset and the
-// message are defined; how much of the bad frame was buffered depends on how
-// it was fed (has_partial_frame() is false then).
-bool SameOutcome(const Outcome& a, const Outcome& b) {
-  if (a.status != b.status || a.frame_offset != b.frame_offset || a.message != b.message ||
-      a.records.size() != b.records.size())
-    return false;
-  if (a.status == FrameDecoder::Status::kOk && (a.pending != b.pending || a.expected != b.expected))
-    return false;
-  for (std::size_t i = 0; i < a.records.size(); ++i)
-    if (a.records[i].offset != b.records[i].offset || a.records[i].text != b.records[i].text) return false;
-  return true;
-}
-
-// Feeds `file` in pieces; `next_piece` gives each piece's size (0 allowed).
-template <typename NextPiece>
-Outcome DecodeInPieces(std::string_view file, NextPiece next_piece) {
-  FrameDecoder decoder;
-  std::vector<Record> records;
-  std::size_t at = 0;
-  while (at < file.size()) {
-    const std::size_t piece = std::min(next_piece(), file.size() - at);
-    const auto status = decoder.Feed(file.data() + at, piece, records);
+// Feeds `file` in pieces whose sizes `next` draws (0 allowed).
+template <typename Next>
+Outcome Decode(std::string_view file, Next next, FrameDecoder&& decoder = FrameDecoder()) {
+  std::vector<logframe::Record> records;
+  for (std::size_t at = 0, piece; at < file.size(); at += piece) {
+    piece = std::min<std::size_t>(next(), file.size() - at);
+    const Status status = decoder.Feed(file.data() + at, piece, records);
     CHECK(status == decoder.status());
-    // After an error nothing more is appended and the error stays.
-    if (status != FrameDecoder::Status::kOk) {
-      const std::size_t count = records.size();
-      CHECK(decoder.Feed(file.data(), file.size(), records) == status);
-      CHECK(records.size() == count);
-    }
-    at += piece;
+    const std::size_t count = records.size();  // after an error nothing more is appended
+    CHECK(status == Status::kOk || (decoder.Feed(file.data(), file.size(), records) == status && records.size() == count));
   }
-  return Finish(decoder, std::move(records));
+  return {decoder.status(), std::move(records), decoder.frame_offset(), decoder.expected_frame_size(),
+          decoder.pending_bytes(), decoder.ErrorMessage()};
 }
 
-// What must hold for any decoding of `file`, however it was fed.
+// What holds for any decoding of `file`, however it was fed.
 void CheckAgainstFile(const Outcome& out, std::string_view file) {
   std::uint64_t offset = 0;
-  for (const Record& record : out.records) {
-    CHECK(record.offset == offset);
-    CHECK(!record.text.empty() && record.text.back() == '\n');
-    CHECK(record.text.size() <= kMaxRecordLength);
-    // The record re-encodes to the very bytes of its frame.
+  for (const auto& record : out.records) {
+    CHECK(record.offset == offset && !record.text.empty() && record.text.back() == '\n' &&
+          record.text.size() <= kMaxRecordLength);
     const std::string frame = logframe::EncodeFrame(record.text);
-    CHECK(offset + frame.size() <= file.size());
     CHECK(file.substr(offset, frame.size()) == frame);
     offset += frame.size();
   }
   CHECK(out.frame_offset == offset);
-  switch (out.status) {
-    case FrameDecoder::Status::kOk:
-      CHECK(out.message.empty());
-      // Every byte is in a record or in the partial frame.
-      CHECK(out.frame_offset + out.pending == file.size());
-      if (out.pending < kHeaderSize) {
-        CHECK(out.expected == 0);
-      } else {
-        CHECK(out.expected > out.pending);
-        CHECK(out.expected <= kHeaderSize + kMaxRecordLength);
-      }
-      break;
-    case FrameDecoder::Status::kBadLength: {
-      CHECK(offset + kHeaderSize <= file.size());
-      const auto length = logframe::DecodeLength(reinterpret_cast<const unsigned char*>(file.data() + offset));
-      CHECK(length > kMaxRecordLength);
-      CHECK(out.message.find("offset " + std::to_string(offset)) != std::string::npos);
-      break;
-    }
-    case FrameDecoder::Status::kNotARecord: {
-      CHECK(offset + kHeaderSize <= file.size());
-      const auto length = logframe::DecodeLength(reinterpret_cast<const unsigned char*>(file.data() + offset));
-      CHECK(offset + kHeaderSize + length <= file.size());
-      CHECK(length == 0 || static_cast<unsigned char>(file[offset + kHeaderSize + length - 1]) != 0xF5);
-      CHECK(out.message.find("offset " + std::to_string(offset)) != std::string::npos);
-      break;
-    }
+  const std::uint32_t length = offset + kHeaderSize <= file.size()
+      ? logframe::DecodeLength(reinterpret_cast<const unsigned char*>(file.data() + offset)) : 0;
+  if (out.status == Status::kOk) {  // every byte is in a record or in the partial frame
+    CHECK(out.message.empty() && out.frame_offset + out.pending == file.size());
+    CHECK(out.pending < kHeaderSize ? out.expected == 0 : out.expected == kHeaderSize + length && length <= kMaxRecordLength);
+  } else {
+    CHECK(offset + kHeaderSize <= file.size() && out.message.find("offset " + std::to_string(offset)) != std::string::npos);
+    // A bad length exceeds the cap; a frame that is not a record lacks its stored line feed.
+    if (out.status == Status::kBadLength) CHECK(length > kMaxRecordLength);
+    if (out.status == Status::kNotARecord)
+      CHECK(offset + kHeaderSize + length <= file.size() &&
+            (length == 0 || static_cast<unsigned char>(file[offset + kHeaderSize + length - 1]) != 0xF5));
   }
 }
 
-void FuzzDecoder(std::string_view file, SplitMix& rng) {
+void FuzzDecoder(std::string_view file, std::mt19937_64& rng) {
   FrameDecoder decoder;
-  std::vector<Record> records;
-  decoder.Feed(file.data(), file.size(), records);
-  const Outcome whole = Finish(decoder, std::move(records));
+  const Outcome whole = Decode(file, [&] { return file.size(); }, std::move(decoder));
   CheckAgainstFile(whole, file);
-
-  // Reset forgets everything: the same bytes decode the same way again.
-  decoder.Reset();
-  CHECK(decoder.status() == FrameDecoder::Status::kOk && decoder.bytes_fed() == 0 &&
-        !decoder.has_partial_frame());
-  std::vector<Record> again;
-  decoder.Feed(file.data(), file.size(), again);
-  CHECK(SameOutcome(whole, Finish(decoder, std::move(again))));
-
-  // Pieces of 0 to 16 bytes, or up to 1/4 of the input, as drawn.
-  const Outcome pieces = DecodeInPieces(file, [&] {
-    const std::uint64_t r = rng.Next();
-    return (r & 1) ? static_cast<std::size_t>((r >> 1) % 17) : static_cast<std::size_t>((r >> 1) % (file.size() / 4 + 1));
-  });
-  CHECK(SameOutcome(whole, pieces));
-
-  if (file.size() <= 4096) {
-    const Outcome bytes = DecodeInPieces(file, [] { return std::size_t{1}; });
-    CHECK(SameOutcome(whole, bytes));
-  }
+  decoder.Reset();  // forgets everything: the same bytes decode the same way again
+  CHECK(decoder.status() == Status::kOk && decoder.bytes_fed() == 0 && !decoder.has_partial_frame());
+  CHECK(whole == Decode(file, [&] { return file.size(); }, std::move(decoder)));
+  // Pieces of 0 to 16 bytes or up to a quarter of the input, as drawn; byte by byte.
+  CHECK(whole == Decode(file, [&] { return rng() & 1 ? rng() % 17 : rng() % (file.size() / 4 + 1); }));
+  if (file.size() <= 4096) CHECK(whole == Decode(file, [] { return 1u; }));
 }
 
+// Five bytes decide, and a decision never changes as more bytes come.
 void FuzzDetection(std::string_view file) {
-  // Only the first five bytes decide, and a decision never changes once made.
   Detection settled = Detection::kUndecided;
   for (std::size_t n = 0; n <= std::min<std::size_t>(file.size(), 8); ++n) {
     const Detection d = logframe::DetectFormat(file.substr(0, n));
-    if (n == 0) CHECK(d == Detection::kUndecided);
-    if (n >= 5) CHECK(d != Detection::kUndecided);
-    if (settled != Detection::kUndecided) CHECK(d == settled);
+    CHECK((n > 0 || d == Detection::kUndecided) && (n < 5 || d != Detection::kUndecided));
+    CHECK(settled == Detection::kUndecided || d == settled);
     settled = d;
   }
-  if (file.size() >= 5) {
-    const Detection d = logframe::DetectFormat(file);
-    const auto* bytes = reinterpret_cast<const unsigned char*>(file.data());
-    const std::uint32_t length = logframe::DecodeLength(bytes);
-    if (d == Detection::kLogdat) {
-      CHECK(length >= 1 && length <= kMaxRecordLength);
-      const unsigned char first = static_cast<unsigned char>(~bytes[kHeaderSize]);
-      CHECK(first >= '0' && first <= '9');
-    }
-    if (d == Detection::kPlain) CHECK(file[2] == '-' && file[0] >= '0' && file[0] <= '9');
-    if (d == Detection::kSensorLib) CHECK((file[0] == '[' && file[3] == '-') || file.substr(0, 5) == "Versi");
-  }
+  const auto* bytes = reinterpret_cast<const unsigned char*>(file.data());
+  if (file.size() < 5) return;
+  if (settled == Detection::kLogdat)
+    CHECK(logframe::DecodeLength(bytes) - 1 < kMaxRecordLength && static_cast<unsigned char>(~bytes[4]) - '0' < 10u);
+  if (settled == Detection::kPlain) CHECK(file[2] == '-' && file[0] >= '0' && file[0] <= '9');
+  if (settled == Detection::kSensorLib) CHECK((file[0] == '[' && file[3] == '-') || file.substr(0, 5) == "Versi");
 }
 
-// The input's lines, each with its line feed, framed by the logger's encoder.
-void FuzzRoundTrip(std::string_view text, SplitMix& rng) {
-  std::vector<std::string> lines;
-  std::string stream;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    std::string line(text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start));
-    line += '\n';
-    stream += logframe::EncodeFrame(line);
-    lines.push_back(std::move(line));
-    if (end == std::string_view::npos) break;
-    start = end + 1;
-  }
-
-  // Cut the stream anywhere: what is before the cut comes back whole, the
-  // frame the cut falls into waits as a partial frame (a torn last frame).
-  const std::size_t cut = stream.empty() ? 0 : static_cast<std::size_t>(rng.Next() % (stream.size() + 1));
-  const std::string_view torn(stream.data(), cut);
-  const Outcome out = DecodeInPieces(torn, [&] { return static_cast<std::size_t>(rng.Next() % 64); });
-  CHECK(out.status == FrameDecoder::Status::kOk);
-  CheckAgainstFile(out, torn);
-  std::uint64_t offset = 0;
-  std::size_t whole = 0;
-  while (whole < lines.size() && offset + kHeaderSize + lines[whole].size() <= cut) {
-    offset += kHeaderSize + lines[whole].size();
-    ++whole;
-  }
-  CHECK(out.records.size() == whole);
-  for (std::size_t i = 0; i < whole; ++i) CHECK(out.records[i].text == lines[i]);
-  CHECK(out.pending == cut - offset);
-  if (out.pending >= kHeaderSize) CHECK(out.expected == kHeaderSize + lines[whole].size());
-
-  // Uncut, with a plain text's first line: the detection agrees.
-  if (!lines.empty() && lines[0].size() >= 2 && lines[0][0] >= '0' && lines[0][0] <= '9')
-    CHECK(logframe::DetectFormat(stream) == Detection::kLogdat);
-}
-
-// A record's text rebuilt from its fields, without its final line end.
-std::string Rebuild(logrecord::Form form, const logrecord::Fields& f) {
-  if (!f.has_time) return std::string(f.message);
+// A plug-in record's text rebuilt from its fields, without its line end.
+std::string Rebuild(const logrecord::Fields& f) {
   char time[64];
-  const logrecord::Time& t = f.time;
-  if (form == logrecord::Form::kPlugin) {
-    std::snprintf(time, sizeof time, "%02d-%02d %02d:%02d:%02d:%03d : ", t.month, t.day, t.hour, t.minute,
-                  t.second, t.millisecond);
-    return std::string(time) + "[" + std::string(f.level) + "][" + std::string(f.thread) + "] " +
-           std::string(f.source) + "(" + std::string(f.line) + ") " + std::string(f.message);
-  }
-  std::snprintf(time, sizeof time, "[%02d-%02d-%02d-%02d-%02d:%d]", t.month, t.day, t.hour, t.minute, t.second,
-                t.millisecond);
-  return std::string(time) + std::string(f.message);
+  std::snprintf(time, sizeof time, "%02d-%02d %02d:%02d:%02d:%03d : ", f.time.month, f.time.day, f.time.hour,
+                f.time.minute, f.time.second, f.time.millisecond);
+  return std::string(time) + "[" + std::string(f.level) + "][" + std::string(f.thread) + "] " +
+         std::string(f.source) + "(" + std::string(f.line) + ") " + std::string(f.message);
 }
 
-void FuzzRecords(std::string_view text, SplitMix& rng) {
+void FuzzRecords(std::string_view text, std::mt19937_64& rng) {
   for (const auto form : {logrecord::Form::kPlugin, logrecord::Form::kSensorLib}) {
     logrecord::RecordSplitter splitter(form);
     std::vector<std::string> records;
-    for (std::size_t at = 0; at < text.size();) {
-      const std::size_t piece = std::min<std::size_t>(rng.Next() % 40, text.size() - at);
-      splitter.Feed(text.data() + at, piece, records);
-      at += piece;
-    }
+    for (std::size_t at = 0, piece; at < text.size(); at += piece)
+      splitter.Feed(text.data() + at, piece = std::min<std::size_t>(rng() % 40, text.size() - at), records);
     splitter.Flush(records);
     std::string joined;
     for (std::size_t i = 0; i < records.size(); ++i) {
-      const std::string& r = records[i];
-      CHECK(!r.empty());
-      joined += r;
-      // Only the first record may start with a line that starts no record.
-      if (i > 0) CHECK(logrecord::StartsRecord(form, r));
+      // Only the first record may begin with a line that starts no record.
+      CHECK(!records[i].empty() && (i == 0 || logrecord::StartsRecord(form, records[i])));
+      joined += records[i];
       logrecord::Fields f;
-      const bool parsed = logrecord::ParseRecord(form, r, f);
-      // Sensor lines whose zero-padded fields were written differently
-      // ("[1-2-3-4-5:6]") parse too; the rebuild pads them, so compare only
-      // records that were written the way the writer writes them.
-      const std::string rebuilt = Rebuild(form, f);
-      std::string_view body(r);
-      if (!body.empty() && body.back() == '\n') body.remove_suffix(1);
+      const bool parsed = logrecord::ParseRecord(form, records[i], f);
+      std::string_view body(records[i]);
+      if (body.back() == '\n') body.remove_suffix(1);
       if (!body.empty() && body.back() == '\r') body.remove_suffix(1);
-      if (parsed && f.has_time && form == logrecord::Form::kPlugin) CHECK(rebuilt == body);
+      // Sensor lines with fields written unpadded ("[1-2-3-4-5:6]") parse too,
+      // so only plug-in records are rebuilt.
+      if (parsed && f.has_time && form == logrecord::Form::kPlugin) CHECK(Rebuild(f) == body);
       if (!parsed) CHECK(f.message == body && !f.has_time);
       // Two-digit hours, minutes and seconds go up to 99.
       if (f.has_time) CHECK(f.time.Key() >= 0 && f.time.Key() < logrecord::kYearMs + 5 * logrecord::kDayMs);
@@ -298,10 +154,9 @@ void FuzzRecords(std::string_view text, SplitMix& rng) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  SplitMix rng{Hash(data, size)};
+  std::mt19937_64 rng(std::hash<std::string_view>()(input));  // the same input takes the same path
   FuzzDecoder(input, rng);
   FuzzDetection(input);
-  FuzzRoundTrip(input, rng);
   FuzzRecords(input, rng);
   return 0;
 }

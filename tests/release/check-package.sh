@@ -7,12 +7,12 @@
 #       with its CRC. No Wine. scripts/release.sh runs this on dist/.
 #   check-package.sh [--version-test EXE] ZIP | --from-build TREE
 #       all of the above, then under Wine (WINEPREFIX of the caller):
-#       - a C host built with the mingw C compiler against include/qx_plugin.h
+#       - host.c, built with the mingw C compiler against include/qx_plugin.h
 #         alone, as C89 and as C11 (the header also as C++), loads bin/'s DLL
-#         with LoadLibrary, and once more linked through lib/'s GNU import library;
-#       - a host built as MSVC would (clang for x86_64-pc-windows-msvc, lld-link,
-#         lib/QXAttentionPlugin.lib) calls the four exports, and its filter sees
-#         the GCC exception of a non-numeric "status";
+#         with LoadLibrary, and once more linked through lib/'s GNU import
+#         library; built as MSVC would (clang for x86_64-pc-windows-msvc,
+#         lld-link, lib/QXAttentionPlugin.lib) it calls the four exports, and
+#         its filter sees the GCC exception of a non-numeric "status";
 #       - EXE (release_version_tests) reads bin/'s version resources;
 #       - scripts/sign.sh signs copies of bin/'s files with a throwaway
 #         self-signed certificate; osslsigncode verify accepts them (and refuses
@@ -122,38 +122,37 @@ fi
 export WINEDEBUG=${WINEDEBUG:--all}
 winpath() { echo "Z:$(echo "$1" | sed 's|/|\\|g')"; }
 
-# The C host, against the header alone: only include/ is on the include path.
+# host.c, against the header alone (only include/ on the include path), by
+# three toolchains. run_host OUT DLL COMMAND...: the host passed every check
+# and used DLL (found on WINEPATH).
 cc=x86_64-w64-mingw32-gcc-posix
 for std in c89 c11; do
   check "C host compiles as $std against include/qx_plugin.h alone" \
-    $cc -std=$std -pedantic-errors -Wall -Wextra -Werror -I"$pkg/include" \
-        "$here/c_host.c" -o "$work/c_host_$std.exe"
+    $cc -std=$std -pedantic-errors -Wall -Wextra -Werror -I"$pkg/include" "$here/host.c" -o "$work/host_$std.exe"
 done
 check "qx_plugin.h compiles as C++" bash -c \
   "echo '#include \"qx_plugin.h\"' | x86_64-w64-mingw32-g++-posix -std=c++11 -Wall -Wextra -Werror -I'$pkg/include' -x c++ -fsyntax-only -"
 check "C host links against lib/libQXAttentionPlugin.dll.a" \
-  $cc -std=c11 -Wall -Wextra -Werror -DQX_HOST_LINKED -I"$pkg/include" "$here/c_host.c" \
-      -L"$pkg/lib" -lQXAttentionPlugin -o "$work/c_host_linked.exe"
-# run_host OUT DLL COMMAND...: the host passed every check and used DLL.
+  $cc -std=c11 -Wall -Wextra -Werror -DQX_HOST_LINKED -I"$pkg/include" "$here/host.c" \
+      -L"$pkg/lib" -lQXAttentionPlugin -o "$work/host_linked.exe"
 run_host() {
   local out=$1 dll=$2; shift 2
-  timeout 120 "$@" >"$out" 2>&1; local rc=$?
+  WINEPATH="$(winpath "$(dirname "$dll")")" timeout 120 "$@" >"$out" 2>&1; local rc=$?
   cat "$out"
   [ $rc -eq 0 ] && grep -q "all checks passed" "$out" && grep -qiF "plug-in $(winpath "$dll")" "$out"
 }
 check "C host (C89) loads bin/QXAttentionPlugin.dll and runs actions" \
-  run_host "$work/c89.out" "$pkg/bin/QXAttentionPlugin.dll" \
-    wine "$work/c_host_c89.exe" "$(winpath "$pkg/bin/QXAttentionPlugin.dll")"
-WINEPATH="$(winpath "$pkg/bin")" \
+  run_host "$work/c89.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_c89.exe"
 check "C host (linked) finds bin/QXAttentionPlugin.dll on PATH and runs actions" \
-  run_host "$work/linked.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/c_host_linked.exe" --linked
+  run_host "$work/linked.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_linked.exe"
 
 # The MSVC-style host: clang (MSVC target) and lld-link, no C runtime, the
 # import library from the archive; kernel32 and ntdll import libraries made
 # here for the few functions it uses.
 msvc=$work/msvc
 mkdir "$msvc"
-printf 'LIBRARY kernel32.dll\nEXPORTS\n  GetStdHandle\n  WriteFile\n  ExitProcess\n  GetCommandLineA\n' > "$msvc/kernel32.def"
+{ printf 'LIBRARY kernel32.dll\nEXPORTS\n'; printf '  %s\n' GetStdHandle WriteFile ExitProcess GetCommandLineA \
+    LoadLibraryA GetProcAddress GetModuleFileNameA; } > "$msvc/kernel32.def"
 printf 'LIBRARY ntdll.dll\nEXPORTS\n  __C_specific_handler\n' > "$msvc/ntdll.def"
 dlltool=$(command -v llvm-dlltool || command -v llvm-dlltool-19 || command -v llvm-dlltool-14)
 lldlink=$(command -v lld-link || command -v lld-link-19 || command -v lld-link-14)
@@ -161,14 +160,13 @@ check "MSVC-style host compiles (clang, x86_64-pc-windows-msvc, C89)" bash -c "
   '$dlltool' -m i386:x86-64 -d '$msvc/kernel32.def' -l '$msvc/kernel32.lib' &&
   '$dlltool' -m i386:x86-64 -d '$msvc/ntdll.def' -l '$msvc/ntdll.lib' &&
   clang --target=x86_64-pc-windows-msvc -ffreestanding -fms-extensions -std=c89 -Wall -Wextra -Werror \
-        -O2 -I'$pkg/include' -c '$here/msvc_host.c' -o '$msvc/msvc_host.obj'"
+        -O2 -I'$pkg/include' -c '$here/host.c' -o '$msvc/msvc_host.obj'"
 check "lld-link links it against lib/QXAttentionPlugin.lib" \
   "$lldlink" -nologo -nodefaultlib -entry:mainCRTStartup -subsystem:console \
     -out:"$msvc/msvc_host.exe" "$msvc/msvc_host.obj" "$pkg/lib/QXAttentionPlugin.lib" \
     "$msvc/kernel32.lib" "$msvc/ntdll.lib"
-check "MSVC-style host calls the four exports" bash -c "
-  WINEPATH='$(winpath "$pkg/bin")' timeout 120 wine '$msvc/msvc_host.exe' | tee '$msvc/run.out'
-  grep -q 'all checks passed' '$msvc/run.out'"
+check "MSVC-style host calls the four exports" \
+  run_host "$msvc/run.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$msvc/msvc_host.exe"
 check "MSVC-style host: the GCC exception reaches its filter as 0x20474343" bash -c "
   WINEPATH='$(winpath "$pkg/bin")' timeout 120 wine '$msvc/msvc_host.exe' throw > '$msvc/throw.out'; rc=\$?
   cat '$msvc/throw.out'; [ \$rc -eq 3 ] && grep -q '0x20474343' '$msvc/throw.out'"
@@ -205,8 +203,7 @@ check "scripts/verify-dll.sh: the signed DLL is the archive's build" \
 check "scripts/verify-dll.sh: a changed signed DLL is not" \
   bash -c "! '$src/scripts/verify-dll.sh' '$sig/tampered.dll' '$pkg/bin/QXAttentionPlugin.dll'"
 check "the signed DLL still loads and runs" \
-  run_host "$work/signed.out" "$sig/QXAttentionPlugin.dll" \
-    wine "$work/c_host_c11.exe" "$(winpath "$sig/QXAttentionPlugin.dll")"
+  run_host "$work/signed.out" "$sig/QXAttentionPlugin.dll" wine "$work/host_c11.exe"
 
 [ $failures -eq 0 ] && { echo "package: all checks passed"; exit 0; }
 echo "package: $failures checks FAILED"

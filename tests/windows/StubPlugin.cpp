@@ -1,31 +1,15 @@
 // A plug-in that does nothing: the four exports, an empty answer to every
-// action. The command-line tests of qxhost run it, so that what they check
-// (the harness's arguments, exit codes and lifecycle warnings) needs no
-// service and changes nothing in the Wine prefix.
-#include <cstdint>
-#include <cstring>
+// action. qxhost's command-line cases run it, so that what they check (the
+// harness's arguments, exit codes and lifecycle warnings) needs no service
+// and changes nothing in the Wine prefix.
+#include <cstddef>
 
 extern "C" {
-
-__declspec(dllexport) void* qx_plugin_new(int size)
-{
-    return new char[static_cast<std::size_t>(size > 0 ? size : 0)];
+__declspec(dllexport) void* qx_plugin_new(int size) { return new char[size > 0 ? std::size_t(size) : 0]; }
+__declspec(dllexport) int qx_plugin_init(void*, void*) { return 0; }
+__declspec(dllexport) int qx_plugin_action(const char*, const char*, char** result) {
+  *result = new char[1]{0};
+  return 0;
 }
-
-__declspec(dllexport) int qx_plugin_init(void*, void*)
-{
-    return 0;
+__declspec(dllexport) void qx_plugin_delete(void* buffer) { delete[] static_cast<char*>(buffer); }
 }
-
-__declspec(dllexport) int qx_plugin_action(const char*, const char*, char** result)
-{
-    *result = new char[1]{0};
-    return 0;
-}
-
-__declspec(dllexport) void qx_plugin_delete(void* buffer)
-{
-    delete[] static_cast<char*>(buffer);
-}
-
-}  // extern "C"
