@@ -3,6 +3,7 @@
 # demo and the release need: the mingw-w64 cross compiler, Wine, GoogleTest
 # sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
 # (clang and lld-link also build the MSVC-style host of the package test),
+# clang-format (the tests check the sources' style),
 # CLI11 (header-only command-line parser of the tools), lnav and jq (the log
 # reader's tests read its output with them), llvm-dlltool for the MSVC import
 # library, osslsigncode and openssl for signing, git for the commit's time, zip
@@ -48,7 +49,7 @@ packages=(
   binutils-mingw-w64-x86-64
   wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
-  clang
+  clang clang-format
   libcli11-dev lnav jq
   git llvm lld osslsigncode openssl zip file
 )

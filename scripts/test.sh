@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# The test command: installs what it needs, builds both trees, runs the native
-# tests, a short fuzz run of each fuzz target (clang, sanitizers), then the
-# Windows tests through Wine (one fresh Wine prefix per run).
+# The test command: installs what it needs, builds both trees, checks the
+# sources' format (.clang-format), runs the native tests, a short fuzz run of
+# each fuzz target (clang, sanitizers), then the Windows tests through Wine
+# (one fresh Wine prefix per run).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/build.sh || exit 1
 
 status=0
+echo "== format (.clang-format)"
+scripts/check-format.sh || status=1
 echo "== native tests"
 (cd build/native && ctest --output-on-failure) || status=1
 echo "== fuzzing (build/fuzz, clang: replay of seeds and kept inputs, 60 s per target)"
