@@ -45,7 +45,8 @@ std::int32_t Fusion_service_check() {
     }
     CloseServiceHandle(manager);
   }
-  QX_LOG(LogInfo, 25, L"ServiceInstall ret=%d s:%x", result, static_cast<unsigned>(status.dwCurrentState));
+  QX_LOG(LogInfo, 25, L"ServiceInstall ret=%d s:%x", result,
+         static_cast<unsigned>(status.dwCurrentState));
 
   if (result == 0 && status.dwCurrentState == SERVICE_RUNNING) return 0;
 

@@ -51,10 +51,14 @@ struct Plugin {
     path = path.substr(0, path.find_last_of(L"\\/") + 1) + name;
     module = LoadLibraryW(path.c_str());
     if (!module) return false;
-    create = reinterpret_cast<decltype(create)>(reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_new")));
-    init = reinterpret_cast<decltype(init)>(reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_init")));
-    action = reinterpret_cast<decltype(action)>(reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_action")));
-    destroy = reinterpret_cast<decltype(destroy)>(reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_delete")));
+    create = reinterpret_cast<decltype(create)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_new")));
+    init = reinterpret_cast<decltype(init)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_init")));
+    action = reinterpret_cast<decltype(action)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_action")));
+    destroy = reinterpret_cast<decltype(destroy)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_delete")));
     return create && init && action && destroy;
   }
 

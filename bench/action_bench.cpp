@@ -63,20 +63,21 @@ void Rec(const wchar_t* source, unsigned line, const wchar_t* format, Args... ar
 
 void RegistryWrite(const wchar_t* name, DWORD value) {
   HKEY key = nullptr;
-  if (RegCreateKeyExW(HKEY_CURRENT_USER, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) !=
-      ERROR_SUCCESS)
+  if (RegCreateKeyExW(HKEY_CURRENT_USER, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                      nullptr) != ERROR_SUCCESS)
     return;
-  if (RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value)) ==
-      ERROR_SUCCESS)
+  if (RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                     sizeof(value)) == ERROR_SUCCESS)
     RegFlushKey(key);
   RegCloseKey(key);
 }
 
 bool Bind() {
   RPC_WSTR text = nullptr;
-  if (RpcStringBindingComposeW(nullptr, reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")), nullptr,
-                               reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(kFusionSimEndpoint)), nullptr,
-                               &text) != RPC_S_OK)
+  if (RpcStringBindingComposeW(
+          nullptr, reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")), nullptr,
+          reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(kFusionSimEndpoint)), nullptr,
+          &text) != RPC_S_OK)
     return false;
   const bool ok = RpcBindingFromStringBindingW(text, &g_binding) == RPC_S_OK;
   RpcStringFreeW(&text);
@@ -105,7 +106,8 @@ struct FloorThread {
   }
   void Start() {
     stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    sensor = OpenEventW(GENERIC_READ | SYNCHRONIZE, FALSE, L"Global\\Vantoq.SensorFusion.AttentionEVENT");
+    sensor = OpenEventW(GENERIC_READ | SYNCHRONIZE, FALSE,
+                        L"Global\\Vantoq.SensorFusion.AttentionEVENT");
     thread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, Proc, this, 0, nullptr));
     WaitForSingleObject(ready, 5000);
   }
@@ -114,7 +116,8 @@ struct FloorThread {
     WaitForSingleObject(thread, 1000);
     CloseHandle(thread);
     CloseHandle(stop);
-    CloseHandle(sensor);  // the plug-in leaves it open (deliberately); closing costs less than nothing here
+    CloseHandle(
+        sensor);  // the plug-in leaves it open (deliberately); closing costs less than nothing here
   }
 } g_floorThread;
 
@@ -127,7 +130,8 @@ std::wstring Resp(int status) {
 // gives. `toggle`: the waiting thread is started or stopped on the way (the
 // status changes); otherwise it stays as it was (on for 2, off for 1).
 void FloorStatus(int status, bool toggle) {
-  const unsigned long mask = (status == 2) != toggle ? 64ul : 0ul;  // the sensor's bit before the call
+  const unsigned long mask =
+      (status == 2) != toggle ? 64ul : 0ul;  // the sensor's bit before the call
   Rec(kInfoSource, 57, L"set_attention_ctrl %d", status);
   if (status == 2) {
     Rec(kControllerSource, 258, L"attention_start begin w:%d e:%d", mask ? 1 : 0, 1);
@@ -168,8 +172,8 @@ struct Figures {
 
 void Report(const char* name, const Figures& f, double target) {
   const double p = bench::Median(f.plugin) * 1e6, q = bench::Median(f.floor) * 1e6;
-  std::fprintf(g_out, "%-36s %10.1f %10.1f %7.3f  %-4s  (p90 %.0f / %.0f us, n=%zu)\n", name, p, q, p / q,
-               p / q <= target ? "met" : "MISS", bench::Quantile(f.plugin, 0.9) * 1e6,
+  std::fprintf(g_out, "%-36s %10.1f %10.1f %7.3f  %-4s  (p90 %.0f / %.0f us, n=%zu)\n", name, p, q,
+               p / q, p / q <= target ? "met" : "MISS", bench::Quantile(f.plugin, 0.9) * 1e6,
                bench::Quantile(f.floor, 0.9) * 1e6, f.plugin.size());
 }
 
@@ -231,8 +235,8 @@ unsigned __stdcall FloorEventThread(void*) {
     SYSTEMTIME t;
     GetLocalTime(&t);
     char text[256];
-    std::snprintf(text, sizeof text, "Event occur: %d.%d:%d:%d:%d:%d", t.wMonth, t.wDay, t.wHour, t.wMinute,
-                  t.wSecond, t.wMilliseconds);
+    std::snprintf(text, sizeof text, "Event occur: %d.%d:%d:%d:%d:%d", t.wMonth, t.wDay, t.wHour,
+                  t.wMinute, t.wSecond, t.wMilliseconds);
     SensorLibLogWrite("Event!%s", text);
     FusionRecord record;
     FusionRpcGetSensorData(g_binding, 6, 4, &record);
@@ -259,13 +263,15 @@ const volatile std::uint32_t* SimCallCount() {
 }
 
 void EventBench(int events) {
-  HANDLE attention = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\Vantoq.SensorFusion.AttentionEVENT");
+  HANDLE attention =
+      OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\Vantoq.SensorFusion.AttentionEVENT");
   const volatile std::uint32_t* calls = SimCallCount();
   if (!attention || !calls) {
     std::fprintf(g_out, "event path: cannot open the attention event or the simulator's block\n");
     return;
   }
-  HANDLE floorThread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, FloorEventThread, nullptr, 0, nullptr));
+  HANDLE floorThread =
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, FloorEventThread, nullptr, 0, nullptr));
   Figures f;
   int lost = 0;
   for (int i = 0; i < events; ++i) {
@@ -351,13 +357,22 @@ void InitBench(int rounds) {
       net.push_back(a + b);
       fixed.push_back(a + b + 0.400);
     };
-    if (r % 2 == 0) { plugin(); floor(); } else { floor(); plugin(); }
+    if (r % 2 == 0) {
+      plugin();
+      floor();
+    } else {
+      floor();
+      plugin();
+    }
   }
   const double i = bench::Median(init) * 1e3, x = bench::Median(fixed) * 1e3;
-  std::fprintf(g_out, "%-36s %10.1f %10.1f %7.3f  %-4s  (two bare net.exe runs %.1f ms + 400 ms pauses; n=%zu)\n",
-               "init (service running), ms", i, x, i / x, i / x <= 1.05 ? "met" : "MISS",
-               bench::Median(net) * 1e3, init.size());
-  std::fprintf(g_out, "%-36s %10.1f   (for reference: no floor target)\n", "close, ms", bench::Median(close) * 1e3);
+  std::fprintf(
+      g_out,
+      "%-36s %10.1f %10.1f %7.3f  %-4s  (two bare net.exe runs %.1f ms + 400 ms pauses; n=%zu)\n",
+      "init (service running), ms", i, x, i / x, i / x <= 1.05 ? "met" : "MISS",
+      bench::Median(net) * 1e3, init.size());
+  std::fprintf(g_out, "%-36s %10.1f   (for reference: no floor target)\n", "close, ms",
+               bench::Median(close) * 1e3);
   g_plugin.Run("init");
 }
 
@@ -397,7 +412,8 @@ int main(int argc, char** argv) {
   g_plugin.Run("set_attention_delay", "{\"F4010\":{\"delay\":30}}");
   const std::string check = g_plugin.Run("get_attention");
   if (check != "{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n") {
-    std::fprintf(g_out, "action_bench: the plug-in is not in the expected state: %s", check.c_str());
+    std::fprintf(g_out, "action_bench: the plug-in is not in the expected state: %s",
+                 check.c_str());
     return 1;
   }
 
@@ -414,12 +430,15 @@ int main(int argc, char** argv) {
       {"ability", 2, [] { g_plugin.Run("ability"); },
        [] {
          Rec(kPluginSource, 341, L"resp: %s",
-             L"{\"ability\":1,\"id\":\"F4010\",\"items\":{\"delay\":30,\"status\":2},\"plugin\":\"Attention\"}\n");
+             L"{\"ability\":1,\"id\":\"F4010\",\"items\":{\"delay\":30,\"status\":2},\"plugin\":"
+             L"\"Attention\"}\n");
        }},
       {"set_attention_status 2 (sensor on)", 2,
-       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); }, [] { FloorStatus(2, false); }},
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}"); },
+       [] { FloorStatus(2, false); }},
       {"set_attention_status 1 (sensor off)", 1,
-       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); }, [] { FloorStatus(1, false); }},
+       [] { g_plugin.Run("set_attention_status", "{\"F4010\":{\"status\":1}}"); },
+       [] { FloorStatus(1, false); }},
       // Toggling stops and starts the plug-in's waiting thread each time; one
       // unit is the pair of actions.
       {"set_attention_status 2,1 (toggling)", 1,
@@ -435,7 +454,8 @@ int main(int argc, char** argv) {
        [] { g_plugin.Run("set_attention_delay", "{\"F4010\":{\"delay\":30}}"); }, FloorDelay},
   };
   auto settle = [](int status) {
-    g_plugin.Run("set_attention_status", status == 2 ? "{\"F4010\":{\"status\":2}}" : "{\"F4010\":{\"status\":1}}");
+    g_plugin.Run("set_attention_status",
+                 status == 2 ? "{\"F4010\":{\"status\":2}}" : "{\"F4010\":{\"status\":1}}");
   };
 
   if (trace) {
@@ -458,9 +478,12 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  std::fprintf(g_out, "Actions through the exports vs their floor; %d rounds x %d calls, alternating; medians\n",
-               rounds, calls);
-  std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio", "1.10x");
+  std::fprintf(
+      g_out,
+      "Actions through the exports vs their floor; %d rounds x %d calls, alternating; medians\n",
+      rounds, calls);
+  std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio",
+               "1.10x");
   for (const Kind& k : kinds) {
     settle(k.statusBefore);
     const bool pair = std::strstr(k.name, "toggling") != nullptr;
@@ -468,11 +491,14 @@ int main(int argc, char** argv) {
   }
   settle(2);
 
-  std::fprintf(g_out, "\nAttention event -> host callback; %d events, alternating; medians\n", events);
-  std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio", "1.20x");
+  std::fprintf(g_out, "\nAttention event -> host callback; %d events, alternating; medians\n",
+               events);
+  std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in us", "floor us", "ratio",
+               "1.20x");
   EventBench(events);
 
-  std::fprintf(g_out, "\n\"init\" vs its fixed cost; %d rounds, alternating; medians\n", initRounds);
+  std::fprintf(g_out, "\n\"init\" vs its fixed cost; %d rounds, alternating; medians\n",
+               initRounds);
   std::fprintf(g_out, "%-36s %10s %10s %7s  %s\n", "what", "plug-in", "fixed", "ratio", "1.05x");
   InitBench(initRounds);
 

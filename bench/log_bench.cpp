@@ -35,7 +35,8 @@ int ChildLogger(int records) {
   Logger::Instance().Setup(nullptr, BenchFile().c_str(), 0x100000, 1, 1);
   HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qx-log-bench-go");
   WaitForSingleObject(go, 30000);
-  for (int i = 0; i < records; ++i) QX_LOG(LogInfo, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n");
+  for (int i = 0; i < records; ++i)
+    QX_LOG(LogInfo, 341, L"resp: %s", L"{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n");
   return 0;
 }
 
@@ -46,18 +47,19 @@ int ChildFloor(int records, bool checks) {
   // Same mutex and file as the logger's, a frame of a typical record's size.
   const std::wstring path = BenchFile() + L".logdat";
   HANDLE mutex = CreateMutexW(nullptr, FALSE, L"Global\\VQMLOG_qx-log-bench.log.logdat");
-  const std::string frame = logframe::EncodeFrame(std::string(
-      "11-22 10:11:12:123 : [INF][00032] AttentionPlugin.cpp(341) resp: {\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n\n"));
+  const std::string frame = logframe::EncodeFrame(
+      std::string("11-22 10:11:12:123 : [INF][00032] AttentionPlugin.cpp(341) resp: "
+                  "{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n\n"));
   HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qx-log-bench-go");
   WaitForSingleObject(go, 30000);
   for (int i = 0; i < records; ++i) {
     WaitForSingleObject(mutex, INFINITE);
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (checks) {
       if ((i + 1) % 100 == 0) {
-        HANDLE probe = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        HANDLE probe = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
         LARGE_INTEGER size = {};
         GetFileSizeEx(probe, &size);
         CloseHandle(probe);
@@ -83,11 +85,13 @@ double Round(const char* role, int processes, int records) {
   std::vector<HANDLE> children;
   for (int p = 0; p < processes; ++p) {
     std::wstring command = L"\"" + std::wstring(self) + L"\" --child " +
-                           std::wstring(role, role + strlen(role)) + L" " + std::to_wstring(records);
+                           std::wstring(role, role + strlen(role)) + L" " +
+                           std::to_wstring(records);
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
     PROCESS_INFORMATION pi;
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si,
+                        &pi)) {
       std::fprintf(stderr, "cannot start a child: %lu\n", GetLastError());
       std::exit(1);
     }
@@ -114,10 +118,12 @@ int main(int argc, char** argv) {
   }
   const int records = argc > 1 ? std::atoi(argv[1]) : 2000;
   const int rounds = argc > 2 ? std::atoi(argv[2]) : 5;
-  std::printf("Logger::Write per record, obfuscated file, size check on; %d records per process, "
-              "median of %d rounds\n", records, rounds);
-  std::printf("%-10s %12s %12s %8s %6s  %18s %8s\n", "processes", "write (us)", "floor (us)", "ratio", "1.10x",
-              "floor+checks (us)", "ratio");
+  std::printf(
+      "Logger::Write per record, obfuscated file, size check on; %d records per process, "
+      "median of %d rounds\n",
+      records, rounds);
+  std::printf("%-10s %12s %12s %8s %6s  %18s %8s\n", "processes", "write (us)", "floor (us)",
+              "ratio", "1.10x", "floor+checks (us)", "ratio");
   for (int processes : {1, 2, 4}) {
     std::vector<double> write, floor, checks;
     for (int r = 0; r < rounds; ++r) {
@@ -126,10 +132,14 @@ int main(int argc, char** argv) {
       std::rotate(order, order + r % 3, order + 3);
       for (const char* role : order) {
         const double t = Round(role, processes, records);
-        (std::string(role) == "floor" ? floor : std::string(role) == "logger" ? write : checks).push_back(t);
+        (std::string(role) == "floor"    ? floor
+         : std::string(role) == "logger" ? write
+                                         : checks)
+            .push_back(t);
       }
     }
-    const double w = bench::Median(write) * 1e6, f = bench::Median(floor) * 1e6, c = bench::Median(checks) * 1e6;
+    const double w = bench::Median(write) * 1e6, f = bench::Median(floor) * 1e6,
+                 c = bench::Median(checks) * 1e6;
     std::printf("%-10d %12.1f %12.1f %8.3f %6s  %18.1f %8.3f\n", processes, w, f, w / f,
                 w / f <= 1.10 ? "met" : "MISS", c, w / c);
   }

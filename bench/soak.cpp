@@ -74,12 +74,13 @@ struct SystemHandleEntry {
 
 DWORD HandleCountFromTable(DWORD pid) {
   using Query = LONG(NTAPI*)(ULONG, PVOID, ULONG, PULONG);
-  static const Query query = reinterpret_cast<Query>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+  static const Query query = reinterpret_cast<Query>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
   static std::vector<ULONG_PTR> buffer(1 << 16);
   for (int attempt = 0; query && attempt < 8; ++attempt) {
     ULONG needed = 0;
-    const LONG status = query(16, buffer.data(), static_cast<ULONG>(buffer.size() * sizeof(ULONG_PTR)), &needed);
+    const LONG status =
+        query(16, buffer.data(), static_cast<ULONG>(buffer.size() * sizeof(ULONG_PTR)), &needed);
     if (status == 0) {
       const ULONG count = static_cast<ULONG>(buffer[0]);
       const auto* entries = reinterpret_cast<const SystemHandleEntry*>(buffer.data() + 1);
@@ -105,19 +106,22 @@ Sample Measure(HANDLE process, DWORD pid) {
   }
   PROCESS_MEMORY_COUNTERS_EX memory = {};
   memory.cb = sizeof(memory);
-  GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof(memory));
+  GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
+                       sizeof(memory));
   s.privateBytes = memory.PrivateUsage;
   if (s.privateBytes == 0) {
     // Wine leaves PrivateUsage at 0; its PagefileUsage is the process's
     // anonymous (private) memory, which is what Windows reports in both.
     s.privateBytes = memory.PagefileUsage;
-    g_memorySource = "PagefileUsage (PrivateUsage is 0 under Wine; on Windows both are the commit charge)";
+    g_memorySource =
+        "PagefileUsage (PrivateUsage is 0 under Wine; on Windows both are the commit charge)";
   }
   s.threads = ThreadCount(pid);
   return s;
 }
 
-double MedianOf(const std::vector<Sample>& v, std::size_t from, std::size_t to, double (*get)(const Sample&)) {
+double MedianOf(const std::vector<Sample>& v, std::size_t from, std::size_t to,
+                double (*get)(const Sample&)) {
   std::vector<double> x;
   for (std::size_t i = from; i < to && i < v.size(); ++i) x.push_back(get(v[i]));
   return bench::Median(x);
@@ -134,9 +138,11 @@ bool Verdict(const char* who, const std::vector<Sample>& v, bool subtractDeliber
   }
   const std::size_t w = std::max<std::size_t>(3, (n - 1) / 5);
   const std::size_t e0 = 1, e1 = 1 + w, l0 = n - w, l1 = n;
-  auto handles = subtractDeliberate
-                     ? +[](const Sample& s) { return static_cast<double>(s.handles) - static_cast<double>(s.deliberate); }
-                     : +[](const Sample& s) { return static_cast<double>(s.handles); };
+  auto handles =
+      subtractDeliberate
+          ? +[](const Sample&
+                    s) { return static_cast<double>(s.handles) - static_cast<double>(s.deliberate); }
+          : +[](const Sample& s) { return static_cast<double>(s.handles); };
   auto priv = +[](const Sample& s) { return static_cast<double>(s.privateBytes) / 1024.0; };
   auto threads = +[](const Sample& s) { return static_cast<double>(s.threads); };
   const double cycles = v[l0 + w / 2].cycle - v[e0 + w / 2].cycle;
@@ -145,10 +151,14 @@ bool Verdict(const char* who, const std::vector<Sample>& v, bool subtractDeliber
   // the window medians. Over the ~240 cycles between the windows, a leak of one
   // handle per 30 cycles, or of about 1 KiB per cycle (2.5 bytes per action),
   // exceeds them; transients of the RPC runtime and of the heap stay within.
-  struct Check { const char* name; double early, late, tolerance; const char* unit; };
+  struct Check {
+    const char* name;
+    double early, late, tolerance;
+    const char* unit;
+  };
   const Check checks[] = {
-      {subtractDeliberate ? "handles (less those open by design)" : "handles", MedianOf(v, e0, e1, handles),
-       MedianOf(v, l0, l1, handles), 8, ""},
+      {subtractDeliberate ? "handles (less those open by design)" : "handles",
+       MedianOf(v, e0, e1, handles), MedianOf(v, l0, l1, handles), 8, ""},
       {"private bytes", MedianOf(v, e0, e1, priv), MedianOf(v, l0, l1, priv), 256, " KiB"},
       {"threads", MedianOf(v, e0, e1, threads), MedianOf(v, l0, l1, threads), 1, ""},
   };
@@ -157,17 +167,23 @@ bool Verdict(const char* who, const std::vector<Sample>& v, bool subtractDeliber
     const double growth = c.late - c.early;
     const bool ok = growth <= c.tolerance;
     all = all && ok;
-    std::fprintf(g_out, "%s: %-36s early %10.1f%s  late %10.1f%s  growth %+9.1f%s (%+.3f per cycle)  tolerance %.0f%s  %s\n",
-                 who, c.name, c.early, c.unit, c.late, c.unit, growth, c.unit, cycles > 0 ? growth / cycles : 0.0,
-                 c.tolerance, c.unit, ok ? "no growth" : "GROWTH");
+    std::fprintf(g_out,
+                 "%s: %-36s early %10.1f%s  late %10.1f%s  growth %+9.1f%s (%+.3f per cycle)  "
+                 "tolerance %.0f%s  %s\n",
+                 who, c.name, c.early, c.unit, c.late, c.unit, growth, c.unit,
+                 cycles > 0 ? growth / cycles : 0.0, c.tolerance, c.unit,
+                 ok ? "no growth" : "GROWTH");
   }
   return all;
 }
 
 void Print(const char* who, const Sample& s) {
-  std::fprintf(g_out, "%-6s cycle %4d actions %7lld t %7.1f s  handles %6lu (by design %5lld, other %6lld)  private %8.1f KiB  threads %3d\n",
-               who, s.cycle, s.actions, s.seconds, static_cast<unsigned long>(s.handles), s.deliberate,
-               static_cast<long long>(s.handles) - s.deliberate, s.privateBytes / 1024.0, s.threads);
+  std::fprintf(g_out,
+               "%-6s cycle %4d actions %7lld t %7.1f s  handles %6lu (by design %5lld, other "
+               "%6lld)  private %8.1f KiB  threads %3d\n",
+               who, s.cycle, s.actions, s.seconds, static_cast<unsigned long>(s.handles),
+               s.deliberate, static_cast<long long>(s.handles) - s.deliberate,
+               s.privateBytes / 1024.0, s.threads);
 }
 
 }  // namespace
@@ -193,7 +209,8 @@ int main(int argc, char** argv) {
   const DWORD simPid = model.pid;
   HANDLE sim = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, simPid);
   if (!sim) {
-    std::fprintf(g_out, "soak: cannot open the simulator's process %lu\n", static_cast<unsigned long>(simPid));
+    std::fprintf(g_out, "soak: cannot open the simulator's process %lu\n",
+                 static_cast<unsigned long>(simPid));
     return 1;
   }
   bench::Plugin plugin;
@@ -212,12 +229,14 @@ int main(int argc, char** argv) {
   // (Not through "set_attention_status": before "init" the ability is not
   // known, and that action would store 0.)
   const DWORD one = 1;
-  RegSetKeyValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Vantoq\\Quillomatic", L"attention_state", REG_DWORD, &one, sizeof(one));
+  RegSetKeyValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Vantoq\\Quillomatic", L"attention_state",
+                  REG_DWORD, &one, sizeof(one));
   const double start = bench::Seconds();
   auto take = [&](int cycle) {
     const double seconds = bench::Seconds() - start;
-    for (auto [who, process, pid, into, byDesign] : {std::make_tuple("host", self, selfPid, &host, deliberate),
-                                                     std::make_tuple("sim", sim, simPid, &simulator, 0LL)}) {
+    for (auto [who, process, pid, into, byDesign] :
+         {std::make_tuple("host", self, selfPid, &host, deliberate),
+          std::make_tuple("sim", sim, simPid, &simulator, 0LL)}) {
       Sample s = Measure(process, pid);
       s.cycle = cycle, s.actions = done, s.seconds = seconds, s.deliberate = byDesign;
       into->push_back(s);
@@ -240,9 +259,17 @@ int main(int argc, char** argv) {
       if (mix == "toggle") kind = (i % 2) ? 4 : 7;
       if (mix == "steady") kind = (i % 5 == 2) ? 3 : i % 2;
       switch (kind) {
-        case 0: case 5: case 9: r = plugin.Run("get_attention"); break;
-        case 1: case 6: r = plugin.Run("ability"); break;
-        case 2: case 7:
+        case 0:
+        case 5:
+        case 9:
+          r = plugin.Run("get_attention");
+          break;
+        case 1:
+        case 6:
+          r = plugin.Run("ability");
+          break;
+        case 2:
+        case 7:
           r = plugin.Run("set_attention_status", "{\"F4010\":{\"status\":2}}");
           if (!sensorOn) ++deliberate;
           sensorOn = true;
@@ -253,16 +280,24 @@ int main(int argc, char** argv) {
           sensorOn = false;
           status = 1;
           break;
-        case 3: case 8: {
-          const std::string p = "{\"F4010\":{\"delay\":" + std::to_string(10 + (i / 10) % 51) + "}}";
+        case 3:
+        case 8: {
+          const std::string p =
+              "{\"F4010\":{\"delay\":" + std::to_string(10 + (i / 10) % 51) + "}}";
           r = plugin.Run("set_attention_delay", p.c_str());
           break;
         }
       }
       if (r.size() < 2 || r[0] != '{' || r.find("error_code") != std::string::npos) ++odd;
       // Now and then the user looks away and back (sensor on after case 7).
-      if (i % 100 == 7) { FusionSimSetAttention(0, true); ++events; }
-      if (i % 100 == 57) { FusionSimSetAttention(1, true); ++events; }
+      if (i % 100 == 7) {
+        FusionSimSetAttention(0, true);
+        ++events;
+      }
+      if (i % 100 == 57) {
+        FusionSimSetAttention(1, true);
+        ++events;
+      }
     }
     plugin.Run("close");
     if (cycle % every == 0 || cycle == cycles) {
@@ -275,12 +310,15 @@ int main(int argc, char** argv) {
     }
   }
 
-  std::fprintf(g_out, "\n%d init/close cycles, %lld other actions, %lld attention events, %ld host callbacks, "
-               "%lld unexpected results, %.1f s\n",
-               cycles, done, events, static_cast<long>(g_callbacks), odd, bench::Seconds() - start);
+  std::fprintf(
+      g_out,
+      "\n%d init/close cycles, %lld other actions, %lld attention events, %ld host callbacks, "
+      "%lld unexpected results, %.1f s\n",
+      cycles, done, events, static_cast<long>(g_callbacks), odd, bench::Seconds() - start);
   std::fprintf(g_out, "handles from %s; private bytes from %s\n", g_handleSource, g_memorySource);
   const bool hostOk = Verdict("host", host, true);
   const bool simOk = Verdict("sim ", simulator, false);
-  std::fprintf(g_out, "verdict: %s\n", hostOk && simOk && odd == 0 ? "no growth" : "GROWTH or errors (see above)");
+  std::fprintf(g_out, "verdict: %s\n",
+               hostOk && simOk && odd == 0 ? "no growth" : "GROWTH or errors (see above)");
   return hostOk && simOk && odd == 0 ? 0 : 2;
 }

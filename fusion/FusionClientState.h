@@ -18,22 +18,22 @@ constexpr int kFusionAttentionIndex = 6;
 constexpr std::uint32_t kFusionMask = 0x40;
 
 struct FusionThreadArgs {
-    std::int32_t index;
-    std::int32_t fusionFlag;
+  std::int32_t index;
+  std::int32_t fusionFlag;
 };
 
 struct FusionClientState {
-    std::uint32_t FusionStatus;       // bit i: the waiting thread of index i was started
-    CRITICAL_SECTION lock;            // serialises every remote call (see FusionClient.cpp)
-    RPC_BINDING_HANDLE bindingHandle; // passed first to every remote call
-    RPC_WSTR stringBinding;           // owned by the RPC runtime
-    wchar_t eventNames[kFusionSensorCount][MAX_PATH];  // "Global\..." or empty
-    FusionThreadArgs threadArgs[kFusionSensorCount];
-    HANDLE threadHandles[kFusionSensorCount];
-    HANDLE stopEvents[kFusionSensorCount];
-    HANDLE sensorEvents[kFusionSensorCount];
-    SensorDataCallbackFn dataCallback;
-    void* dataCallbackContext;
+  std::uint32_t FusionStatus;        // bit i: the waiting thread of index i was started
+  CRITICAL_SECTION lock;             // serialises every remote call (see FusionClient.cpp)
+  RPC_BINDING_HANDLE bindingHandle;  // passed first to every remote call
+  RPC_WSTR stringBinding;            // owned by the RPC runtime
+  wchar_t eventNames[kFusionSensorCount][MAX_PATH];  // "Global\..." or empty
+  FusionThreadArgs threadArgs[kFusionSensorCount];
+  HANDLE threadHandles[kFusionSensorCount];
+  HANDLE stopEvents[kFusionSensorCount];
+  HANDLE sensorEvents[kFusionSensorCount];
+  SensorDataCallbackFn dataCallback;
+  void* dataCallbackContext;
 };
 
 // Zero at load (static storage); its lock is initialised by a static object

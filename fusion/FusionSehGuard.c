@@ -9,20 +9,16 @@
 static _Thread_local unsigned long t_exceptionCode;
 
 // Scope filter: must be an external symbol, the scope table names it by symbol.
-int FusionSehFilter(EXCEPTION_POINTERS* pointers, void* establisherFrame)
-{
-    (void)establisherFrame;
-    t_exceptionCode = pointers->ExceptionRecord->ExceptionCode;
-    if (t_exceptionCode == 0)
-        t_exceptionCode = 0xFFFFFFFFul; /* a raised code 0 must still read as an exception */
-    return EXCEPTION_EXECUTE_HANDLER;
+int FusionSehFilter(EXCEPTION_POINTERS* pointers, void* establisherFrame) {
+  (void)establisherFrame;
+  t_exceptionCode = pointers->ExceptionRecord->ExceptionCode;
+  if (t_exceptionCode == 0)
+    t_exceptionCode = 0xFFFFFFFFul; /* a raised code 0 must still read as an exception */
+  return EXCEPTION_EXECUTE_HANDLER;
 }
 
-__attribute__((noinline)) unsigned long FusionSehCall(FusionGuardedFn fn, void* context)
-{
-    t_exceptionCode = 0;
-    __try1(FusionSehFilter)
-    fn(context);
-    __except1
-    return t_exceptionCode;
+__attribute__((noinline)) unsigned long FusionSehCall(FusionGuardedFn fn, void* context) {
+  t_exceptionCode = 0;
+  __try1(FusionSehFilter) fn(context);
+  __except1 return t_exceptionCode;
 }

@@ -4,5 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#define CHECK(cond) \
-  ((cond) ? (void)0 : (std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), std::abort()))
+#define CHECK(cond)                                                                        \
+  ((cond) ? (void)0                                                                        \
+          : (std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), \
+             std::abort()))

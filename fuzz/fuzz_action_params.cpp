@@ -33,7 +33,8 @@ Expected ReadIndependently(const char* params, const char* member) {
   Expected e;
   Json::Value root;
   try {
-    if (!Json::Reader().parse(params, params + std::strlen(params), root, true) || !root.isObject()) return e;
+    if (!Json::Reader().parse(params, params + std::strlen(params), root, true) || !root.isObject())
+      return e;
   } catch (const Json::RuntimeError&) {
     return e;  // nesting deeper than the reader's stack limit
   }
@@ -43,14 +44,16 @@ Expected ReadIndependently(const char* params, const char* member) {
   double number = 0;
   if (v.isNull() || v.isBool()) number = v.isBool() && v.asBool();
   if (v.isNumeric()) number = v.asDouble();  // exact for every integer within 32 bits
-  e.throws = e.read == ParamRead::Ok && (v.isString() || v.isArray() || v.isObject() ||
-                                          !(number >= static_cast<double>(INT_MIN) && number <= static_cast<double>(INT_MAX)));
+  e.throws = e.read == ParamRead::Ok &&
+             (v.isString() || v.isArray() || v.isObject() ||
+              !(number >= static_cast<double>(INT_MIN) && number <= static_cast<double>(INT_MAX)));
   e.value = e.throws ? 0 : static_cast<int>(number);
   return e;
 }
 
 // One "set_" action over `params`: `member` is "status" or "delay".
-void RunSetAction(const char* params, const char* member, bool (*in_range)(int), int low, int high, std::int32_t other) {
+void RunSetAction(const char* params, const char* member, bool (*in_range)(int), int low, int high,
+                  std::int32_t other) {
   const Expected expected = ReadIndependently(params, member);
   int value = kPoison;
   ParamRead read = ParamRead::DocumentInvalid;
@@ -63,7 +66,8 @@ void RunSetAction(const char* params, const char* member, bool (*in_range)(int),
   CHECK(threw == expected.throws);
   if (threw) return CHECK(value == kPoison);
   CHECK(read == expected.read);
-  if (read != ParamRead::Ok) return CHECK(value == kPoison && build_error_response(-3) == "{\"error_code\":-3}\n");
+  if (read != ParamRead::Ok)
+    return CHECK(value == kPoison && build_error_response(-3) == "{\"error_code\":-3}\n");
   CHECK(value == expected.value);
   CHECK(in_range(value) == (value >= low && value <= high));
   if (!in_range(value)) return CHECK(build_error_response(1) == "{\"error_code\":1}\n");
@@ -92,21 +96,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   RunSetAction(params.get(), "delay", delay_in_range, 10, 60, Word(data, size, 4));
 
   // The same text as an action name: only the six exact names are known.
-  const char* const known[] = {"ability", "init", "close", "get_attention", "set_attention_status",
-                               "set_attention_delay"};
+  const char* const known[] = {
+      "ability", "init", "close", "get_attention", "set_attention_status", "set_attention_delay"};
   PluginActionKind expected = PluginActionKind::Unknown;
   for (std::size_t i = 0; i < 6; ++i)
     if (std::strcmp(params.get(), known[i]) == 0) expected = static_cast<PluginActionKind>(i);
   CHECK(classify_action(params.get()) == expected);
 
   // Response documents over the whole value range, values drawn from the input.
-  const std::int32_t status = Word(data, size, 0), delay = Word(data, size, 4), code = Word(data, size, 12);
+  const std::int32_t status = Word(data, size, 0), delay = Word(data, size, 4),
+                     code = Word(data, size, 12);
   const std::uint32_t ability = static_cast<std::uint32_t>(Word(data, size, 8));
   CHECK(build_ability_response(ability, status, delay) ==
-        "{\"ability\":" + std::to_string(ability) + ",\"id\":\"F4010\",\"items\":{\"delay\":" + std::to_string(delay) +
+        "{\"ability\":" + std::to_string(ability) +
+            ",\"id\":\"F4010\",\"items\":{\"delay\":" + std::to_string(delay) +
             ",\"status\":" + std::to_string(status) + "},\"plugin\":\"Attention\"}\n");
-  CHECK(build_attention_response(status, delay) == "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
-                                                       ",\"status\":" + std::to_string(status) + "}\n");
+  CHECK(build_attention_response(status, delay) ==
+        "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
+            ",\"status\":" + std::to_string(status) + "}\n");
   CHECK(build_error_response(code) == "{\"error_code\":" + std::to_string(code) + "}\n");
   return 0;
 }

@@ -36,7 +36,8 @@ struct Outcome {
   // was fed: only the status, records, offset and message are defined then.
   bool operator==(const Outcome& o) const {
     bool same = status == o.status && frame_offset == o.frame_offset && message == o.message &&
-                records.size() == o.records.size() && (status != Status::kOk || (pending == o.pending && expected == o.expected));
+                records.size() == o.records.size() &&
+                (status != Status::kOk || (pending == o.pending && expected == o.expected));
     for (std::size_t i = 0; same && i < records.size(); ++i)
       same = records[i].offset == o.records[i].offset && records[i].text == o.records[i].text;
     return same;
@@ -52,9 +53,11 @@ Outcome Decode(std::string_view file, Next next, FrameDecoder&& decoder = FrameD
     const Status status = decoder.Feed(file.data() + at, piece, records);
     CHECK(status == decoder.status());
     const std::size_t count = records.size();  // after an error nothing more is appended
-    CHECK(status == Status::kOk || (decoder.Feed(file.data(), file.size(), records) == status && records.size() == count));
+    CHECK(status == Status::kOk ||
+          (decoder.Feed(file.data(), file.size(), records) == status && records.size() == count));
   }
-  return {decoder.status(), std::move(records), decoder.frame_offset(), decoder.expected_frame_size(),
+  return {decoder.status(),        std::move(records),
+          decoder.frame_offset(),  decoder.expected_frame_size(),
           decoder.pending_bytes(), decoder.ErrorMessage()};
 }
 
@@ -69,30 +72,39 @@ void CheckAgainstFile(const Outcome& out, std::string_view file) {
     offset += frame.size();
   }
   CHECK(out.frame_offset == offset);
-  const std::uint32_t length = offset + kHeaderSize <= file.size()
-      ? logframe::DecodeLength(reinterpret_cast<const unsigned char*>(file.data() + offset)) : 0;
+  const std::uint32_t length =
+      offset + kHeaderSize <= file.size()
+          ? logframe::DecodeLength(reinterpret_cast<const unsigned char*>(file.data() + offset))
+          : 0;
   if (out.status == Status::kOk) {  // every byte is in a record or in the partial frame
     CHECK(out.message.empty() && out.frame_offset + out.pending == file.size());
-    CHECK(out.pending < kHeaderSize ? out.expected == 0 : out.expected == kHeaderSize + length && length <= kMaxRecordLength);
+    CHECK(out.pending < kHeaderSize
+              ? out.expected == 0
+              : out.expected == kHeaderSize + length && length <= kMaxRecordLength);
   } else {
-    CHECK(offset + kHeaderSize <= file.size() && out.message.find("offset " + std::to_string(offset)) != std::string::npos);
+    CHECK(offset + kHeaderSize <= file.size() &&
+          out.message.find("offset " + std::to_string(offset)) != std::string::npos);
     // A bad length exceeds the cap; a frame that is not a record lacks its stored line feed.
     if (out.status == Status::kBadLength) CHECK(length > kMaxRecordLength);
     if (out.status == Status::kNotARecord)
       CHECK(offset + kHeaderSize + length <= file.size() &&
-            (length == 0 || static_cast<unsigned char>(file[offset + kHeaderSize + length - 1]) != 0xF5));
+            (length == 0 ||
+             static_cast<unsigned char>(file[offset + kHeaderSize + length - 1]) != 0xF5));
   }
 }
 
 void FuzzDecoder(std::string_view file, std::mt19937_64& rng) {
   FrameDecoder decoder;
-  const Outcome whole = Decode(file, [&] { return file.size(); }, std::move(decoder));
+  const auto all_at_once = [&] { return file.size(); };
+  const Outcome whole = Decode(file, all_at_once, std::move(decoder));
   CheckAgainstFile(whole, file);
   decoder.Reset();  // forgets everything: the same bytes decode the same way again
-  CHECK(decoder.status() == Status::kOk && decoder.bytes_fed() == 0 && !decoder.has_partial_frame());
-  CHECK(whole == Decode(file, [&] { return file.size(); }, std::move(decoder)));
+  CHECK(decoder.status() == Status::kOk && decoder.bytes_fed() == 0 &&
+        !decoder.has_partial_frame());
+  CHECK(whole == Decode(file, all_at_once, std::move(decoder)));
   // Pieces of 0 to 16 bytes or up to a quarter of the input, as drawn; byte by byte.
-  CHECK(whole == Decode(file, [&] { return rng() & 1 ? rng() % 17 : rng() % (file.size() / 4 + 1); }));
+  CHECK(whole ==
+        Decode(file, [&] { return rng() & 1 ? rng() % 17 : rng() % (file.size() / 4 + 1); }));
   if (file.size() <= 4096) CHECK(whole == Decode(file, [] { return 1u; }));
 }
 
@@ -108,16 +120,18 @@ void FuzzDetection(std::string_view file) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(file.data());
   if (file.size() < 5) return;
   if (settled == Detection::kLogdat)
-    CHECK(logframe::DecodeLength(bytes) - 1 < kMaxRecordLength && static_cast<unsigned char>(~bytes[4]) - '0' < 10u);
+    CHECK(logframe::DecodeLength(bytes) - 1 < kMaxRecordLength &&
+          static_cast<unsigned char>(~bytes[4]) - '0' < 10u);
   if (settled == Detection::kPlain) CHECK(file[2] == '-' && file[0] >= '0' && file[0] <= '9');
-  if (settled == Detection::kSensorLib) CHECK((file[0] == '[' && file[3] == '-') || file.substr(0, 5) == "Versi");
+  if (settled == Detection::kSensorLib)
+    CHECK((file[0] == '[' && file[3] == '-') || file.substr(0, 5) == "Versi");
 }
 
 // A plug-in record's text rebuilt from its fields, without its line end.
 std::string Rebuild(const logrecord::Fields& f) {
   char time[64];
-  std::snprintf(time, sizeof time, "%02d-%02d %02d:%02d:%02d:%03d : ", f.time.month, f.time.day, f.time.hour,
-                f.time.minute, f.time.second, f.time.millisecond);
+  std::snprintf(time, sizeof time, "%02d-%02d %02d:%02d:%02d:%03d : ", f.time.month, f.time.day,
+                f.time.hour, f.time.minute, f.time.second, f.time.millisecond);
   return std::string(time) + "[" + std::string(f.level) + "][" + std::string(f.thread) + "] " +
          std::string(f.source) + "(" + std::string(f.line) + ") " + std::string(f.message);
 }
@@ -127,7 +141,8 @@ void FuzzRecords(std::string_view text, std::mt19937_64& rng) {
     logrecord::RecordSplitter splitter(form);
     std::vector<std::string> records;
     for (std::size_t at = 0, piece; at < text.size(); at += piece)
-      splitter.Feed(text.data() + at, piece = std::min<std::size_t>(rng() % 40, text.size() - at), records);
+      splitter.Feed(text.data() + at, piece = std::min<std::size_t>(rng() % 40, text.size() - at),
+                    records);
     splitter.Flush(records);
     std::string joined;
     for (std::size_t i = 0; i < records.size(); ++i) {
@@ -144,7 +159,8 @@ void FuzzRecords(std::string_view text, std::mt19937_64& rng) {
       if (parsed && f.has_time && form == logrecord::Form::kPlugin) CHECK(Rebuild(f) == body);
       if (!parsed) CHECK(f.message == body && !f.has_time);
       // Two-digit hours, minutes and seconds go up to 99.
-      if (f.has_time) CHECK(f.time.Key() >= 0 && f.time.Key() < logrecord::kYearMs + 5 * logrecord::kDayMs);
+      if (f.has_time)
+        CHECK(f.time.Key() >= 0 && f.time.Key() < logrecord::kYearMs + 5 * logrecord::kDayMs);
     }
     CHECK(joined == text);
   }

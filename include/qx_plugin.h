@@ -49,10 +49,10 @@ extern "C" {
 #define QX_PLUGIN_DLL_NAME "QXAttentionPlugin.dll"
 
 /* Action names for qx_plugin_action, compared as whole, case-sensitive strings. */
-#define QX_ACTION_ABILITY "ability"                   /* params ignored */
-#define QX_ACTION_INIT "init"                         /* params ignored; result "" */
-#define QX_ACTION_CLOSE "close"                       /* params ignored; result "" */
-#define QX_ACTION_GET_ATTENTION "get_attention"       /* params ignored */
+#define QX_ACTION_ABILITY "ability"                           /* params ignored */
+#define QX_ACTION_INIT "init"                                 /* params ignored; result "" */
+#define QX_ACTION_CLOSE "close"                               /* params ignored; result "" */
+#define QX_ACTION_GET_ATTENTION "get_attention"               /* params ignored */
 #define QX_ACTION_SET_ATTENTION_STATUS "set_attention_status" /* {"F4010":{"status":S}} */
 #define QX_ACTION_SET_ATTENTION_DELAY "set_attention_delay"   /* {"F4010":{"delay":D}} */
 
@@ -60,12 +60,12 @@ extern "C" {
 #define QX_FEATURE_ID "F4010"
 
 /* Error codes, returned in the result as {"error_code":n}. */
-#define QX_ERROR_BAD_PARAMS (-3)   /* not JSON, not an object, no object "F4010" */
-#define QX_ERROR_OUT_OF_RANGE 1    /* status not 1 or 2, delay not 10..60 */
-#define QX_ERROR_UNKNOWN_ACTION 4  /* any other action name */
+#define QX_ERROR_BAD_PARAMS (-3)  /* not JSON, not an object, no object "F4010" */
+#define QX_ERROR_OUT_OF_RANGE 1   /* status not 1 or 2, delay not 10..60 */
+#define QX_ERROR_UNKNOWN_ACTION 4 /* any other action name */
 
 /* Attention status values in results. */
-#define QX_STATUS_NOT_LOADED (-1)  /* before "init" or "ability" (delay is -1 too) */
+#define QX_STATUS_NOT_LOADED (-1) /* before "init" or "ability" (delay is -1 too) */
 #define QX_STATUS_NOT_SUPPORTED 0
 #define QX_STATUS_OFF 1
 #define QX_STATUS_ON 2

@@ -7,12 +7,14 @@ void Scramble(unsigned char* bytes, std::int32_t count) {
 }
 
 void EncodeLength(std::uint32_t length, unsigned char header[kHeaderSize]) {
-  for (std::size_t i = 0; i < kHeaderSize; ++i) header[i] = static_cast<unsigned char>(length >> (8 * i));
+  for (std::size_t i = 0; i < kHeaderSize; ++i)
+    header[i] = static_cast<unsigned char>(length >> (8 * i));
 }
 
 std::uint32_t DecodeLength(const unsigned char header[kHeaderSize]) {
   std::uint32_t n = 0;
-  for (std::size_t i = 0; i < kHeaderSize; ++i) n |= static_cast<std::uint32_t>(header[i]) << (8 * i);
+  for (std::size_t i = 0; i < kHeaderSize; ++i)
+    n |= static_cast<std::uint32_t>(header[i]) << (8 * i);
   return n;
 }
 

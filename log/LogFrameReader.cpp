@@ -91,11 +91,13 @@ std::string FrameDecoder::ErrorMessage() const {
     case Status::kOk:
       return {};
     case Status::kBadLength:
-      return "corrupt length at offset " + std::to_string(frame_offset_) + ": the frame announces " +
-             std::to_string(bad_length_) + " bytes, more than any log record (limit " +
-             std::to_string(kMaxRecordLength) + "); not a .logdat file, or a damaged one";
+      return "corrupt length at offset " + std::to_string(frame_offset_) +
+             ": the frame announces " + std::to_string(bad_length_) +
+             " bytes, more than any log record (limit " + std::to_string(kMaxRecordLength) +
+             "); not a .logdat file, or a damaged one";
     case Status::kNotARecord:
-      return "frame at offset " + std::to_string(frame_offset_) + " (" + std::to_string(bad_length_) +
+      return "frame at offset " + std::to_string(frame_offset_) + " (" +
+             std::to_string(bad_length_) +
              " bytes) does not hold a log record: its text does not end with a line feed; "
              "not a .logdat file, or a damaged one";
   }
@@ -117,17 +119,21 @@ Detection DetectFormat(std::string_view head) {
     const std::uint32_t length = DecodeLength(reinterpret_cast<const unsigned char*>(head.data()));
     framed = length >= 1 && length <= kMaxRecordLength;
   }
-  if (head.size() > kHeaderSize) framed = framed && IsDigit(static_cast<unsigned char>(~byte(kHeaderSize)));
+  if (head.size() > kHeaderSize)
+    framed = framed && IsDigit(static_cast<unsigned char>(~byte(kHeaderSize)));
 
   // Sensor library: "[MM-D" (a time) or "Versi" (its version line).
   constexpr std::string_view kVersion = "Versi";
   bool sensor_version = head.substr(0, n) == kVersion.substr(0, n);
   bool sensor_time = true;
   for (std::size_t i = 0; i < n; ++i)
-    sensor_time = sensor_time && (i == 0 ? byte(i) == '[' : i == 3 ? byte(i) == '-' : IsDigit(byte(i)));
+    sensor_time = sensor_time && (i == 0   ? byte(i) == '['
+                                  : i == 3 ? byte(i) == '-'
+                                           : IsDigit(byte(i)));
   const bool sensor = sensor_version || sensor_time;
 
-  if (head.size() < 5) return plain || framed || sensor ? Detection::kUndecided : Detection::kNeither;
+  if (head.size() < 5)
+    return plain || framed || sensor ? Detection::kUndecided : Detection::kNeither;
   // With five bytes no two can hold: the fourth byte is a digit in a plain
   // record, 0 or 1 in a frame's length, '-' or 's' in a sensor library line.
   if (framed) return Detection::kLogdat;

@@ -31,10 +31,10 @@ struct Record {
 class FrameDecoder {
  public:
   enum class Status {
-    kOk,            // all bytes so far are whole frames or the start of one
-    kBadLength,     // a length field above kMaxRecordLength
-    kNotARecord,    // a complete frame whose text does not end in a line feed
-                    // (an empty frame included: every record ends with one)
+    kOk,          // all bytes so far are whole frames or the start of one
+    kBadLength,   // a length field above kMaxRecordLength
+    kNotARecord,  // a complete frame whose text does not end in a line feed
+                  // (an empty frame included: every record ends with one)
   };
 
   // Decodes `size` more bytes of the file. Every frame completed by them is

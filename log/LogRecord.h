@@ -28,17 +28,17 @@ enum class Form { kPlugin, kSensorLib };
 
 // A time as the records carry it: no year.
 struct Time {
-    int month = 0;
-    int day = 0;
-    int hour = 0;
-    int minute = 0;
-    int second = 0;
-    int millisecond = 0;
+  int month = 0;
+  int day = 0;
+  int hour = 0;
+  int minute = 0;
+  int second = 0;
+  int millisecond = 0;
 
-    // Milliseconds since 01-01 00:00:00.000 of a year of 365 days. Differences
-    // are true durations within a year (02-29 counts as 03-01); impossible
-    // dates are clamped, so that every time still has a place in the order.
-    std::int64_t Key() const;
+  // Milliseconds since 01-01 00:00:00.000 of a year of 365 days. Differences
+  // are true durations within a year (02-29 counts as 03-01); impossible
+  // dates are clamped, so that every time still has a place in the order.
+  std::int64_t Key() const;
 };
 
 constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
@@ -48,15 +48,15 @@ constexpr std::int64_t kYearMs = 365 * kDayMs;
 // an empty view means the record has no such field (a sensor library line
 // has no level, thread, source or line).
 struct Fields {
-    bool has_time = false;
-    Time time;
-    std::string_view level;    // the tag without brackets: "ERR", "INF", "NONE", ...
-    std::string_view thread;   // the digits as written ("04242")
-    std::string_view source;   // "AttentionPlugin.cpp"
-    std::string_view line;     // the digits of the line number
-    // The text after the fields, without the line end that closes the record
-    // (its own line feeds stay, "\r\n" as written).
-    std::string_view message;
+  bool has_time = false;
+  Time time;
+  std::string_view level;   // the tag without brackets: "ERR", "INF", "NONE", ...
+  std::string_view thread;  // the digits as written ("04242")
+  std::string_view source;  // "AttentionPlugin.cpp"
+  std::string_view line;    // the digits of the line number
+  // The text after the fields, without the line end that closes the record
+  // (its own line feeds stay, "\r\n" as written).
+  std::string_view message;
 };
 
 // Parses the text of one plug-in record. On false the text is not such a
@@ -81,25 +81,25 @@ bool ParseTimeArgument(std::string_view text, Time& time);
 // starts a record, and the lines after it that do not. Each record is handed
 // back byte for byte as it was fed, so the records put together are the input.
 class RecordSplitter {
-public:
-    explicit RecordSplitter(Form form = Form::kPlugin) : form_(form) {}
+ public:
+  explicit RecordSplitter(Form form = Form::kPlugin) : form_(form) {}
 
-    // Appends to `records` every record that more bytes have closed (a record
-    // closes when the next one starts).
-    void Feed(const char* data, std::size_t size, std::vector<std::string>& records);
-    // Hands back the record still open, as far as its last line feed. A line
-    // that the next bytes continue stays.
-    void FlushLines(std::vector<std::string>& records);
-    // Hands back everything, an unfinished last line included.
-    void Flush(std::vector<std::string>& records);
-    void Reset();
+  // Appends to `records` every record that more bytes have closed (a record
+  // closes when the next one starts).
+  void Feed(const char* data, std::size_t size, std::vector<std::string>& records);
+  // Hands back the record still open, as far as its last line feed. A line
+  // that the next bytes continue stays.
+  void FlushLines(std::vector<std::string>& records);
+  // Hands back everything, an unfinished last line included.
+  void Flush(std::vector<std::string>& records);
+  void Reset();
 
-private:
-    void TakeLine(std::string_view line, std::vector<std::string>& records);
+ private:
+  void TakeLine(std::string_view line, std::vector<std::string>& records);
 
-    Form form_;
-    std::string current_;  // the open record: whole lines
-    std::string partial_;  // the bytes after the last line feed
+  Form form_;
+  std::string current_;  // the open record: whole lines
+  std::string partial_;  // the bytes after the last line feed
 };
 
 }  // namespace logrecord

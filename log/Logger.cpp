@@ -56,11 +56,16 @@ std::wstring ExecutableLogName() {
 
 WORD EchoColour(int level) {
   switch (level) {
-    case LogError: return 4;     // red
-    case LogWarning: return 9;   // bright blue
-    case LogInfo: return 10;     // bright green
-    case LogTrace: return 14;    // yellow
-    default: return 7;           // grey
+    case LogError:
+      return 4;  // red
+    case LogWarning:
+      return 9;  // bright blue
+    case LogInfo:
+      return 10;  // bright green
+    case LogTrace:
+      return 14;  // yellow
+    default:
+      return 7;  // grey
   }
 }
 
@@ -73,16 +78,24 @@ Logger& Logger::Instance() {
 
 const wchar_t* Logger::LevelTag(int level) {
   switch (level) {
-    case LogError: return L"[ERR]";
-    case LogWarning: return L"[WAR]";
-    case LogInfo: return L"[INF]";
-    case LogTrace: return L"[TRA]";
-    case LogDebug: return L"[DBG]";
-    default: return L"[NONE]";
+    case LogError:
+      return L"[ERR]";
+    case LogWarning:
+      return L"[WAR]";
+    case LogInfo:
+      return L"[INF]";
+    case LogTrace:
+      return L"[TRA]";
+    case LogDebug:
+      return L"[DBG]";
+    default:
+      return L"[NONE]";
   }
 }
 
-void Logger::Scramble(unsigned char* bytes, std::int32_t count) { logframe::Scramble(bytes, count); }
+void Logger::Scramble(unsigned char* bytes, std::int32_t count) {
+  logframe::Scramble(bytes, count);
+}
 
 void Logger::Setup(const wchar_t* productFolder, const wchar_t* fileName, std::int64_t maxSize,
                    std::uint8_t encrypt, std::uint8_t sizeCheck) {
@@ -132,7 +145,8 @@ void Logger::Setup(const wchar_t* productFolder, const wchar_t* fileName, std::i
   // a junction's own attributes either way, but Wine resolves a link when the
   // name ends in a separator and would report the target instead.
   std::wstring folderName = folder;
-  while (folderName.size() > 1 && folderName.back() == L'\\' && folderName[folderName.size() - 2] != L':')
+  while (folderName.size() > 1 && folderName.back() == L'\\' &&
+         folderName[folderName.size() - 2] != L':')
     folderName.pop_back();
   if (GetFileAttributesW(folderName.c_str()) & kReparsePoint) return;
 
@@ -170,10 +184,10 @@ std::wstring Logger::FormatRecord(const SYSTEMTIME& t, DWORD threadId, int level
   // format inserted as text; the second uses that whole line as the format for
   // the caller's arguments, so a "%" from the tag, the source name or the
   // caller's format is a placeholder there.
-  const std::wstring layout = FormatMsList(
-      kRecordFormat, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds,
-      LevelTag(level), static_cast<int>(threadId), PathFindFileNameW(sourceFile),
-      static_cast<int>(line), format);
+  const std::wstring layout =
+      FormatMsList(kRecordFormat, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds,
+                   LevelTag(level), static_cast<int>(threadId), PathFindFileNameW(sourceFile),
+                   static_cast<int>(line), format);
   return FormatMs(layout.c_str(), args);
 }
 
@@ -198,24 +212,28 @@ void Logger::Append(const std::wstring& record) {
 
   std::string bytes;
   const int wideLength = static_cast<int>(record.size());
-  const int length = WideCharToMultiByte(CP_UTF8, 0, record.data(), wideLength, nullptr, 0, nullptr, nullptr);
+  const int length =
+      WideCharToMultiByte(CP_UTF8, 0, record.data(), wideLength, nullptr, 0, nullptr, nullptr);
   if (length > 0) {
     bytes.resize(static_cast<std::size_t>(length));
-    WideCharToMultiByte(CP_UTF8, 0, record.data(), wideLength, bytes.data(), length, nullptr, nullptr);
+    WideCharToMultiByte(CP_UTF8, 0, record.data(), wideLength, bytes.data(), length, nullptr,
+                        nullptr);
   }
 
   DWORD written = 0;
   if (m_encrypt) {
     unsigned char header[logframe::kHeaderSize];
     logframe::EncodeLength(static_cast<std::uint32_t>(bytes.size()), header);
-    Scramble(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<std::int32_t>(bytes.size()));
+    Scramble(reinterpret_cast<unsigned char*>(bytes.data()),
+             static_cast<std::int32_t>(bytes.size()));
     WriteFile(file, header, sizeof(header), &written, nullptr);
   }
   WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
   CloseHandle(file);
 }
 
-void Logger::Write(int level, const wchar_t* format, const wchar_t* sourceFile, unsigned line, ...) {
+void Logger::Write(int level, const wchar_t* format, const wchar_t* sourceFile, unsigned line,
+                   ...) {
   if (level > m_level) return;
   if (m_path[0] == L'\0') {
     Instance().Setup(nullptr, nullptr, 0x100000, 1, 1);

@@ -42,8 +42,8 @@ class Logger {
   // Steps 5-7 of a write without the clock, the thread and the file: the record
   // text for a given local time and thread. Write uses it; tests pin it down.
   static std::wstring FormatRecord(const SYSTEMTIME& time, DWORD threadId, int level,
-                                   const wchar_t* format, const wchar_t* sourceFile,
-                                   unsigned line, va_list args);
+                                   const wchar_t* format, const wchar_t* sourceFile, unsigned line,
+                                   va_list args);
 
   // Read-only views for tools and tests.
   int encrypt() const { return m_encrypt; }
@@ -72,4 +72,4 @@ class Logger {
 };
 
 #define QX_LOG(level, line, format, ...) \
-  ::Logger::Instance().Write((level), (format), kLogSource, (line) __VA_OPT__(, ) __VA_ARGS__)
+  ::Logger::Instance().Write((level), (format), kLogSource, (line)__VA_OPT__(, ) __VA_ARGS__)

@@ -28,7 +28,8 @@ int read_attention_value(const wchar_t* name, std::uint32_t* out) {
   DWORD value = 0;
   DWORD size = sizeof(value);
   // The stored type is not checked: any 4-byte value reads as a number.
-  const LONG rc = RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size);
+  const LONG rc =
+      RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size);
   RegCloseKey(key);
   if (rc != ERROR_SUCCESS) return 0;
   *out = value;
@@ -37,8 +38,8 @@ int read_attention_value(const wchar_t* name, std::uint32_t* out) {
 
 int write_attention_value(const wchar_t* name, std::uint32_t value) {
   HKEY key = nullptr;
-  if (RegCreateKeyExW(HKEY_CURRENT_USER, kAttentionKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                      nullptr) != ERROR_SUCCESS)
+  if (RegCreateKeyExW(HKEY_CURRENT_USER, kAttentionKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                      &key, nullptr) != ERROR_SUCCESS)
     return 0;
   const DWORD data = value;
   const LONG rc =

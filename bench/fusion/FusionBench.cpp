@@ -17,8 +17,9 @@
 namespace {
 
 void Report(const char* name, const std::vector<double>& us) {
-  std::printf("%-34s n=%-5zu median %8.1f us  p90 %8.1f us  mean %8.1f us\n", name, us.size(), bench::Median(us),
-              bench::Quantile(us, 0.9), std::accumulate(us.begin(), us.end(), 0.0) / us.size());
+  std::printf("%-34s n=%-5zu median %8.1f us  p90 %8.1f us  mean %8.1f us\n", name, us.size(),
+              bench::Median(us), bench::Quantile(us, 0.9),
+              std::accumulate(us.begin(), us.end(), 0.0) / us.size());
 }
 
 HANDLE g_callbackDone = CreateEventW(nullptr, FALSE, FALSE, nullptr);

@@ -28,8 +28,8 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
   startup.cb = sizeof(startup);
   SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
   auto open = [&](const std::wstring& name) {
-    return CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, CREATE_ALWAYS,
-                       FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                       CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   };
   HANDLE out = stdoutFile.empty() ? INVALID_HANDLE_VALUE : open(stdoutFile);
   HANDLE err = stderrFile.empty() ? INVALID_HANDLE_VALUE : open(stderrFile);
@@ -41,7 +41,8 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
   }
   PROCESS_INFORMATION info = {};
   std::wstring line = commandLine;
-  const BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info);
+  const BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                 &startup, &info);
   if (out != INVALID_HANDLE_VALUE) CloseHandle(out);
   if (err != INVALID_HANDLE_VALUE) CloseHandle(err);
   if (!ok) return nullptr;
@@ -60,8 +61,10 @@ HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args
 
 int WaitChild(HANDLE process, DWORD timeoutMs) {
   DWORD code = static_cast<DWORD>(-1);
-  if (process && WaitForSingleObject(process, timeoutMs) != WAIT_OBJECT_0) TerminateProcess(process, 99);
-  else if (process) GetExitCodeProcess(process, &code);
+  if (process && WaitForSingleObject(process, timeoutMs) != WAIT_OBJECT_0)
+    TerminateProcess(process, 99);
+  else if (process)
+    GetExitCodeProcess(process, &code);
   if (process) CloseHandle(process);
   return static_cast<int>(code);
 }
@@ -106,15 +109,16 @@ std::wstring TempDir(const std::wstring& name) {
 
 std::wstring Widen(const std::string& s) {
   std::wstring w(s.size(), L'\0');
-  w.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), w.data(),
-                                                   static_cast<int>(w.size()))));
+  w.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()),
+                                                   w.data(), static_cast<int>(w.size()))));
   return w;
 }
 
 std::string Narrow(const std::wstring& w) {
   std::string s(w.size() * 3, '\0');
-  s.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()), s.data(),
-                                                   static_cast<int>(s.size()), nullptr, nullptr)));
+  s.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()),
+                                                   s.data(), static_cast<int>(s.size()), nullptr,
+                                                   nullptr)));
   return s;
 }
 

@@ -34,21 +34,24 @@ int EnvInt(const char* name, int fallback) {
 int RoleWriter(const std::wstring& path, int count, int maxSize) {
   Logger::Instance().Setup(nullptr, path.c_str(), maxSize, 1, 1);
   HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, kGoEvent);
-  if (!Logger::Instance().mutex() || !go || WaitForSingleObject(go, 30000) != WAIT_OBJECT_0) return 3;
+  if (!Logger::Instance().mutex() || !go || WaitForSingleObject(go, 30000) != WAIT_OBJECT_0)
+    return 3;
   for (int i = 0; i < count; ++i)
-    QX_LOG(LogInfo, 42, L"writer %d record %.5d of %d: contention payload", static_cast<int>(GetCurrentProcessId()),
-           i, count);
+    QX_LOG(LogInfo, 42, L"writer %d record %.5d of %d: contention payload",
+           static_cast<int>(GetCurrentProcessId()), i, count);
   return 0;
 }
 
 TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   const int writers = EnvInt("QX_LOG_WRITERS", 4), count = EnvInt("QX_LOG_RECORDS", 10000);
   const int maxSize = EnvInt("QX_LOG_MAX_SIZE", 65536);
-  const std::wstring path = TempDir(L"log-contention") + L"\\contention.log", file = path + L".logdat";
+  const std::wstring path = TempDir(L"log-contention") + L"\\contention.log",
+                     file = path + L".logdat";
   HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGoEvent);
   std::vector<HANDLE> children;
   for (int w = 0; w < writers; ++w)
-    children.push_back(StartSelf(L"writer", {path, std::to_wstring(count), std::to_wstring(maxSize)}));
+    children.push_back(
+        StartSelf(L"writer", {path, std::to_wstring(count), std::to_wstring(maxSize)}));
   ASSERT_EQ(children.end(), std::find(children.begin(), children.end(), nullptr));
 
   // Every time the file is seen shorter than at the last look, the size check
@@ -60,7 +63,8 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
     for (std::int64_t last = 0; watching; Sleep(1)) {
       WIN32_FILE_ATTRIBUTE_DATA data;
       if (!GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) continue;
-      const std::int64_t size = (static_cast<std::int64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+      const std::int64_t size =
+          (static_cast<std::int64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
       deletionsSeen += size < last;
       largest = std::max(largest, last = size);
     }
@@ -85,7 +89,8 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   std::map<int, std::vector<int>> byWriter;
   for (const logframe::Record& r : records) {
     std::smatch m;
-    ASSERT_TRUE(std::regex_match(r.text, m, shape)) << "record at offset " << r.offset << ": " << r.text;
+    ASSERT_TRUE(std::regex_match(r.text, m, shape))
+        << "record at offset " << r.offset << ": " << r.text;
     EXPECT_EQ(count, std::stoi(m[3].str()));
     byWriter[std::stoi(m[1].str())].push_back(std::stoi(m[2].str()));
   }
@@ -104,10 +109,11 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   const std::int64_t total = frame * writers * count, cycle = maxSize + frame * 100 * writers;
   EXPECT_GE(deletionsSeen, std::max<std::int64_t>(1, total / (2 * cycle))) << "too few deletions";
   EXPECT_LE(largest, cycle);
-  std::printf("%d writers x %d records, limit %d bytes: %lld bytes written in %lu ms, "
-              "%d deletions seen, %zu whole records left, largest file %lld bytes\n",
-              writers, count, maxSize, static_cast<long long>(total), static_cast<unsigned long>(elapsed),
-              deletionsSeen, records.size(), static_cast<long long>(largest));
+  std::printf(
+      "%d writers x %d records, limit %d bytes: %lld bytes written in %lu ms, "
+      "%d deletions seen, %zu whole records left, largest file %lld bytes\n",
+      writers, count, maxSize, static_cast<long long>(total), static_cast<unsigned long>(elapsed),
+      deletionsSeen, records.size(), static_cast<long long>(largest));
 }
 
 }  // namespace

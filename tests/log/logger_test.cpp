@@ -17,7 +17,8 @@ namespace {
 constexpr wchar_t kLogSource[] = L"LoggerTest.cpp";
 Logger& Log() { return Logger::Instance(); }
 
-std::wstring Record(DWORD tid, int level, const wchar_t* source, unsigned line, const wchar_t* format, ...) {
+std::wstring Record(DWORD tid, int level, const wchar_t* source, unsigned line,
+                    const wchar_t* format, ...) {
   const SYSTEMTIME t = {2026, 11, 0, 14, 9, 5, 7, 42};
   va_list args;
   va_start(args, format);
@@ -29,7 +30,8 @@ std::wstring Record(DWORD tid, int level, const wchar_t* source, unsigned line, 
 std::wstring Logs() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs"; }
 std::wstring ConfigIni() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\config\\config.ini"; }
 void Config(const std::string& body) {
-  SHCreateDirectoryExW(nullptr, (CommonAppData() + L"\\Vantoq\\Quillomatic\\config").c_str(), nullptr);
+  SHCreateDirectoryExW(nullptr, (CommonAppData() + L"\\Vantoq\\Quillomatic\\config").c_str(),
+                       nullptr);
   WriteFileBytes(ConfigIni(), "[config]\r\n" + body);
 }
 void NoConfig() { DeleteFileW(ConfigIni().c_str()); }
@@ -44,7 +46,8 @@ std::wstring Fresh(const wchar_t* name, std::int64_t maxSize = 0x100000, std::ui
 // record, each of its UTF-8 bytes stored as 255 - b (one record here).
 std::string Unframe(const std::string& bytes) {
   std::string text;
-  for (std::size_t i = 4; i < bytes.size(); ++i) text += static_cast<char>(255 - static_cast<unsigned char>(bytes[i]));
+  for (std::size_t i = 4; i < bytes.size(); ++i)
+    text += static_cast<char>(255 - static_cast<unsigned char>(bytes[i]));
   return text;
 }
 
@@ -64,7 +67,8 @@ TEST(RecordText, FieldsAndTheSecondFormattingPass) {
   // not formatted again.
   EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] Br7ge.cpp(9) v=9\n",
             Record(4242, LogInfo, L"Br%dge.cpp", 9, L"v=%d", 7, 9));
-  EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] a.cpp(9) a%sb\n", Record(4242, LogInfo, L"a.cpp", 9, L"%s", L"a%sb"));
+  EXPECT_EQ(L"11-14 09:05:07:042 : [INF][04242] a.cpp(9) a%sb\n",
+            Record(4242, LogInfo, L"a.cpp", 9, L"%s", L"a%sb"));
 }
 
 // Every line a record: time, level tag, thread, source, line, message in
@@ -73,18 +77,23 @@ TEST(RecordText, FieldsAndTheSecondFormattingPass) {
 TEST(Write, PlainRecordsAndTheLevelFilter) {
   char thread[16];
   std::snprintf(thread, sizeof thread, "][%05lu] ", GetCurrentThreadId());
-  const char* tags[] = {"[NONE", "[NONE", "[NONE", "[ERR", "[WAR", "[INF", "[TRA", "[DBG", "[NONE"};  // -2 to 6
+  const char* tags[] = {"[NONE", "[NONE", "[NONE", "[ERR", "[WAR",
+                        "[INF",  "[TRA",  "[DBG",  "[NONE"};  // -2 to 6
   for (const char* setting : {"", "0", "-1", "5"}) {
     *setting ? Config(std::string("g_vantoq_global_log_level=") + setting + "\r\n") : NoConfig();
     const std::wstring path = Fresh(L"filter");
-    for (int level = -2; level <= 6; ++level) QX_LOG(level, 1, L"level %d %s\xFF0C", level, L"wide");
+    for (int level = -2; level <= 6; ++level)
+      QX_LOG(level, 1, L"level %d %s\xFF0C", level, L"wide");
     const std::string text = ReadFileBytes(path);
     const int kept = *setting ? std::stoi(setting) : LogInfo;
     EXPECT_EQ(kept, Log().level());
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"((\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d : [^\r\n]+\n)+)"))) << text;
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(R"((\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d : [^\r\n]+\n)+)")))
+        << text;
     for (int level = -2; level <= 6; ++level) {
-      const std::string record = std::string(tags[level + 2]) + thread + "LoggerTest.cpp(1) level " +
-                                 std::to_string(level) + " wide\xEF\xBC\x8C\n";
+      const std::string record = std::string(tags[level + 2]) + thread +
+                                 "LoggerTest.cpp(1) level " + std::to_string(level) +
+                                 " wide\xEF\xBC\x8C\n";
       EXPECT_EQ(level <= kept, text.find(record) != std::string::npos) << record;
     }
   }
@@ -98,8 +107,9 @@ TEST(Write, ObfuscatedFrame) {
   QX_LOG(LogInfo, 12, L"\x00e9\xFF0C");  // 2 + 3 bytes in UTF-8
   const std::string bytes = ReadFileBytes(path + L".logdat"), text = Unframe(bytes);
   EXPECT_EQ(std::string({static_cast<char>(text.size()), 0, 0, 0}), bytes.substr(0, 4));
-  EXPECT_TRUE(std::regex_match(text, std::regex("[-0-9 :]{18} : \\[INF\\]\\[\\d+\\] LoggerTest\\.cpp\\(12\\) "
-                                                "\xC3\xA9\xEF\xBC\x8C\n")))
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex("[-0-9 :]{18} : \\[INF\\]\\[\\d+\\] LoggerTest\\.cpp\\(12\\) "
+                       "\xC3\xA9\xEF\xBC\x8C\n")))
       << text;
 }
 
@@ -137,7 +147,8 @@ TEST(Setup, DefaultsConfigKeysAndTheMutex) {
   Log().Setup(L"Other", L"x.log", 0x100000, 0, 1);  // a bare name goes to the product's logs folder
   EXPECT_EQ(CommonAppData() + L"\\Vantoq\\Other\\logs\\x.log", Log().path());
 
-  Config("g_vantoq_global_log_level=5\r\ng_vantoq_global_max_size=777\r\ng_vantoq_log_encryped=0\r\n");
+  Config(
+      "g_vantoq_global_log_level=5\r\ng_vantoq_global_max_size=777\r\ng_vantoq_log_encryped=0\r\n");
   Log().Setup(L"Quillomatic", L"QXAttentionPlugin.log", 0x100000, 1, 1);
   EXPECT_EQ(5, Log().level());
   EXPECT_EQ(777, Log().maxSize());
@@ -159,7 +170,8 @@ TEST(Setup, DefaultsConfigKeysAndTheMutex) {
 // writes a plain file and leaves the ".logdat" as it was.
 TEST(Setup, EncryptSwitchAndNormalSibling) {
   NoConfig();
-  const std::wstring dir = TempDir(L"switch"), name = dir + L"\\s.log", normal = dir + L"\\s.normal.log";
+  const std::wstring dir = TempDir(L"switch"), name = dir + L"\\s.log",
+                     normal = dir + L"\\s.normal.log";
   WriteFileBytes(normal, "old plain text\n");
   Log().Setup(nullptr, name.c_str(), 0x100000, 0, 1);
   EXPECT_TRUE(FileExists(normal));

@@ -25,11 +25,14 @@ std::string Frame(const std::string& text, std::uint32_t length) {
   for (char c : text) out += static_cast<char>(255 - static_cast<unsigned char>(c));
   return out;
 }
-std::string Frame(const std::string& text) { return Frame(text, static_cast<std::uint32_t>(text.size())); }
+std::string Frame(const std::string& text) {
+  return Frame(text, static_cast<std::uint32_t>(text.size()));
+}
 
 const std::string kRecord61 = "11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) get_ability\n";
 // Longer than 255 bytes, so its length field uses two bytes; and UTF-8.
-const std::string kLong = "11-14 09:05:07:043 : [WAR][04242] A.cpp(2) " + std::string(300, 'x') + " \xC3\xA9\n";
+const std::string kLong =
+    "11-14 09:05:07:043 : [WAR][04242] A.cpp(2) " + std::string(300, 'x') + " \xC3\xA9\n";
 
 TEST(LogFrame, EncodesByTheDefinition) {
   EXPECT_EQ(Frame(kRecord61), logframe::EncodeFrame(kRecord61));
@@ -70,8 +73,10 @@ TEST(FrameDecoder, LengthOverTheCapStopsUntilReset) {
     EXPECT_EQ(Status::kBadLength, decoder.Feed(input.data(), input.size(), records));
     EXPECT_EQ(1u, records.size());
     EXPECT_EQ(4u, decoder.pending_bytes()) << "only the length field is held";
-    EXPECT_NE(std::string::npos, decoder.ErrorMessage().find("corrupt length at offset 65")) << decoder.ErrorMessage();
-    EXPECT_NE(std::string::npos, decoder.ErrorMessage().find(std::to_string(length))) << decoder.ErrorMessage();
+    EXPECT_NE(std::string::npos, decoder.ErrorMessage().find("corrupt length at offset 65"))
+        << decoder.ErrorMessage();
+    EXPECT_NE(std::string::npos, decoder.ErrorMessage().find(std::to_string(length)))
+        << decoder.ErrorMessage();
     EXPECT_EQ(Status::kBadLength, decoder.Feed(input.data(), 65, records));
     decoder.Reset();
     EXPECT_EQ(Status::kOk, decoder.Feed(input.data(), 65, records));
@@ -95,12 +100,16 @@ TEST(DetectFormat, TellsFramesFromPlainRecordsFromTheFirstFiveBytes) {
       {Frame(kRecord61).substr(0, 4), Detection::kUndecided},
       {"[ERR] x", Detection::kNeither},
       {std::string("\0\0\0\2", 4), Detection::kNeither},  // a length over the cap
-      {std::string("\x3D\0\0\0" "11", 6), Detection::kNeither},  // not complemented
-      {"\xEF\xBB\xBF" + kRecord61, Detection::kNeither},     // a byte-order mark
+      {std::string("\x3D\0\0\0"
+                   "11",
+                   6),
+       Detection::kNeither},                              // not complemented
+      {"\xEF\xBB\xBF" + kRecord61, Detection::kNeither},  // a byte-order mark
       {"11/14 09:05", Detection::kNeither},
       {std::string(8, '\0'), Detection::kNeither},  // zeros, as a file after a crash
   };
-  for (const auto& c : cases) EXPECT_EQ(c.expected, logframe::DetectFormat(c.head)) << testing::PrintToString(c.head);
+  for (const auto& c : cases)
+    EXPECT_EQ(c.expected, logframe::DetectFormat(c.head)) << testing::PrintToString(c.head);
 }
 
 }  // namespace

@@ -66,8 +66,10 @@ struct Tool {
 #else
     const std::string limit;
 #endif
-    const int status = std::system(("cd '" + dir.string() + "' && { " + limit + "exec timeout 30 " QX_LOGREAD_PATH " " +
-                                    args + " >out 2>err" + (background ? " & echo $! >pid" : "") + "; }").c_str());
+    const int status = std::system(("cd '" + dir.string() + "' && { " + limit +
+                                    "exec timeout 30 " QX_LOGREAD_PATH " " + args + " >out 2>err" +
+                                    (background ? " & echo $! >pid" : "") + "; }")
+                                       .c_str());
     code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   ~Tool() {
@@ -75,11 +77,16 @@ struct Tool {
   }
   std::string out() const { return Read(dir / "out"); }
   std::string err() const { return Read(dir / "err"); }
-  bool Out(const std::string& text) const { return Until([&] { return out().find(text) != std::string::npos; }); }
-  bool Err(const std::string& text) const { return Until([&] { return err().find(text) != std::string::npos; }); }
+  bool Out(const std::string& text) const {
+    return Until([&] { return out().find(text) != std::string::npos; });
+  }
+  bool Err(const std::string& text) const {
+    return Until([&] { return err().find(text) != std::string::npos; });
+  }
   template <class Done>
   static bool Until(Done done) {
-    for (auto end = std::chrono::steady_clock::now() + 10s; !done(); std::this_thread::sleep_for(10ms))
+    for (auto end = std::chrono::steady_clock::now() + 10s; !done();
+         std::this_thread::sleep_for(10ms))
       if (std::chrono::steady_clock::now() > end) return false;
     return true;
   }
@@ -112,7 +119,8 @@ TEST(LogreadCli, CasesOfTheTable) {
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
-    const std::vector<std::string> c = Split(line, '|');  // name, files, options, exit, stdout, stderr
+    const std::vector<std::string> c =
+        Split(line, '|');  // name, files, options, exit, stdout, stderr
     SCOPED_TRACE("cases.txt:" + std::to_string(number) + ": " + c[0]);
     ASSERT_EQ(6u, c.size());
     Scratch dir;
@@ -121,14 +129,17 @@ TEST(LogreadCli, CasesOfTheTable) {
       const std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
       const bool stdin = entry.rfind("stdin=", 0) == 0;
       args += (stdin ? " - <" : " ") + name;
-      if (entry != "missing") Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
+      if (entry != "missing")
+        Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
     }
     std::string expected = c[4] == "=input" ? input : "";
-    for (const auto& name : Split(c[4], '+')) expected += c[4] == "-" || c[4] == "=input" ? "" : Read(kData / name);
+    for (const auto& name : Split(c[4], '+'))
+      expected += c[4] == "-" || c[4] == "=input" ? "" : Read(kData / name);
     const Tool tool(dir.path, args);
     EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << tool.err();
     EXPECT_TRUE(tool.out() == expected) << "stdout differs:\n" << tool.out();
-    EXPECT_TRUE(c[5].empty() ? tool.err().empty() : tool.err().find(c[5]) != std::string::npos) << tool.err();
+    EXPECT_TRUE(c[5].empty() ? tool.err().empty() : tool.err().find(c[5]) != std::string::npos)
+        << tool.err();
   }
 }
 
@@ -138,18 +149,21 @@ TEST(LogreadCli, LargeFileDecodesCompletely) {
   Scratch dir;
   std::string text, frames;
   for (int i = 0; text.size() < (1u << 20); ++i) {
-    const std::string record = "11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) " + std::string(i % 97, '.') + "\n";
+    const std::string record =
+        "11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) " + std::string(i % 97, '.') + "\n";
     text += record;
     frames += Frame(record);
   }
   Write(dir.path / "big.logdat", frames);
   const Tool tool(dir.path, "big.logdat");
   EXPECT_EQ(0, tool.code) << tool.err();
-  EXPECT_TRUE(tool.out() == text) << "decoded " << tool.out().size() << " of " << text.size() << " bytes";
+  EXPECT_TRUE(tool.out() == text) << "decoded " << tool.out().size() << " of " << text.size()
+                                  << " bytes";
 }
 
 std::string Record(int n) {
-  return "11-14 09:05:07:" + std::to_string(100 + n) + " : [INF][04242] Bridge.cpp(57) record " + std::to_string(n) + "\n";
+  return "11-14 09:05:07:" + std::to_string(100 + n) + " : [INF][04242] Bridge.cpp(57) record " +
+         std::to_string(n) + "\n";
 }
 
 TEST(LogreadFollow, TornDeletedReplacedShortenedAndCorruptFiles) {
@@ -172,7 +186,8 @@ TEST(LogreadFollow, TornDeletedReplacedShortenedAndCorruptFiles) {
   ASSERT_TRUE(tool.Err("file was deleted"));
   Write(log, Frame(Record(4)));
   ASSERT_TRUE(tool.Out(Record(4)));
-  EXPECT_TRUE(tool.Err("created again; reading it from the beginning (6 bytes of an unfinished frame dropped)"));
+  EXPECT_TRUE(tool.Err(
+      "created again; reading it from the beginning (6 bytes of an unfinished frame dropped)"));
   // Replaced in one step (rename over it), then shortened in place.
   Write(dir.path / "next", Frame(Record(5)));
   fs::rename(dir.path / "next", log);
@@ -196,8 +211,11 @@ TEST(LogreadFollow, TornDeletedReplacedShortenedAndCorruptFiles) {
 // other file's records cannot land in the middle of it.
 TEST(LogreadFollow, PlainAndFramedLogsTogetherPrintWholeLinesTaggedWithTheirFile) {
   Scratch dir;
-  const fs::path plain = dir.path / "QXAttentionPlugin.log", framed = dir.path / "QXAttentionPlugin.log.logdat";
-  const auto tagged = [](const fs::path& file, int n) { return file.filename().string() + ": " + Record(n); };
+  const fs::path plain = dir.path / "QXAttentionPlugin.log",
+                 framed = dir.path / "QXAttentionPlugin.log.logdat";
+  const auto tagged = [](const fs::path& file, int n) {
+    return file.filename().string() + ": " + Record(n);
+  };
   Write(plain, Record(1));
   Write(framed, Frame(Record(2)));
   const Tool tool(dir.path, "-q -f QXAttentionPlugin.log QXAttentionPlugin.log.logdat", true);

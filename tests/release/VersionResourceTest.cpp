@@ -17,15 +17,18 @@ namespace {
 std::wstring g_folder;
 
 TEST(VersionResource, NamesTheProductVersionAndMaker) {
-  const std::pair<std::wstring, DWORD> shipped[] = {
-      {L"QXAttentionPlugin.dll", VFT_DLL}, {L"qxhost.exe", VFT_APP}, {L"fusion-sim.exe", VFT_APP}, {L"logread.exe", VFT_APP}};
+  const std::pair<std::wstring, DWORD> shipped[] = {{L"QXAttentionPlugin.dll", VFT_DLL},
+                                                    {L"qxhost.exe", VFT_APP},
+                                                    {L"fusion-sim.exe", VFT_APP},
+                                                    {L"logread.exe", VFT_APP}};
   unsigned major = 0, minor = 0, patch = 0;
   ASSERT_EQ(3, std::sscanf(QX_EXPECTED_VERSION, "%u.%u.%u", &major, &minor, &patch));
   for (const auto& [file, type] : shipped) {
     SCOPED_TRACE(testing::PrintToString(file));
     std::vector<char> data(GetFileVersionInfoSizeW((g_folder + file).c_str(), nullptr));
     ASSERT_FALSE(data.empty()) << "no version resource, error " << GetLastError();
-    ASSERT_TRUE(GetFileVersionInfoW((g_folder + file).c_str(), 0, static_cast<DWORD>(data.size()), data.data()));
+    ASSERT_TRUE(GetFileVersionInfoW((g_folder + file).c_str(), 0, static_cast<DWORD>(data.size()),
+                                    data.data()));
     const auto query = [&](const std::wstring& key) {
       void* value = nullptr;
       UINT length = 0;
@@ -43,7 +46,8 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
     EXPECT_EQ(L"" QX_EXPECTED_VERSION, text(L"ProductVersion"));
     EXPECT_EQ(file, text(L"OriginalFilename"));
     EXPECT_NE(L"<missing>", text(L"FileDescription"));
-    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST")) << "the test variant's description";
+    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"))
+        << "the test variant's description";
     const auto* translation = static_cast<const WORD*>(query(L"\\VarFileInfo\\Translation"));
     ASSERT_NE(nullptr, translation);
     EXPECT_EQ(0x0409, translation[0]);
@@ -52,7 +56,8 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
     const auto* fixed = static_cast<const VS_FIXEDFILEINFO*>(query(L"\\"));
     ASSERT_NE(nullptr, fixed);
     EXPECT_EQ(0xFEEF04BDu, fixed->dwSignature);
-    for (DWORD ms : {fixed->dwFileVersionMS, fixed->dwProductVersionMS}) EXPECT_EQ((major << 16) | minor, ms);
+    for (DWORD ms : {fixed->dwFileVersionMS, fixed->dwProductVersionMS})
+      EXPECT_EQ((major << 16) | minor, ms);
     for (DWORD ls : {fixed->dwFileVersionLS, fixed->dwProductVersionLS}) EXPECT_EQ(patch << 16, ls);
     EXPECT_EQ(type, fixed->dwFileType);
     EXPECT_EQ(static_cast<DWORD>(VOS_NT_WINDOWS32), fixed->dwFileOS);
@@ -66,7 +71,8 @@ int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   wchar_t self[MAX_PATH] = {};
   const std::wstring exe(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
-  g_folder = argc > 1 ? std::wstring(argv[1], argv[1] + std::strlen(argv[1])) + L"\\" : exe.substr(0, exe.find_last_of(L"\\/") + 1);
+  g_folder = argc > 1 ? std::wstring(argv[1], argv[1] + std::strlen(argv[1])) + L"\\"
+                      : exe.substr(0, exe.find_last_of(L"\\/") + 1);
   std::printf("version resources in %ls\n", g_folder.c_str());
   return RUN_ALL_TESTS();
 }

@@ -20,7 +20,8 @@ __declspec(dllimport) void __stdcall ExitProcess(unsigned int code);
 __declspec(dllimport) const char *__stdcall GetCommandLineA(void);
 __declspec(dllimport) void *__stdcall LoadLibraryA(const char *name);
 __declspec(dllimport) proc __stdcall GetProcAddress(void *module, const char *name);
-__declspec(dllimport) unsigned long __stdcall GetModuleFileNameA(void *module, char *path, unsigned long size);
+__declspec(dllimport) unsigned long __stdcall GetModuleFileNameA(void *module, char *path,
+                                                                 unsigned long size);
 
 static qx_plugin_new_fn plugin_new;
 static qx_plugin_init_fn plugin_init;
@@ -58,8 +59,8 @@ static void expect(const char *action, const char *params, const char *expected)
   plugin_delete(result);
 }
 
-static int on_host_callback(const char *kind, const char *name, const char *json, qx_uintptr_t reserved,
-                            qx_int32_t flags) {
+static int on_host_callback(const char *kind, const char *name, const char *json,
+                            qx_uintptr_t reserved, qx_int32_t flags) {
   (void)kind, (void)name, (void)json, (void)reserved, (void)flags;
   return 0;
 }
@@ -101,7 +102,8 @@ static int run(void) {
   plugin_action = (qx_plugin_action_fn)GetProcAddress(module, "qx_plugin_action");
   plugin_delete = (qx_plugin_delete_fn)GetProcAddress(module, "qx_plugin_delete");
 #endif
-  if (!plugin_new || !plugin_init || !plugin_action || !plugin_delete || !GetModuleFileNameA(module, path, 260))
+  if (!plugin_new || !plugin_init || !plugin_action || !plugin_delete ||
+      !GetModuleFileNameA(module, path, 260))
     return say("FAIL the plug-in or an export is missing\n", ""), 1;
   say("plug-in ", path);
   say("\n", "");

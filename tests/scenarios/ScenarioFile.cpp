@@ -9,10 +9,20 @@
 namespace scenario {
 namespace {
 
-const std::set<std::string> kSteps = {"config", "service", "write", "delete", "host", "qx_plugin_init",
-                                      "qx_plugin_new", "action", "action-in-thread", "join", "storm", "sim", "wait"};
-const std::set<std::string> kExpectations = {"result", "log", "rpc", "callback", "stdout", "sensorlog",
-                                             "reg", "service-state", "within", "no-extra-threads",
+const std::set<std::string> kSteps = {
+    "config",         "service",       "write",  "delete",           "host",
+    "qx_plugin_init", "qx_plugin_new", "action", "action-in-thread", "join",
+    "storm",          "sim",           "wait"};
+const std::set<std::string> kExpectations = {"result",
+                                             "log",
+                                             "rpc",
+                                             "callback",
+                                             "stdout",
+                                             "sensorlog",
+                                             "reg",
+                                             "service-state",
+                                             "within",
+                                             "no-extra-threads",
                                              "callbacks-match-fetches"};
 
 // Reads the text of a backtick token starting at line[at]; leaves `at` after it.
@@ -25,10 +35,19 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
       continue;
     }
     switch (c = line[++at]) {
-      case 'n': *text += '\n'; break;
-      case 't': *text += '\t'; break;
-      case 'r': *text += '\r'; break;
-      case 'x': *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16)), at += 2; break;
+      case 'n':
+        *text += '\n';
+        break;
+      case 't':
+        *text += '\t';
+        break;
+      case 'r':
+        *text += '\r';
+        break;
+      case 'x':
+        *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16)),
+            at += 2;
+        break;
       case '*': {  // "\*5000[": 5000 times "["
         char* end = nullptr;
         const long count = std::strtol(line.c_str() + at + 1, &end, 10);
@@ -36,7 +55,8 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
         if (at < line.size()) text->append(static_cast<std::size_t>(count), line[at]);
         break;
       }
-      default: *text += c;
+      default:
+        *text += c;
     }
   }
   return false;
@@ -98,7 +118,8 @@ bool LineMatches(Tokens e, Tokens a) {
   return true;
 }
 
-bool MatchFrom(const std::vector<Tokens>& e, std::size_t i, const std::vector<Tokens>& a, std::size_t j) {
+bool MatchFrom(const std::vector<Tokens>& e, std::size_t i, const std::vector<Tokens>& a,
+               std::size_t j) {
   if (i == e.size()) return j == a.size();
   if (e[i].size() == 2 && e[i][1] == "...")
     return MatchFrom(e, i + 1, a, j) || (j < a.size() && MatchFrom(e, i, a, j + 1));
@@ -112,7 +133,12 @@ std::string Quote(const std::string& text) {
   char hex[8];
   for (const unsigned char c : text) {
     const bool control = c < 0x20 || c == 0x7f;
-    std::snprintf(hex, sizeof(hex), c == '\n' ? "\\n" : c == '\\' || c == '`' ? "\\%c" : control ? "\\x%02x" : "%c", c);
+    std::snprintf(hex, sizeof(hex),
+                  c == '\n'               ? "\\n"
+                  : c == '\\' || c == '`' ? "\\%c"
+                  : control               ? "\\x%02x"
+                                          : "%c",
+                  c);
     out += hex;
   }
   return out + "`";
@@ -151,7 +177,8 @@ std::vector<Scenario> Parse(const std::string& text, std::string* error) {
     } else if (!out.empty() && !out.back().steps.empty() && kExpectations.count(word)) {
       out.back().steps.back().expect.push_back(line);
     } else {
-      *error = "line " + std::to_string(number) + ": " + (closed ? "unknown line: " : "a text not closed: ") + raw;
+      *error = "line " + std::to_string(number) + ": " +
+               (closed ? "unknown line: " : "a text not closed: ") + raw;
       return {};
     }
   }

@@ -29,14 +29,21 @@ using namespace testsupport;
 namespace {
 
 constexpr wchar_t kKey[] = L"SOFTWARE\\Vantoq\\Quillomatic";
-const char* const kProcedures[kFusionSimOpnums] = {"Setting",     "GetSensorData",  "SetSensorParam", "StartSensor",
-                                                   "GetSensorStatus", "UnInit", "GetSensorParam"};
+const char* const kProcedures[kFusionSimOpnums] = {
+    "Setting",         "GetSensorData", "SetSensorParam", "StartSensor",
+    "GetSensorStatus", "UnInit",        "GetSensorParam"};
 char* const kPoison = reinterpret_cast<char*>(static_cast<std::uintptr_t>(0xdeadbeef));
 
-std::wstring PluginLog() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat"; }
+std::wstring PluginLog() {
+  return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
+}
 std::wstring ConfigFolder() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\config"; }
-std::wstring SensorLibLog() { return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"; }
-HKEY Hive(const std::string& name) { return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER; }
+std::wstring SensorLibLog() {
+  return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
+}
+HKEY Hive(const std::string& name) {
+  return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+}
 long long Number(const std::string& token) { return std::strtoll(token.c_str(), nullptr, 0); }
 int Procedure(const std::string& name) {  // -1: "all"
   const auto op = std::find(kProcedures, kProcedures + kFusionSimOpnums, name) - kProcedures;
@@ -56,12 +63,14 @@ DWORD ThreadCount() {
 // The simulator as the stopped or running service (installed with `args`), as a
 // console process (`fusion-sim run args`) with the service removed, or absent.
 bool SetService(const std::string& mode, const std::wstring& args) {
-  if (FusionSimServiceState() != 0 && FusionSimServiceState() != SERVICE_STOPPED) FusionSimStopService();
+  if (FusionSimServiceState() != 0 && FusionSimServiceState() != SERVICE_STOPPED)
+    FusionSimStopService();
   if (FusionSimWaitReady(0)) FusionSimQuit(10000);  // a console simulator
   // A new simulator needs the shared block of the old one gone with its process.
   for (int i = 0; i < 400 && FusionSimWaitReady(0); ++i) Sleep(25);
   const bool installed = mode == "stopped" || mode == "running";
-  if (!(installed ? FusionSimInstallService(L"--quiet " + args) : FusionSimUninstallService())) return false;
+  if (!(installed ? FusionSimInstallService(L"--quiet " + args) : FusionSimUninstallService()))
+    return false;
   if (mode == "running") return FusionSimStartService();
   if (mode == "console") return FusionSimLaunch(args, 15000, nullptr);
   return installed || mode == "absent";
@@ -84,13 +93,15 @@ int OnHostCallback(const char* kind, const char* name, const char* json, std::ui
                    std::int32_t flags) {
   auto text = [](const char* s) { return s ? Quote(s) : std::string("null"); };
   std::lock_guard<std::mutex> lock(g_lock);
-  g_callbacks.push_back({"callback", GetCurrentThreadId() == g_hostThread ? "host-thread" : "event-thread", text(kind),
-                         text(name), text(json), std::to_string(reserved), std::to_string(flags)});
+  g_callbacks.push_back(
+      {"callback", GetCurrentThreadId() == g_hostThread ? "host-thread" : "event-thread",
+       text(kind), text(name), text(json), std::to_string(reserved), std::to_string(flags)});
   return 0x7777;  // not looked at by the plug-in
 }
 std::vector<Tokens> CallbacksSince(std::size_t mark) {
   std::lock_guard<std::mutex> lock(g_lock);
-  return std::vector<Tokens>(g_callbacks.begin() + static_cast<std::ptrdiff_t>(mark), g_callbacks.end());
+  return std::vector<Tokens>(g_callbacks.begin() + static_cast<std::ptrdiff_t>(mark),
+                             g_callbacks.end());
 }
 std::size_t CallbackCount() { return CallbacksSince(0).size(); }
 
@@ -104,7 +115,8 @@ Tokens RunAction(const Tokens& t) {
   } catch (const std::exception& e) {
     return {"result", "throws", Quote(e.what())};
   }
-  if (result == kPoison || !result) return {"result", std::to_string(rc), result ? "no-result" : "null"};
+  if (result == kPoison || !result)
+    return {"result", std::to_string(rc), result ? "no-result" : "null"};
   Tokens out = {"result", std::to_string(rc), Quote(result)};
   g_delete(result);
   return out;
@@ -120,7 +132,9 @@ struct Session {
   DWORD threadsAtHost = 0;
   // Where the current step's window starts.
   std::size_t logMark = 0, stdoutMark = 0, sensorMark = 0, callbackMark = 0;
-  void Fail(int line, const std::string& what) { failures.push_back("line " + std::to_string(line) + ": " + what); }
+  void Fail(int line, const std::string& what) {
+    failures.push_back("line " + std::to_string(line) + ": " + what);
+  }
 };
 
 std::vector<Tokens> LogSince(std::size_t mark) {
@@ -135,7 +149,8 @@ std::vector<Tokens> LogSince(std::size_t mark) {
     // "MM-DD hh:mm:ss:mmm : [INF][00036] Source(line) text\n"
     int h = 0, m = 0, sec = 0, ms = 0, at = 0;
     char level[8] = {};
-    std::sscanf(f.text.c_str(), "%*d-%*d %d:%d:%d:%d : [%7[A-Z]][%*d] %n", &h, &m, &sec, &ms, level, &at);
+    std::sscanf(f.text.c_str(), "%*d-%*d %d:%d:%d:%d : [%7[A-Z]][%*d] %n", &h, &m, &sec, &ms, level,
+                &at);
     const std::size_t place = f.text.find(") ", at);
     if (!at || place == std::string::npos) {
       out.push_back({"log", "unreadable", Quote(f.text)});
@@ -145,8 +160,8 @@ std::vector<Tokens> LogSince(std::size_t mark) {
     Tokens t = {"log"};
     if (last >= 0 && now - last >= 50) t.push_back("+" + std::to_string(now - last));
     last = now;
-    t.insert(t.end(),
-             {level, f.text.substr(at, place + 1 - at), Quote(f.text.substr(place + 2, f.text.size() - place - 3))});
+    t.insert(t.end(), {level, f.text.substr(at, place + 1 - at),
+                       Quote(f.text.substr(place + 2, f.text.size() - place - 3))});
     out.push_back(t);
   }
   return out;
@@ -157,8 +172,10 @@ std::vector<Tokens> SimCalls() {
   std::vector<Tokens> out;
   FusionSimReadCalls(&calls);
   for (const FusionSimCall& c : calls) {
-    Tokens t = {"rpc", c.opnum >= 0 && c.opnum < kFusionSimOpnums ? kProcedures[c.opnum] : std::to_string(c.opnum),
-                std::to_string(c.arg0), std::to_string(c.arg1)};
+    Tokens t = {
+        "rpc",
+        c.opnum >= 0 && c.opnum < kFusionSimOpnums ? kProcedures[c.opnum] : std::to_string(c.opnum),
+        std::to_string(c.arg0), std::to_string(c.arg1)};
     char hex[2 * kFusionSimMaxBytes + 16] = {};
     for (std::uint32_t i = 0; i < c.dataLen && i < kFusionSimMaxBytes; ++i)
       std::sprintf(hex + 2 * i, "%02x", c.data[i]);
@@ -173,16 +190,18 @@ std::vector<Tokens> SimCalls() {
 std::vector<Tokens> StdoutSince(const Session& s) {
   const std::string text = ReadFileBytes(s.stdoutPath);
   std::vector<Tokens> out;
-  for (std::size_t at = std::min(s.stdoutMark, text.size()), end; (end = text.find('\n', at)) != std::string::npos;
-       at = end + 1)
-    out.push_back({"stdout", Quote(text.substr(at, end - at - (end > at && text[end - 1] == '\r')))});
+  for (std::size_t at = std::min(s.stdoutMark, text.size()), end;
+       (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+    out.push_back(
+        {"stdout", Quote(text.substr(at, end - at - (end > at && text[end - 1] == '\r')))});
   return out;
 }
 
 Tokens Registry(const std::string& hive, const std::string& name) {
   DWORD type = 0, value = 0, size = sizeof(value);
   Tokens t = {"reg", hive, name, "absent"};
-  if (RegGetValueW(Hive(hive), kKey, Widen(name).c_str(), RRF_RT_ANY, &type, &value, &size) == ERROR_SUCCESS)
+  if (RegGetValueW(Hive(hive), kKey, Widen(name).c_str(), RRF_RT_ANY, &type, &value, &size) ==
+      ERROR_SUCCESS)
     t.back() = std::to_string(value);
   if (t.back() != "absent" && type != REG_DWORD)
     t.push_back(type == REG_BINARY ? "binary" : "type" + std::to_string(type));
@@ -198,7 +217,8 @@ std::size_t ImpliedReports() {
   std::int64_t last = -1;
   for (const FusionSimCall& c : calls) {
     if (c.opnum != 1 || !c.answered || c.result != 0 || c.dataLen != 4) continue;
-    const std::int64_t record = c.data[0] | c.data[1] << 8 | c.data[2] << 16 | std::int64_t{c.data[3]} << 24;
+    const std::int64_t record =
+        c.data[0] | c.data[1] << 8 | c.data[2] << 16 | std::int64_t{c.data[3]} << 24;
     reports += record == 0 && last != 0;
     last = record;
   }
@@ -213,17 +233,21 @@ std::size_t ImpliedReports() {
 Tokens Storm(int rounds) {
   std::atomic<bool> done{false}, pause{false}, paused{false};
   std::thread events([&] {
-    std::vector<FusionSimCall> calls;  // the check needs the record whole: it ends before it fills up
-    for (int i = 0; !done && !(i % 256 == 0 && FusionSimReadCalls(&calls) && calls.size() > 3000); ++i)
+    std::vector<FusionSimCall>
+        calls;  // the check needs the record whole: it ends before it fills up
+    for (int i = 0; !done && !(i % 256 == 0 && FusionSimReadCalls(&calls) && calls.size() > 3000);
+         ++i)
       if ((paused = pause.load()) || !FusionSimSetAttention(i % 2, true)) Sleep(1);
     paused = true;
   });
   int unexpected = 0;
   auto act = [&](const char* name, const char* member, int value, int delay, int status) {
-    const std::string params = "{\"F4010\":{\"" + std::string(member) + "\":" + std::to_string(value) + "}}";
+    const std::string params =
+        "{\"F4010\":{\"" + std::string(member) + "\":" + std::to_string(value) + "}}";
     const std::string answer = "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
                                ",\"status\":" + std::to_string(status) + "}\n";
-    unexpected += RunAction({"action", name, Quote(params)}) != Tokens{"result", "0", Quote(answer)};
+    unexpected +=
+        RunAction({"action", name, Quote(params)}) != Tokens{"result", "0", Quote(answer)};
   };
   for (int i = 0; i < rounds; ++i) {
     const int delay = 10 + (i * 7) % 51;
@@ -244,11 +268,14 @@ Tokens Storm(int rounds) {
 bool Sim(const Tokens& t) {
   auto arg = [&](std::size_t i) { return i < t.size() ? t[i] : std::string(); };
   const std::string what = arg(1);
-  if (what == "look-away" || what == "look-back") return FusionSimSetAttention(what == "look-back", true);
+  if (what == "look-away" || what == "look-back")
+    return FusionSimSetAttention(what == "look-back", true);
   if (what == "unforce") return FusionSimClearForced(Procedure(arg(2)));
-  if (what == "reply-delay") return FusionSimSetReplyDelay(static_cast<std::uint32_t>(Number(arg(2))));
+  if (what == "reply-delay")
+    return FusionSimSetReplyDelay(static_cast<std::uint32_t>(Number(arg(2))));
   if (what == "hold") return FusionSimHoldReplies(arg(2) == "on");
-  if (what == "wait-calls") return FusionSimWaitCalls(static_cast<std::uint32_t>(Number(arg(2))), 10000);
+  if (what == "wait-calls")
+    return FusionSimWaitCalls(static_cast<std::uint32_t>(Number(arg(2))), 10000);
   if (what == "force") {
     const int op = Procedure(arg(2));
     if (arg(4) == "once") {
@@ -265,7 +292,9 @@ bool Sim(const Tokens& t) {
   }
   if (what == "kill") {
     FusionSimModel model = {};
-    HANDLE p = FusionSimGetModel(&model) ? OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, model.pid) : nullptr;
+    HANDLE p = FusionSimGetModel(&model)
+                   ? OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, model.pid)
+                   : nullptr;
     const bool ok = p && TerminateProcess(p, 9) && WaitForSingleObject(p, 10000) == WAIT_OBJECT_0;
     if (p) CloseHandle(p);
     return ok;
@@ -280,37 +309,46 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
   if (w == "config") {
     const std::wstring ini = ConfigFolder() + L"\\config.ini";
     SHCreateDirectoryExW(nullptr, ConfigFolder().c_str(), nullptr);
-    WritePrivateProfileStringW(L"config", Widen(arg(1)).c_str(), Widen(arg(2)).c_str(), ini.c_str());
-    WritePrivateProfileStringW(nullptr, nullptr, nullptr, ini.c_str());  // flushes the profile cache
+    WritePrivateProfileStringW(L"config", Widen(arg(1)).c_str(), Widen(arg(2)).c_str(),
+                               ini.c_str());
+    WritePrivateProfileStringW(nullptr, nullptr, nullptr,
+                               ini.c_str());  // flushes the profile cache
   } else if (w == "service") {
     std::wstring args;
     for (std::size_t i = 2; i < t.size(); ++i) args += Widen(arg(i)) + L" ";
     if (!SetService(arg(1), args)) return "the simulator could not be set up so";
   } else if (w == "write") {
     const DWORD value = static_cast<DWORD>(Number(arg(3)));
-    if (RegSetKeyValueW(Hive(arg(1)), kKey, Widen(arg(2)).c_str(), arg(4) == "binary" ? REG_BINARY : REG_DWORD,
-                        &value, sizeof(value)) != ERROR_SUCCESS)
+    if (RegSetKeyValueW(Hive(arg(1)), kKey, Widen(arg(2)).c_str(),
+                        arg(4) == "binary" ? REG_BINARY : REG_DWORD, &value,
+                        sizeof(value)) != ERROR_SUCCESS)
       return "the value could not be written";
   } else if (w == "delete") {
     RegDeleteKeyValueW(Hive(arg(1)), kKey, Widen(arg(2)).c_str());
   } else if (w == "host") {
     HMODULE dll = LoadLibraryW((ExeDir() + (arg(1) == "shipped" ? L"QXAttentionPlugin.dll"
-                                                                 : L"QXAttentionPlugin-noauth.dll")).c_str());
-    auto get = [dll](const char* name) { return reinterpret_cast<void*>(GetProcAddress(dll, name)); };
+                                                                : L"QXAttentionPlugin-noauth.dll"))
+                                   .c_str());
+    auto get = [dll](const char* name) {
+      return reinterpret_cast<void*>(GetProcAddress(dll, name));
+    };
     g_new = reinterpret_cast<decltype(g_new)>(get("qx_plugin_new"));
     g_init = reinterpret_cast<decltype(g_init)>(get("qx_plugin_init"));
     g_action = reinterpret_cast<decltype(g_action)>(get("qx_plugin_action"));
     g_delete = reinterpret_cast<decltype(g_delete)>(get("qx_plugin_delete"));
-    if (!dll || !g_new || !g_init || !g_action || !g_delete) return "the DLL or one of its exports is missing";
+    if (!dll || !g_new || !g_init || !g_action || !g_delete)
+      return "the DLL or one of its exports is missing";
     g_hostThread = GetCurrentThreadId();
     s.threadsAtHost = ThreadCount();
   } else if (w == "qx_plugin_init") {
-    *result = {"result", std::to_string(g_init(nullptr, arg(1) == "no-callback" ? nullptr : OnHostCallback))};
+    *result = {"result",
+               std::to_string(g_init(nullptr, arg(1) == "no-callback" ? nullptr : OnHostCallback))};
   } else if (w == "qx_plugin_new") {
     void* block = g_new(static_cast<int>(Number(arg(1))));
     const bool again = std::find(s.blocks.begin(), s.blocks.end(), block) != s.blocks.end();
     *result = {"result", !block ? "null" : again ? "reused" : "new"};
-    if (block && !again) std::memset(block, 0x5a, static_cast<std::size_t>(Number(arg(1)))), s.blocks.push_back(block);
+    if (block && !again)
+      std::memset(block, 0x5a, static_cast<std::size_t>(Number(arg(1)))), s.blocks.push_back(block);
   } else if (w == "action") {
     *result = RunAction(t);
   } else if (w == "action-in-thread") {
@@ -350,12 +388,18 @@ void Settle(Session& s, const Step& step) {
     callbacks += e.tokens[0] == "callback" && e.tokens.size() > 2;
     lines += e.tokens[0] == "stdout" && e.tokens[1] != "none" && e.tokens[1] != "...";
   }
-  for (int i = 0; i < 500 && (CallbackCount() - s.callbackMark < callbacks || StdoutSince(s).size() < lines); ++i)
+  for (int i = 0;
+       i < 500 && (CallbackCount() - s.callbackMark < callbacks || StdoutSince(s).size() < lines);
+       ++i)
     Sleep(20);
   const std::string& w = step.line.tokens[0];
   if (w != "sim" && w != "wait" && w != "join" && w != "storm") return;
-  for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15; ++i, Sleep(20), before = now)
-    quiet = (now = ReadFileBytes(PluginLog()).size() + SimCalls().size() + CallbackCount()) == before ? quiet + 1 : 0;
+  for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15;
+       ++i, Sleep(20), before = now)
+    quiet =
+        (now = ReadFileBytes(PluginLog()).size() + SimCalls().size() + CallbackCount()) == before
+            ? quiet + 1
+            : 0;
 }
 
 std::string Dump(const std::vector<Tokens>& lines, std::string out = "") {
@@ -383,32 +427,41 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
       check(e, Registry(t[1], t[2]));
     } else if (w == "service-state") {
       const DWORD st = FusionSimServiceState();
-      check(e, {w, st == SERVICE_RUNNING ? "running" : st == SERVICE_STOPPED ? "stopped" : st ? "other" : "absent"});
+      check(e, {w, st == SERVICE_RUNNING   ? "running"
+                   : st == SERVICE_STOPPED ? "stopped"
+                   : st                    ? "other"
+                                           : "absent"});
     } else if (w == "within" && elapsedMs >= Number(t[1])) {
       s.Fail(e.number, "the step took " + std::to_string(elapsedMs) + " ms");
-    } else if (w == "sensorlog" && (sensorAt = sensor.find(Unquote(t[1]), sensorAt)) == std::string::npos) {
-      s.Fail(e.number, "not in what SensorLibLog.log got:\n" + sensor.substr(std::min(s.sensorMark, sensor.size())));
+    } else if (w == "sensorlog" &&
+               (sensorAt = sensor.find(Unquote(t[1]), sensorAt)) == std::string::npos) {
+      s.Fail(e.number, "not in what SensorLibLog.log got:\n" +
+                           sensor.substr(std::min(s.sensorMark, sensor.size())));
     } else if (w == "no-extra-threads") {
       for (int i = 0; i < 50 && ThreadCount() > s.threadsAtHost; ++i) Sleep(100);
       if (ThreadCount() > s.threadsAtHost)
-        s.Fail(e.number, std::to_string(ThreadCount()) + " threads, " + std::to_string(s.threadsAtHost) + " at first");
-    } else if (w == "callbacks-match-fetches" && (CallbackCount() - s.callbackMark != ImpliedReports() ||
-                                                    !ImpliedReports())) {
+        s.Fail(e.number, std::to_string(ThreadCount()) + " threads, " +
+                             std::to_string(s.threadsAtHost) + " at first");
+    } else if (w == "callbacks-match-fetches" &&
+               (CallbackCount() - s.callbackMark != ImpliedReports() || !ImpliedReports())) {
       s.Fail(e.number, std::to_string(CallbackCount() - s.callbackMark) + " callbacks for " +
-                           std::to_string(ImpliedReports()) + " changes to 0 among the fetched records");
+                           std::to_string(ImpliedReports()) +
+                           " changes to 0 among the fetched records");
     }
   }
   for (const auto& [what, expected] : lists) {
-    const std::vector<Tokens> actual = what == "log"   ? LogSince(s.logMark)
-                                       : what == "rpc" ? SimCalls()
+    const std::vector<Tokens> actual = what == "log"      ? LogSince(s.logMark)
+                                       : what == "rpc"    ? SimCalls()
                                        : what == "stdout" ? StdoutSince(s)
                                                           : CallbacksSince(s.callbackMark);
     if (!Matches(expected, actual))
-      s.Fail(step.line.number, what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));
+      s.Fail(step.line.number,
+             what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));
   }
 }
 
-int RunSession(const std::string& file, const std::string& name, int index, const std::wstring& stdoutPath) {
+int RunSession(const std::string& file, const std::string& name, int index,
+               const std::wstring& stdoutPath) {
   std::string error;
   Session s;
   s.stdoutPath = stdoutPath;
@@ -434,7 +487,8 @@ int RunSession(const std::string& file, const std::string& name, int index, cons
       Judge(s, step, result, elapsed);
     }
   }
-  if (!steps) s.Fail(0, "no steps for session " + std::to_string(index) + " of " + name + " " + error);
+  if (!steps)
+    s.Fail(0, "no steps for session " + std::to_string(index) + " of " + name + " " + error);
   if (s.worker.joinable()) s.worker.detach();  // still in the plug-in: ends with the process
   for (void* block : s.blocks) g_delete(block);
   if (g_delete) g_delete(nullptr);
@@ -450,7 +504,8 @@ int RunSession(const std::string& file, const std::string& name, int index, cons
 // The GoogleTest side.
 
 void Reset() {
-  EXPECT_TRUE(SetService("stopped", L"")) << "the simulator could not be installed as the stopped service";
+  EXPECT_TRUE(SetService("stopped", L""))
+      << "the simulator could not be installed as the stopped service";
   for (HKEY hive : {HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE})
     for (const wchar_t* name : {L"attention_state", L"attention_delay", L"attention__ability"})
       RegDeleteKeyValueW(hive, kKey, name);
@@ -466,14 +521,17 @@ class ScenarioCase : public testing::Test {
     Reset();
     const std::wstring dir = TempDir(L"scenario");
     for (int i = 0; i < sessions_ && !HasFailure(); ++i) {
-      const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n, report = dir + L"\\report" + n;
+      const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n,
+                         report = dir + L"\\report" + n;
       const std::wstring command = L"\"" + ExeDir() + L"scenario_runner.exe\" --session \"" +
-                                   Widen(file_) + L"\" " + Widen(name_) + L" " + n + L" \"" + out + L"\"";
+                                   Widen(file_) + L"\" " + Widen(name_) + L" " + n + L" \"" + out +
+                                   L"\"";
       const int code = WaitChild(StartProcess(command, out, report), 300000);
       const std::string text = ReadFileBytes(report);
       if (code != 0 || text.find("session passed") == std::string::npos)
-        ADD_FAILURE() << "session " << i + 1 << " of " << sessions_ << (code == -1 ? " (killed after 300 s)" : "")
-                      << ":\n" << text;
+        ADD_FAILURE() << "session " << i + 1 << " of " << sessions_
+                      << (code == -1 ? " (killed after 300 s)" : "") << ":\n"
+                      << text;
     }
     Reset();
   }
@@ -504,7 +562,8 @@ int main(int argc, char** argv) {
   const std::size_t slash = path.rfind('\\') + 1;
   const std::string suite = path.substr(slash, path.rfind('.') - slash);
   for (const Scenario& s : scenarios)
-    testing::RegisterTest(suite.c_str(), s.name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
-                          [=]() -> testing::Test* { return new ScenarioCase(path, s.name, s.sessions); });
+    testing::RegisterTest(
+        suite.c_str(), s.name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
+        [=]() -> testing::Test* { return new ScenarioCase(path, s.name, s.sessions); });
   return RUN_ALL_TESTS();
 }

@@ -29,8 +29,8 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
 
 // Runs a tool beside this program; its exit code (-1: not ended in time).
 int RunTool(const std::wstring& dir, const std::string& tool, const std::wstring& arguments) {
-  return WaitChild(StartProcess(L"\"" + ExeDir() + Widen(tool) + L".exe\" " + arguments, dir + L"\\out.txt",
-                                dir + L"\\err.txt"),
+  return WaitChild(StartProcess(L"\"" + ExeDir() + Widen(tool) + L".exe\" " + arguments,
+                                dir + L"\\out.txt", dir + L"\\err.txt"),
                    30000);
 }
 
@@ -50,14 +50,16 @@ TEST(ToolCli, ExitCodesAndOutput) {
     for (int stream : {3, 4}) {
       const std::string output = ReadFileBytes(dir + (stream == 3 ? L"\\out.txt" : L"\\err.txt"));
       for (const std::string& part : Split(c[stream], "&&"))
-        EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos) << part << " in:\n"
-                                                                                                   << output;
+        EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos)
+            << part << " in:\n"
+            << output;
     }
   }
 }
 
-const std::string kRecords[] = {"11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) get_ability\n",
-                                "11-14 09:05:07:043 : [INF][04242] Bridge.cpp(58) Grüße 注意力 😀\n"};
+const std::string kRecords[] = {
+    "11-14 09:05:07:042 : [INF][04242] Bridge.cpp(57) get_ability\n",
+    "11-14 09:05:07:043 : [INF][04242] Bridge.cpp(58) Grüße 注意力 😀\n"};
 
 TEST(LogreadWindows, DecodesToBinaryStdoutFromANonAsciiPath) {
   const std::wstring dir = TempDir(L"logread-name"), log = dir + L"\\Протокол ü.log.logdat";
@@ -80,14 +82,15 @@ bool Until(const std::function<bool()>& done) {
 }
 
 TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
-  const std::wstring dir = TempDir(L"logread-follow"), log = dir + L"\\QXAttentionPlugin.log.logdat";
+  const std::wstring dir = TempDir(L"logread-follow"),
+                     log = dir + L"\\QXAttentionPlugin.log.logdat";
   const auto gone = [&] { return !FileExists(log); };
   const auto printed = [&](const std::string& text) {
     return Until([&] { return ReadFileBytes(dir + L"\\out.txt").find(text) != std::string::npos; });
   };
   WriteFileBytes(log, logframe::EncodeFrame(kRecords[0]));
-  HANDLE tool = StartProcess(L"\"" + ExeDir() + L"logread.exe\" -f \"" + log + L"\"", dir + L"\\out.txt",
-                             dir + L"\\err.txt");
+  HANDLE tool = StartProcess(L"\"" + ExeDir() + L"logread.exe\" -f \"" + log + L"\"",
+                             dir + L"\\out.txt", dir + L"\\err.txt");
   const std::unique_ptr<void, int (*)(HANDLE)> end(tool, [](HANDLE h) { return WaitChild(h, 0); });
   ASSERT_TRUE(printed(kRecords[0]));
   for (int round = 0; round <= 10; ++round, Sleep(37)) {  // catch the tool while it reads, too
@@ -98,7 +101,8 @@ TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
   Sleep(500);
   WriteFileBytes(log, logframe::EncodeFrame(kRecords[1]));
   EXPECT_TRUE(printed(kRecords[1])) << ReadFileBytes(dir + L"\\out.txt");
-  EXPECT_NE(std::string::npos, ReadFileBytes(dir + L"\\err.txt").find("reading it from the beginning"));
+  EXPECT_NE(std::string::npos,
+            ReadFileBytes(dir + L"\\err.txt").find("reading it from the beginning"));
 }
 
 }  // namespace

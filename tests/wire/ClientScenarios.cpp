@@ -30,12 +30,13 @@ namespace {
 constexpr wchar_t kPipe[] = L"Vantoq.SensorFusion.EndPoint_edc08f";
 constexpr wchar_t kAttentionEvent[] = L"Global\\Vantoq.SensorFusion.AttentionEVENT";
 constexpr char kBind[] =
-    "bind ctx 0: 7745c01b-9375-4881-9ab5-bbc087ec41f5 v1.0 [8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0]";
+    "bind ctx 0: 7745c01b-9375-4881-9ab5-bbc087ec41f5 v1.0 [8a885d04-1ceb-11c9-9fe8-08002b104860 "
+    "v2.0]";
 
 // A scenario: its lines by their first word ("step", "log", ...; "==" holds its name).
 using Scenario = std::map<std::string, std::vector<std::string>>;
-const std::set<std::string> kWords = {"==", "service", "step", "pipe", "call", "auth",
-                                      "log", "thread", "threads", "count", "unordered"};
+const std::set<std::string> kWords = {"==",  "service", "step",    "pipe",  "call",     "auth",
+                                      "log", "thread",  "threads", "count", "unordered"};
 
 std::vector<Scenario> Load(const std::string& path) {
   std::vector<Scenario> all;
@@ -80,13 +81,15 @@ HANDLE g_watched, g_spawned;  // the last waiting thread seen; a call on a threa
 void OnSensorData(void*, std::int32_t id, void* data) {
   g_sensor.text = data ? Hex(id) : std::to_string(id) + " null";
   if (data) std::memcpy(g_sensor.record, data, sizeof g_sensor.record);
-  g_sensor.eventThread = g_fusion.threadHandles[6] && GetThreadId(g_fusion.threadHandles[6]) == GetCurrentThreadId();
+  g_sensor.eventThread =
+      g_fusion.threadHandles[6] && GetThreadId(g_fusion.threadHandles[6]) == GetCurrentThreadId();
   SetEvent(g_sensor.done);
 }
 
-int OnHost(const char* kind, const char* name, const char* json, std::uintptr_t reserved, std::int32_t flags) {
-  g_host.text = Escaped(std::string(kind) + '|' + name + '|' + json + '|' + std::to_string(reserved) + '|' +
-                        std::to_string(flags));
+int OnHost(const char* kind, const char* name, const char* json, std::uintptr_t reserved,
+           std::int32_t flags) {
+  g_host.text = Escaped(std::string(kind) + '|' + name + '|' + json + '|' +
+                        std::to_string(reserved) + '|' + std::to_string(flags));
   SetEvent(g_host.done);
   return 0;
 }
@@ -104,7 +107,9 @@ std::string RunStep(const std::string& line) {
   in >> call;
   std::getline(in >> std::ws, arg);
   const std::string arg2 = arg.substr(std::min(arg.size(), arg.find(' ') + 1));
-  const auto number = [&](int base = 10) { return static_cast<std::int32_t>(std::stoul(arg, nullptr, base)); };
+  const auto number = [&](int base = 10) {
+    return static_cast<std::int32_t>(std::stoul(arg, nullptr, base));
+  };
   unsigned char out[64];
   std::memset(out, 0xcc, sizeof out);
   const auto u32 = reinterpret_cast<std::uint32_t*>(out);
@@ -129,20 +134,23 @@ std::string RunStep(const std::string& line) {
   if (call == "GetSensorData") return withOut(GetSensorData(number(), out));
   if (call == "state") {  // the mask; whether the last waiting thread seen ended; a thread now
     std::string text = Hex(g_fusion.FusionStatus);
-    if (g_watched) text += WaitForSingleObject(g_watched, 0) == WAIT_OBJECT_0 ? " ended" : " running";
+    if (g_watched)
+      text += WaitForSingleObject(g_watched, 0) == WAIT_OBJECT_0 ? " ended" : " running";
     if (g_watched) CloseHandle(g_watched), g_watched = nullptr;
     if (g_fusion.threadHandles[6])
-      DuplicateHandle(GetCurrentProcess(), g_fusion.threadHandles[6], GetCurrentProcess(), &g_watched, SYNCHRONIZE,
-                      FALSE, 0);
+      DuplicateHandle(GetCurrentProcess(), g_fusion.threadHandles[6], GetCurrentProcess(),
+                      &g_watched, SYNCHRONIZE, FALSE, 0);
     return text + (g_watched ? " thread" : "");
   }
   if (call == "spawn") {
     static std::uint32_t status;
-    g_spawned = CreateThread(nullptr, 0, [](void*) -> DWORD { return GetFusionStatus(nullptr, &status); }, nullptr, 0,
-                             nullptr);
+    g_spawned = CreateThread(
+        nullptr, 0, [](void*) -> DWORD { return GetFusionStatus(nullptr, &status); }, nullptr, 0,
+        nullptr);
     return "";
   }
-  if (call == "joined") return WaitForSingleObject(g_spawned, number()) == WAIT_OBJECT_0 ? "yes" : "no";
+  if (call == "joined")
+    return WaitForSingleObject(g_spawned, number()) == WAIT_OBJECT_0 ? "yes" : "no";
   if (call == "signal") {
     HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, kAttentionEvent);
     const bool set = event && SetEvent(event);
@@ -150,15 +158,19 @@ std::string RunStep(const std::string& line) {
     return set ? "" : "no event";
   }
   if (call == "wait-callback" || call == "callback") {
-    if (WaitForSingleObject(g_sensor.done, call == "callback" ? 0 : 10000) != WAIT_OBJECT_0) return "none";
+    if (WaitForSingleObject(g_sensor.done, call == "callback" ? 0 : 10000) != WAIT_OBJECT_0)
+      return "none";
     if (g_sensor.text.find("null") != std::string::npos) return g_sensor.text;
-    return g_sensor.text + " " + wire::ToHex(wire::Bytes(g_sensor.record, g_sensor.record + number())) +
+    return g_sensor.text + " " +
+           wire::ToHex(wire::Bytes(g_sensor.record, g_sensor.record + number())) +
            (call == "wait-callback" && !g_sensor.eventThread ? " not on the waiting thread" : "");
   }
   if (call == "load") {
     HMODULE dll = LoadLibraryW((ExeDir() + Widen(arg)).c_str());
     if (!dll) return "no DLL";
-    const auto get = [dll](const char* name) { return reinterpret_cast<void*>(GetProcAddress(dll, name)); };
+    const auto get = [dll](const char* name) {
+      return reinterpret_cast<void*>(GetProcAddress(dll, name));
+    };
     g_plugin.init = reinterpret_cast<decltype(g_plugin.init)>(get("qx_plugin_init"));
     g_plugin.action = reinterpret_cast<decltype(g_plugin.action)>(get("qx_plugin_action"));
     g_plugin.free = reinterpret_cast<decltype(g_plugin.free)>(get("qx_plugin_delete"));
@@ -166,20 +178,24 @@ std::string RunStep(const std::string& line) {
   }
   if (call == "action") {
     char* result = nullptr;
-    const std::string name = arg.substr(0, arg.find(' ')), params = arg.size() > name.size() ? arg2 : "";
+    const std::string name = arg.substr(0, arg.find(' ')),
+                      params = arg.size() > name.size() ? arg2 : "";
     const int r = g_plugin.action(name.c_str(), params.empty() ? nullptr : params.c_str(), &result);
     const std::string text = result ? Escaped(result) : "(null)";
     g_plugin.free(result);
     return std::to_string(r) + (text.empty() ? "" : " " + text);
   }
-  if (call == "wait-host") return WaitForSingleObject(g_host.done, 10000) == WAIT_OBJECT_0 ? g_host.text : "none";
+  if (call == "wait-host")
+    return WaitForSingleObject(g_host.done, 10000) == WAIT_OBJECT_0 ? g_host.text : "none";
   if (call == "sleep") return Sleep(number()), "";
-  if (call == "env") return SetEnvironmentVariableA(arg.substr(0, arg.find(' ')).c_str(), arg2.c_str()), "";
+  if (call == "env")
+    return SetEnvironmentVariableA(arg.substr(0, arg.find(' ')).c_str(), arg2.c_str()), "";
   if (call == "write-log") return SensorLibLogWrite("%s", arg.c_str()), "";
   if (call == "sim-status") return sim(FusionSimSetStatus(number(16)));
   if (call == "sim-attention") return sim(FusionSimSetAttention(number(16), true));
   if (call == "sim-event") return sim(FusionSimDropAttentionEvent(arg == "drop"));
-  if (call == "sim-force") return sim(FusionSimForceResult(number(), std::stoul(arg2, nullptr, 16)));
+  if (call == "sim-force")
+    return sim(FusionSimForceResult(number(), std::stoul(arg2, nullptr, 16)));
   if (call == "sim-clear") return sim(FusionSimClearForced(number()));
   return "unknown step " + call;
 }
@@ -197,7 +213,8 @@ std::vector<std::string> Lines(const std::string& text, const std::string& end) 
 // An expected line: alternatives separated by " || "; "*" at the end matches any rest.
 bool Matches(const std::string& message, const std::string& expected) {
   for (const std::string& e : Lines(expected + " || ", " || "))
-    if (e.empty() || e.back() != '*' ? message == e : message.compare(0, e.size() - 1, e, 0, e.size() - 1) == 0)
+    if (e.empty() || e.back() != '*' ? message == e
+                                     : message.compare(0, e.size() - 1, e, 0, e.size() - 1) == 0)
       return true;
   return false;
 }
@@ -231,10 +248,12 @@ void Judge(const std::string& file, Scenario s) {
   } else if (service.rfind("sim", 0) == 0) {
     ASSERT_TRUE(FusionSimLaunch(Widen(service.substr(3)), 20000, &sim));
   }
-  const std::wstring data = TempDir(L"scenario-data"), out = TempDir(L"scenario-out") + L"\\stdout.txt";
+  const std::wstring data = TempDir(L"scenario-data"),
+                     out = TempDir(L"scenario-out") + L"\\stdout.txt";
   CreateDirectoryW((data + L"\\Vantoq").c_str(), nullptr);
   SetEnvironmentVariableW(L"ProgramData", data.c_str());
-  const int exitCode = WaitChild(StartSelf(L"scenario", {Widen(file), Widen(s["=="][0])}, out), 120000);
+  const int exitCode =
+      WaitChild(StartSelf(L"scenario", {Widen(file), Widen(s["=="][0])}, out), 120000);
   SetEnvironmentVariableW(L"ProgramData", nullptr);
   std::vector<FusionSimCall> calls;
   if (sim.process && !FusionSimReadCalls(&calls)) ADD_FAILURE() << "no call record";
@@ -243,11 +262,13 @@ void Judge(const std::string& file, Scenario s) {
   if (event) CloseHandle(event);
   EXPECT_EQ(0, exitCode) << "the child crashed, hung or failed";
 
-  std::vector<std::string> answers;  // "answer TEXT\r" (stdout is in text mode), among what the DLL prints
+  std::vector<std::string>
+      answers;  // "answer TEXT\r" (stdout is in text mode), among what the DLL prints
   for (const std::string& line : Lines(ReadFileBytes(out), "\n"))
     if (line.rfind("answer ", 0) == 0) answers.push_back(line);
   for (std::size_t i = 0; i < s["step"].size(); ++i)
-    EXPECT_EQ("answer " + Part(s["step"][i], 1) + "\r", i < answers.size() ? answers[i] : "") << s["step"][i];
+    EXPECT_EQ("answer " + Part(s["step"][i], 1) + "\r", i < answers.size() ? answers[i] : "")
+        << s["step"][i];
 
   // Client to service: every request (peer) or call (simulator), in order.
   std::vector<std::string> requests, recorded;
@@ -258,9 +279,11 @@ void Judge(const std::string& file, Scenario s) {
   for (const std::string& bind : peer.binds) EXPECT_EQ(kBind + auth, bind);
   EXPECT_EQ(service == "peer", !peer.binds.empty());
   for (const FusionSimCall& c : calls)
-    recorded.push_back(std::to_string(c.opnum) + " " + Hex(c.arg0) + " " + std::to_string(c.arg1) +
-                       (c.dataLen ? " " + wire::ToHex(wire::Bytes(c.data, c.data + c.dataLen)) : ""));
-  if (s.count("unordered")) std::sort(recorded.begin(), recorded.end()), std::sort(s["call"].begin(), s["call"].end());
+    recorded.push_back(
+        std::to_string(c.opnum) + " " + Hex(c.arg0) + " " + std::to_string(c.arg1) +
+        (c.dataLen ? " " + wire::ToHex(wire::Bytes(c.data, c.data + c.dataLen)) : ""));
+  if (s.count("unordered"))
+    std::sort(recorded.begin(), recorded.end()), std::sort(s["call"].begin(), s["call"].end());
   EXPECT_EQ(s["call"], recorded);
 
   // The sensor library log: every line stamped but the version line; exactly
@@ -269,14 +292,17 @@ void Judge(const std::string& file, Scenario s) {
   std::vector<std::string> log;
   std::string all;
   const std::regex stamp(R"(\[\d\d-\d\d-\d\d-\d\d-\d\d:\d{1,3}\](.*))");
-  for (const std::string& line : Lines(ReadFileBytes(data + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"), "\r\n")) {
+  for (const std::string& line :
+       Lines(ReadFileBytes(data + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"), "\r\n")) {
     std::smatch m;
-    EXPECT_TRUE(line.empty() || line.rfind("Version:", 0) == 0 || std::regex_match(line, m, stamp)) << line;
+    EXPECT_TRUE(line.empty() || line.rfind("Version:", 0) == 0 || std::regex_match(line, m, stamp))
+        << line;
     log.push_back(m.empty() ? line : m.str(1));
     all += log.back() + "\n";
   }
   const auto exceptions = [](const std::vector<std::string>& lines) {
-    return std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.find("Runtime reported exception") != l.npos; });
+    return std::count_if(lines.begin(), lines.end(),
+                         [](auto& l) { return l.find("Runtime reported exception") != l.npos; });
   };
   EXPECT_EQ(exceptions(s["log"]) + exceptions(s["thread"]), exceptions(log)) << "exception lines";
   if (!s.count("thread") && !s.count("threads")) {
@@ -289,7 +315,9 @@ void Judge(const std::string& file, Scenario s) {
     EXPECT_EQ("", Missing(log, s[list])) << "not in the log, or out of order; the log:\n" << all;
   for (const std::string& c : s["count"]) {
     const std::string text = c.substr(c.find(' ') + 1);
-    EXPECT_EQ(std::stoi(c), std::count_if(log.begin(), log.end(), [&](auto& m) { return Matches(m, text); })) << text;
+    EXPECT_EQ(std::stoi(c),
+              std::count_if(log.begin(), log.end(), [&](auto& m) { return Matches(m, text); }))
+        << text;
   }
 }
 
@@ -299,7 +327,9 @@ class ScenarioTest : public testing::TestWithParam<Scenario> {};
 TEST_P(ScenarioTest, Judge) { Judge(g_file, GetParam()); }
 INSTANTIATE_TEST_SUITE_P(File, ScenarioTest, testing::ValuesIn(g_scenarios), [](const auto& info) {
   std::string name = info.param.at("==")[0];
-  std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); }, '_');
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); },
+      '_');
   return name;
 });
 
@@ -313,7 +343,8 @@ int main(int argc, char** argv) {
         std::printf("answer %s\n", RunStep(Part(s["step"][i], 0)).c_str()), std::fflush(stdout);
     return 0;
   }
-  if (argc < 2) return std::fprintf(stderr, "usage: client_scenarios FILE [GoogleTest options]\n"), 2;
+  if (argc < 2)
+    return std::fprintf(stderr, "usage: client_scenarios FILE [GoogleTest options]\n"), 2;
   g_scenarios = Load(g_file = argv[1]);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

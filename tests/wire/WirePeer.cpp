@@ -7,13 +7,25 @@ namespace wire {
 namespace {
 
 // Packet types of the connection-oriented protocol, and pfc_flags.
-enum : std::uint8_t { kRequest = 0, kResponse = 2, kFault = 3, kBind = 11, kBindAck = 12, kBindNak = 13, kAuth3 = 16 };
+enum : std::uint8_t {
+  kRequest = 0,
+  kResponse = 2,
+  kFault = 3,
+  kBind = 11,
+  kBindAck = 12,
+  kBindNak = 13,
+  kAuth3 = 16
+};
 enum : std::uint8_t { kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80 };
 constexpr std::uint16_t kOurMaxFrag = 4280;
 constexpr char kNdr20[] = "8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0";
 
-std::uint16_t Get16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(b[at] | b[at + 1] << 8); }
-std::uint32_t Get32(const Bytes& b, std::size_t at) { return Get16(b, at) | std::uint32_t{Get16(b, at + 2)} << 16; }
+std::uint16_t Get16(const Bytes& b, std::size_t at) {
+  return static_cast<std::uint16_t>(b[at] | b[at + 1] << 8);
+}
+std::uint32_t Get32(const Bytes& b, std::size_t at) {
+  return Get16(b, at) | std::uint32_t{Get16(b, at + 2)} << 16;
+}
 void Put32(Bytes& b, std::uint32_t v, int bytes = 4) {
   for (int i = 0; i < bytes; ++i) b.push_back(static_cast<std::uint8_t>(v >> 8 * i));
 }
@@ -34,22 +46,25 @@ bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX) {
   pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
   pdu.resize(std::min(cutAt, pdu.size()));
   DWORD written = 0;
-  return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) && cutAt == SIZE_MAX;
+  return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) &&
+         cutAt == SIZE_MAX;
 }
 
 // p_syntax_id_t: a UUID in little-endian NDR form, then the version (major in
 // the low 16 bits, minor in the high 16 bits).
 std::string SyntaxId(const Bytes& b, std::size_t at) {
   char text[64];
-  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x v%u.%u", Get32(b, at),
-                Get16(b, at + 4), Get16(b, at + 6), b[at + 8], b[at + 9], b[at + 10], b[at + 11], b[at + 12],
-                b[at + 13], b[at + 14], b[at + 15], Get16(b, at + 16), Get16(b, at + 18));
+  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x v%u.%u",
+                Get32(b, at), Get16(b, at + 4), Get16(b, at + 6), b[at + 8], b[at + 9], b[at + 10],
+                b[at + 11], b[at + 12], b[at + 13], b[at + 14], b[at + 15], Get16(b, at + 16),
+                Get16(b, at + 18));
   return text;
 }
 
 HANDLE NewInstance(const std::wstring& path, DWORD first) {
-  return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | first, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
-                          PIPE_UNLIMITED_INSTANCES, 65536, 65536, 0, nullptr);
+  return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | first,
+                          PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, PIPE_UNLIMITED_INSTANCES,
+                          65536, 65536, 0, nullptr);
 }
 
 }  // namespace
@@ -84,7 +99,8 @@ void Peer::Stop() {
   stopping_ = true;
   HANDLE wake = INVALID_HANDLE_VALUE;
   for (int i = 0; i < 100 && wake == INVALID_HANDLE_VALUE; ++i, WaitNamedPipeW(path_.c_str(), 100))
-    wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
+                       nullptr);
   listener_.join();
   if (wake != INVALID_HANDLE_VALUE) CloseHandle(wake);
   for (std::thread& t : servers_) t.join();
@@ -99,7 +115,8 @@ void Peer::Error(const std::string& text) {
 // One instance waits for a client at a time; each client gets a thread.
 void Peer::Listen(HANDLE pipe) {
   for (; pipe != INVALID_HANDLE_VALUE; pipe = NewInstance(path_, 0)) {
-    const bool connected = ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
+    const bool connected =
+        ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
     if (stopping_ || !connected) {
       if (!stopping_) Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
       CloseHandle(pipe);
@@ -117,9 +134,11 @@ void Peer::Serve(HANDLE pipe) {
   std::uint8_t chunk[8192];
   DWORD got = 0;
   bool open = true;
-  while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) || GetLastError() == ERROR_MORE_DATA)) {
+  while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) ||
+                  GetLastError() == ERROR_MORE_DATA)) {
     stream.insert(stream.end(), chunk, chunk + got);
-    for (std::size_t length; open && stream.size() >= 16 && stream.size() >= (length = Get16(stream, 8));) {
+    for (std::size_t length;
+         open && stream.size() >= 16 && stream.size() >= (length = Get16(stream, 8));) {
       if (length < 16) Error("frag_length " + std::to_string(length));
       open = length >= 16 && Handle(pipe, Bytes(stream.begin(), stream.begin() + length));
       stream.erase(stream.begin(), stream.begin() + length);
@@ -138,8 +157,10 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   // auth_level, auth_pad_length, reserved, context id) and the credentials;
   // the pad before it belongs to the body.
   std::size_t end = pdu.size();
-  if (authLength && end < 16u + 8u + authLength) return Error("auth_length " + std::to_string(authLength)), false;
-  if (authLength) end -= authLength + 8 + std::min<std::size_t>(pdu[end - authLength - 6], end - authLength - 8);
+  if (authLength && end < 16u + 8u + authLength)
+    return Error("auth_length " + std::to_string(authLength)), false;
+  if (authLength)
+    end -= authLength + 8 + std::min<std::size_t>(pdu[end - authLength - 6], end - authLength - 8);
   const std::uint8_t* trailer = authLength ? &pdu[pdu.size() - authLength - 8] : nullptr;
 
   if (ptype == kBind) {
@@ -201,7 +222,8 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
     std::string reply = "fault 1c010002";  // nca_s_op_rng_error
     {
       std::lock_guard<std::mutex> hold(mutex_);
-      requests.push_back(std::to_string(Get16(pdu, 22)) + ": " + ToHex(Bytes(pdu.begin() + at, pdu.begin() + end)));
+      requests.push_back(std::to_string(Get16(pdu, 22)) + ": " +
+                         ToHex(Bytes(pdu.begin() + at, pdu.begin() + end)));
       if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
     }
     // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data, or

@@ -55,56 +55,57 @@ constexpr int kFusionSimMaxBytes = 64;
 // them (at most kFusionSimMaxBytes kept). result is what the simulator answered
 // (it is filled in when the reply leaves; `answered` tells whether it has).
 struct FusionSimCall {
-    std::uint32_t seq;
-    std::int32_t opnum;
-    std::int32_t arg0;
-    std::int32_t arg1;
-    std::int32_t result;
-    std::uint32_t answered;
-    std::uint32_t dataLen;
-    std::uint8_t data[kFusionSimMaxBytes];
+  std::uint32_t seq;
+  std::int32_t opnum;
+  std::int32_t arg0;
+  std::int32_t arg1;
+  std::int32_t result;
+  std::uint32_t answered;
+  std::uint32_t dataLen;
+  std::uint8_t data[kFusionSimMaxBytes];
 };
 
 // The shared block (layout shared by the simulator and this library).
 struct FusionSimShared {
-    std::uint32_t magic;
-    std::uint32_t ready;
-    std::uint32_t pid;
-    std::uint32_t statusWord;
-    std::uint32_t delay;
-    std::uint32_t attention;
-    std::uint32_t forceActive[kFusionSimOpnums];
-    std::int32_t forceResult[kFusionSimOpnums];
-    std::uint32_t replyDelayMs;
-    std::uint32_t holdReplies;
-    std::uint32_t attentionEventPresent;
-    std::uint32_t commandSeq;
-    std::uint32_t commandCode;
-    std::uint32_t commandArg;
-    std::uint32_t commandDone;
-    std::uint32_t callCount;     // calls received in all (the record keeps the first kFusionSimMaxCalls)
-    FusionSimCall calls[kFusionSimMaxCalls];
+  std::uint32_t magic;
+  std::uint32_t ready;
+  std::uint32_t pid;
+  std::uint32_t statusWord;
+  std::uint32_t delay;
+  std::uint32_t attention;
+  std::uint32_t forceActive[kFusionSimOpnums];
+  std::int32_t forceResult[kFusionSimOpnums];
+  std::uint32_t replyDelayMs;
+  std::uint32_t holdReplies;
+  std::uint32_t attentionEventPresent;
+  std::uint32_t commandSeq;
+  std::uint32_t commandCode;
+  std::uint32_t commandArg;
+  std::uint32_t commandDone;
+  std::uint32_t callCount;  // calls received in all (the record keeps the first kFusionSimMaxCalls)
+  FusionSimCall calls[kFusionSimMaxCalls];
 };
 
 enum FusionSimCommand : std::uint32_t {
-    kFusionSimCmdNone = 0,
-    kFusionSimCmdDropAttentionEvent = 1,  // arg 1: close the event (it no longer exists); 0: create it again
-    kFusionSimCmdQuit = 2,
+  kFusionSimCmdNone = 0,
+  kFusionSimCmdDropAttentionEvent =
+      1,  // arg 1: close the event (it no longer exists); 0: create it again
+  kFusionSimCmdQuit = 2,
 };
 
 struct FusionSimModel {
-    std::uint32_t statusWord;
-    std::uint32_t delay;
-    std::uint32_t attention;
-    bool attentionEventPresent;
-    bool holdingReplies;
-    std::uint32_t replyDelayMs;
-    std::uint32_t pid;
+  std::uint32_t statusWord;
+  std::uint32_t delay;
+  std::uint32_t attention;
+  bool attentionEventPresent;
+  bool holdingReplies;
+  std::uint32_t replyDelayMs;
+  std::uint32_t pid;
 };
 
 struct FusionSimProcess {
-    HANDLE process = nullptr;
-    DWORD pid = 0;
+  HANDLE process = nullptr;
+  DWORD pid = 0;
 };
 
 // Path of fusion-sim.exe: the FUSION_SIM_EXE environment variable (a Unix path
@@ -150,8 +151,8 @@ std::string FusionSimFormatCall(const FusionSimCall& call);
 // The real service in the current prefix (Service Control Manager). `args` are
 // options of `fusion-sim run`, stored in the service's command line.
 bool FusionSimInstallService(const std::wstring& args);
-bool FusionSimStartService(DWORD timeoutMs = 10000);  // waits for RUNNING and ready
-bool FusionSimStopService(DWORD timeoutMs = 10000);   // waits for STOPPED
+bool FusionSimStartService(DWORD timeoutMs = 10000);      // waits for RUNNING and ready
+bool FusionSimStopService(DWORD timeoutMs = 10000);       // waits for STOPPED
 bool FusionSimUninstallService(DWORD timeoutMs = 10000);  // stops it first when running
 // Current state (SERVICE_RUNNING ...), 0 when the service does not exist.
 DWORD FusionSimServiceState();

@@ -20,67 +20,50 @@ bool g_output_failed = false;
 
 }  // namespace
 
-void SetQuiet(bool quiet)
-{
-    g_quiet = quiet;
+void SetQuiet(bool quiet) { g_quiet = quiet; }
+
+void Error(const std::string& name, const std::string& text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "logread: %s: %s\n", name.c_str(), text.c_str());
 }
 
-void Error(const std::string& name, const std::string& text)
-{
-    std::fflush(stdout);
-    std::fprintf(stderr, "logread: %s: %s\n", name.c_str(), text.c_str());
+void Note(const std::string& name, const std::string& text) {
+  if (!g_quiet) Error(name, text);
 }
 
-void Note(const std::string& name, const std::string& text)
-{
-    if (!g_quiet)
-        Error(name, text);
+void Emit(std::string_view bytes) {
+  if (bytes.empty() || g_output_failed) return;
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) g_output_failed = true;
 }
 
-void Emit(std::string_view bytes)
-{
-    if (bytes.empty() || g_output_failed)
-        return;
-    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size())
-        g_output_failed = true;
+bool FlushOutput() {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) g_output_failed = true;
+  return !g_output_failed;
 }
 
-bool FlushOutput()
-{
-    if (std::fflush(stdout) != 0 || std::ferror(stdout))
-        g_output_failed = true;
-    return !g_output_failed;
-}
+bool OutputFailed() { return g_output_failed; }
 
-bool OutputFailed()
-{
-    return g_output_failed;
-}
-
-void BinaryStdio()
-{
+void BinaryStdio() {
 #ifdef _WIN32
-    _setmode(_fileno(stdout), _O_BINARY);
-    _setmode(_fileno(stdin), _O_BINARY);
+  _setmode(_fileno(stdout), _O_BINARY);
+  _setmode(_fileno(stdin), _O_BINARY);
 #endif
-    // Records go out in large pieces; a full buffer instead of a line buffer
-    // on a terminal as well.
-    static char buffer[1 << 16];
-    std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+  // Records go out in large pieces; a full buffer instead of a line buffer
+  // on a terminal as well.
+  static char buffer[1 << 16];
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
 
-bool StdoutIsColourTerminal()
-{
+bool StdoutIsColourTerminal() {
 #ifdef _WIN32
-    HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
-    DWORD mode = 0;
-    if (out == INVALID_HANDLE_VALUE || !GetConsoleMode(out, &mode))
-        return false;
-    // ENABLE_VIRTUAL_TERMINAL_PROCESSING (Windows 10 and later); an older
-    // console refuses it and gets no colour.
-    return (mode & 0x0004) || SetConsoleMode(out, mode | 0x0004);
+  HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+  DWORD mode = 0;
+  if (out == INVALID_HANDLE_VALUE || !GetConsoleMode(out, &mode)) return false;
+  // ENABLE_VIRTUAL_TERMINAL_PROCESSING (Windows 10 and later); an older
+  // console refuses it and gets no colour.
+  return (mode & 0x0004) || SetConsoleMode(out, mode | 0x0004);
 #else
-    return isatty(STDOUT_FILENO) == 1;
+  return isatty(STDOUT_FILENO) == 1;
 #endif
 }
 

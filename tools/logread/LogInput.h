@@ -30,68 +30,68 @@ enum class FormatChoice { kAuto, kLogdat, kPlain, kSensorLib };
 
 // Identity of a file, to notice that the name now refers to another file.
 struct FileId {
-    std::uint64_t volume = 0;
-    std::uint64_t index = 0;
-    bool operator==(const FileId&) const = default;
+  std::uint64_t volume = 0;
+  std::uint64_t index = 0;
+  bool operator==(const FileId&) const = default;
 };
 
 class LogSource {
-public:
-    // `name` is the file as given on the command line ("-": standard input).
-    LogSource(PathString path, std::string name, FormatChoice choice, bool follow);
-    ~LogSource();
-    LogSource(const LogSource&) = delete;
-    LogSource& operator=(const LogSource&) = delete;
+ public:
+  // `name` is the file as given on the command line ("-": standard input).
+  LogSource(PathString path, std::string name, FormatChoice choice, bool follow);
+  ~LogSource();
+  LogSource(const LogSource&) = delete;
+  LogSource& operator=(const LogSource&) = delete;
 
-    const std::string& name() const { return name_; }
-    // The kind of text of the records handed back so far (plug-in records
-    // until the form is known).
-    logrecord::Form form() const;
+  const std::string& name() const { return name_; }
+  // The kind of text of the records handed back so far (plug-in records
+  // until the form is known).
+  logrecord::Form form() const;
 
-    // Reading a whole file once (or standard input). ReadMore hands back the
-    // records that the next piece of the file completed; false when the file
-    // is done (read to its end, or an error ended it); then Finish hands back
-    // what is left and returns the file's exit code.
-    bool ReadMore(std::vector<std::string>& records);
-    int Finish(std::vector<std::string>& records);
+  // Reading a whole file once (or standard input). ReadMore hands back the
+  // records that the next piece of the file completed; false when the file
+  // is done (read to its end, or an error ended it); then Finish hands back
+  // what is left and returns the file's exit code.
+  bool ReadMore(std::vector<std::string>& records);
+  int Finish(std::vector<std::string>& records);
 
-    // One look at a followed file: notices deletion, replacement and
-    // shortening, and hands back the records added since the last look.
-    void Poll(std::vector<std::string>& records);
+  // One look at a followed file: notices deletion, replacement and
+  // shortening, and hands back the records added since the last look.
+  void Poll(std::vector<std::string>& records);
 
-private:
-    class InputFile;
+ private:
+  class InputFile;
 
-    void StartOver();
-    bool Consume(const char* data, std::size_t size, std::vector<std::string>& records);
-    bool Decode(const char* data, std::size_t size, std::vector<std::string>& records);
-    bool OpenForReading();
+  void StartOver();
+  bool Consume(const char* data, std::size_t size, std::vector<std::string>& records);
+  bool Decode(const char* data, std::size_t size, std::vector<std::string>& records);
+  bool OpenForReading();
 
-    PathString path_;
-    std::string name_;
-    FormatChoice choice_;
-    bool follow_;
+  PathString path_;
+  std::string name_;
+  FormatChoice choice_;
+  bool follow_;
 
-    bool format_known_ = false;
-    logframe::LogFormat format_ = logframe::LogFormat::kLogdat;
-    std::string head_;  // first bytes while the form is not yet known
-    logrecord::RecordSplitter splitter_;
-    logframe::FrameDecoder decoder_;
-    std::vector<logframe::Record> frames_;
-    std::uint64_t offset_ = 0;  // bytes of the file consumed
-    int status_ = kExitOk;
+  bool format_known_ = false;
+  logframe::LogFormat format_ = logframe::LogFormat::kLogdat;
+  std::string head_;  // first bytes while the form is not yet known
+  logrecord::RecordSplitter splitter_;
+  logframe::FrameDecoder decoder_;
+  std::vector<logframe::Record> frames_;
+  std::uint64_t offset_ = 0;  // bytes of the file consumed
+  int status_ = kExitOk;
 
-    // Reading once.
-    bool opened_ = false;
-    bool done_ = false;
-    std::vector<char> buffer_;
-    std::unique_ptr<InputFile> file_;
+  // Reading once.
+  bool opened_ = false;
+  bool done_ = false;
+  std::vector<char> buffer_;
+  std::unique_ptr<InputFile> file_;
 
-    // Following only.
-    FileId id_;
-    bool seen_ = false;     // the file has been opened at least once
-    bool gone_ = false;     // the last look did not find it
-    bool stalled_ = false;  // a corrupt frame: nothing more is read until the file changes
+  // Following only.
+  FileId id_;
+  bool seen_ = false;     // the file has been opened at least once
+  bool gone_ = false;     // the last look did not find it
+  bool stalled_ = false;  // a corrupt frame: nothing more is read until the file changes
 };
 
 }  // namespace logread

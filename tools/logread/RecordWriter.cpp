@@ -13,170 +13,150 @@ namespace {
 
 constexpr std::string_view kReset = "\x1b[0m";
 
-std::string_view ColourOf(const Record& r)
-{
-    const std::string_view level = r.fields.level;
-    if (level == "ERR")
-        return "\x1b[31m";
-    if (level == "WAR")
-        return "\x1b[94m";
-    if (level == "INF")
-        return "\x1b[92m";
-    if (level == "TRA")
-        return "\x1b[93m";
-    return "\x1b[37m";
+std::string_view ColourOf(const Record& r) {
+  const std::string_view level = r.fields.level;
+  if (level == "ERR") return "\x1b[31m";
+  if (level == "WAR") return "\x1b[94m";
+  if (level == "INF") return "\x1b[92m";
+  if (level == "TRA") return "\x1b[93m";
+  return "\x1b[37m";
 }
 
-std::string_view WithoutLineEnds(std::string_view text)
-{
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.remove_suffix(1);
-    return text;
+std::string_view WithoutLineEnds(std::string_view text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+  return text;
 }
 
 // Length of the UTF-8 sequence at `s` (1 to 4), or 0 when it is not one.
-std::size_t Utf8Length(std::string_view s)
-{
-    const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
-    const unsigned char c = b(0);
-    if (c < 0x80)
-        return 1;
-    std::size_t n = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
-    if (n == 0 || s.size() < n)
-        return 0;
-    for (std::size_t i = 1; i < n; ++i)
-        if ((b(i) & 0xC0) != 0x80)
-            return 0;
-    // No overlong forms, no surrogates, nothing above U+10FFFF.
-    if ((c == 0xE0 && b(1) < 0xA0) || (c == 0xED && b(1) > 0x9F) || (c == 0xF0 && b(1) < 0x90) ||
-        (c == 0xF4 && b(1) > 0x8F))
-        return 0;
-    return n;
+std::size_t Utf8Length(std::string_view s) {
+  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned char c = b(0);
+  if (c < 0x80) return 1;
+  std::size_t n = c >= 0xC2 && c <= 0xDF   ? 2
+                  : c >= 0xE0 && c <= 0xEF ? 3
+                  : c >= 0xF0 && c <= 0xF4 ? 4
+                                           : 0;
+  if (n == 0 || s.size() < n) return 0;
+  for (std::size_t i = 1; i < n; ++i)
+    if ((b(i) & 0xC0) != 0x80) return 0;
+  // No overlong forms, no surrogates, nothing above U+10FFFF.
+  if ((c == 0xE0 && b(1) < 0xA0) || (c == 0xED && b(1) > 0x9F) || (c == 0xF0 && b(1) < 0x90) ||
+      (c == 0xF4 && b(1) > 0x8F))
+    return 0;
+  return n;
 }
 
 // A number field as a JSON integer; null when there is none.
-Json::Value Number(std::string_view digits)
-{
-    long long value = 0;
-    const char* end = digits.data() + digits.size();
-    auto [ptr, ec] = std::from_chars(digits.data(), end, value);
-    if (digits.empty() || ec != std::errc() || ptr != end)
-        return Json::Value();
-    return Json::Value(static_cast<Json::Int64>(value));
+Json::Value Number(std::string_view digits) {
+  long long value = 0;
+  const char* end = digits.data() + digits.size();
+  auto [ptr, ec] = std::from_chars(digits.data(), end, value);
+  if (digits.empty() || ec != std::errc() || ptr != end) return Json::Value();
+  return Json::Value(static_cast<Json::Int64>(value));
 }
 
 }  // namespace
 
-std::string OneLine(std::string_view text)
-{
-    text = WithoutLineEnds(text);
-    std::string out;
-    out.reserve(text.size() + 1);
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
-            out += "\\n";
-            ++i;
-        } else if (text[i] == '\n') {
-            out += "\\n";
-        } else if (text[i] == '\r') {
-            out += "\\r";
-        } else {
-            out += text[i];
-        }
+std::string OneLine(std::string_view text) {
+  text = WithoutLineEnds(text);
+  std::string out;
+  out.reserve(text.size() + 1);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
+      out += "\\n";
+      ++i;
+    } else if (text[i] == '\n') {
+      out += "\\n";
+    } else if (text[i] == '\r') {
+      out += "\\r";
+    } else {
+      out += text[i];
     }
-    return out;
+  }
+  return out;
 }
 
-std::string CleanMessage(std::string_view text)
-{
-    std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        if (text.substr(0, 2) == "\r\n") {
-            out += '\n';
-            text.remove_prefix(2);
-            continue;
-        }
-        const std::size_t n = Utf8Length(text);
-        if (n == 0) {
-            out += "\xEF\xBF\xBD";
-            text.remove_prefix(1);
-        } else {
-            out.append(text.substr(0, n));
-            text.remove_prefix(n);
-        }
+std::string CleanMessage(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    if (text.substr(0, 2) == "\r\n") {
+      out += '\n';
+      text.remove_prefix(2);
+      continue;
     }
-    return out;
+    const std::size_t n = Utf8Length(text);
+    if (n == 0) {
+      out += "\xEF\xBF\xBD";
+      text.remove_prefix(1);
+    } else {
+      out.append(text.substr(0, n));
+      text.remove_prefix(n);
+    }
+  }
+  return out;
 }
 
-std::string FormatTime(const logrecord::Time& t)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%02d-%02d %02d:%02d:%02d.%03d", t.month, t.day, t.hour, t.minute, t.second,
-                  t.millisecond);
-    return text;
+std::string FormatTime(const logrecord::Time& t) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%02d-%02d %02d:%02d:%02d.%03d", t.month, t.day, t.hour,
+                t.minute, t.second, t.millisecond);
+  return text;
 }
 
-void RawWriter::Write(const Record& r)
-{
-    if (!colour_) {
-        Emit(r.text);
-        return;
-    }
-    const std::string_view body = WithoutLineEnds(r.text);
-    Emit(ColourOf(r));
-    Emit(body);
-    Emit(kReset);
-    Emit(std::string_view(r.text).substr(body.size()));
+void RawWriter::Write(const Record& r) {
+  if (!colour_) {
+    Emit(r.text);
+    return;
+  }
+  const std::string_view body = WithoutLineEnds(r.text);
+  Emit(ColourOf(r));
+  Emit(body);
+  Emit(kReset);
+  Emit(std::string_view(r.text).substr(body.size()));
 }
 
 LineWriter::LineWriter(const Timeline& timeline, bool colour)
-    : timeline_(timeline), colour_(colour), names_(timeline.size() > 1)
-{
+    : timeline_(timeline), colour_(colour), names_(timeline.size() > 1) {}
+
+void LineWriter::Write(const Record& r) {
+  line_.clear();
+  if (names_) {
+    line_ += timeline_.name(r.file);
+    line_ += ": ";
+  }
+  if (colour_) line_ += ColourOf(r);
+  line_ += OneLine(r.text);
+  if (colour_) line_ += kReset;
+  line_ += '\n';
+  Emit(line_);
 }
 
-void LineWriter::Write(const Record& r)
-{
-    line_.clear();
-    if (names_) {
-        line_ += timeline_.name(r.file);
-        line_ += ": ";
-    }
-    if (colour_)
-        line_ += ColourOf(r);
-    line_ += OneLine(r.text);
-    if (colour_)
-        line_ += kReset;
-    line_ += '\n';
-    Emit(line_);
-}
-
-JsonWriter::JsonWriter(const Timeline& timeline) : timeline_(timeline)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    writer_.reset(builder.newStreamWriter());
-    value_ = std::make_unique<Json::Value>(Json::objectValue);
+JsonWriter::JsonWriter(const Timeline& timeline) : timeline_(timeline) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  writer_.reset(builder.newStreamWriter());
+  value_ = std::make_unique<Json::Value>(Json::objectValue);
 }
 
 JsonWriter::~JsonWriter() = default;
 
-void JsonWriter::Write(const Record& r)
-{
-    const logrecord::Fields& f = r.fields;
-    Json::Value& v = *value_;
-    v["file"] = CleanMessage(timeline_.name(r.file));
-    v["time"] = f.has_time ? Json::Value(FormatTime(f.time)) : Json::Value();
-    v["level"] = f.level.empty() ? Json::Value() : Json::Value(std::string(f.level));
-    v["thread"] = Number(f.thread);
-    v["source"] = r.parsed && r.form == logrecord::Form::kPlugin ? Json::Value(CleanMessage(f.source)) : Json::Value();
-    v["line"] = Number(f.line);
-    v["message"] = CleanMessage(f.message);
-    out_.str(std::string());
-    writer_->write(v, &out_);
-    out_ << '\n';
-    Emit(out_.str());
+void JsonWriter::Write(const Record& r) {
+  const logrecord::Fields& f = r.fields;
+  Json::Value& v = *value_;
+  v["file"] = CleanMessage(timeline_.name(r.file));
+  v["time"] = f.has_time ? Json::Value(FormatTime(f.time)) : Json::Value();
+  v["level"] = f.level.empty() ? Json::Value() : Json::Value(std::string(f.level));
+  v["thread"] = Number(f.thread);
+  v["source"] = r.parsed && r.form == logrecord::Form::kPlugin ? Json::Value(CleanMessage(f.source))
+                                                               : Json::Value();
+  v["line"] = Number(f.line);
+  v["message"] = CleanMessage(f.message);
+  out_.str(std::string());
+  writer_->write(v, &out_);
+  out_ << '\n';
+  Emit(out_.str());
 }
 
 }  // namespace logread

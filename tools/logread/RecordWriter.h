@@ -18,42 +18,42 @@
 namespace Json {
 class StreamWriter;
 class Value;
-}
+}  // namespace Json
 
 namespace logread {
 
 class RawWriter : public RecordSink {
-public:
-    explicit RawWriter(bool colour) : colour_(colour) {}
-    void Write(const Record& record) override;
+ public:
+  explicit RawWriter(bool colour) : colour_(colour) {}
+  void Write(const Record& record) override;
 
-private:
-    bool colour_;
+ private:
+  bool colour_;
 };
 
 class LineWriter : public RecordSink {
-public:
-    LineWriter(const Timeline& timeline, bool colour);
-    void Write(const Record& record) override;
+ public:
+  LineWriter(const Timeline& timeline, bool colour);
+  void Write(const Record& record) override;
 
-private:
-    const Timeline& timeline_;
-    bool colour_;
-    bool names_;
-    std::string line_;
+ private:
+  const Timeline& timeline_;
+  bool colour_;
+  bool names_;
+  std::string line_;
 };
 
 class JsonWriter : public RecordSink {
-public:
-    explicit JsonWriter(const Timeline& timeline);
-    ~JsonWriter() override;
-    void Write(const Record& record) override;
+ public:
+  explicit JsonWriter(const Timeline& timeline);
+  ~JsonWriter() override;
+  void Write(const Record& record) override;
 
-private:
-    const Timeline& timeline_;
-    std::unique_ptr<Json::StreamWriter> writer_;
-    std::unique_ptr<Json::Value> value_;  // kept: its members are assigned anew for each record
-    std::ostringstream out_;
+ private:
+  const Timeline& timeline_;
+  std::unique_ptr<Json::StreamWriter> writer_;
+  std::unique_ptr<Json::Value> value_;  // kept: its members are assigned anew for each record
+  std::ostringstream out_;
 };
 
 // The record's text on one line: its final line ends dropped, line feeds and

@@ -110,210 +110,205 @@ constexpr char kFooter[] =
     "redirect the output to a file.";
 
 struct Options {
-    std::vector<std::string> files;
-    std::vector<std::string> formats;
-    bool follow = false;
-    bool quiet = false;
-    bool json = false;
-    bool summary = false;
-    std::string colour = "auto";
-    FilterOptions filters;
+  std::vector<std::string> files;
+  std::vector<std::string> formats;
+  bool follow = false;
+  bool quiet = false;
+  bool json = false;
+  bool summary = false;
+  std::string colour = "auto";
+  FilterOptions filters;
 };
 
-bool ParseForm(const std::string& text, FormatChoice& choice)
-{
-    if (text == "auto")
-        choice = FormatChoice::kAuto;
-    else if (text == "logdat")
-        choice = FormatChoice::kLogdat;
-    else if (text == "plain")
-        choice = FormatChoice::kPlain;
-    else if (text == "sensor")
-        choice = FormatChoice::kSensorLib;
-    else
-        return false;
-    return true;
+bool ParseForm(const std::string& text, FormatChoice& choice) {
+  if (text == "auto")
+    choice = FormatChoice::kAuto;
+  else if (text == "logdat")
+    choice = FormatChoice::kLogdat;
+  else if (text == "plain")
+    choice = FormatChoice::kPlain;
+  else if (text == "sensor")
+    choice = FormatChoice::kSensorLib;
+  else
+    return false;
+  return true;
 }
 
 // The form of each file from the --format values; an empty string or a usage
 // error.
-std::string FormsOfFiles(const Options& o, std::vector<FormatChoice>& forms)
-{
-    forms.assign(o.files.size(), FormatChoice::kAuto);
-    for (const std::string& value : o.formats) {
-        FormatChoice choice;
-        const std::size_t colon = value.find(':');
-        if (!ParseForm(value.substr(0, colon), choice))
-            return "--format takes auto, logdat, plain or sensor (FORM or FORM:FILE), not \"" + value + "\"";
-        if (colon == std::string::npos) {
-            forms.assign(o.files.size(), choice);
-            continue;
-        }
-        const std::string file = value.substr(colon + 1);
-        bool found = false;
-        for (std::size_t i = 0; i < o.files.size(); ++i) {
-            if (o.files[i] == file) {
-                forms[i] = choice;
-                found = true;
-            }
-        }
-        if (!found)
-            return "--format " + value + ": \"" + file + "\" is not one of the files given";
+std::string FormsOfFiles(const Options& o, std::vector<FormatChoice>& forms) {
+  forms.assign(o.files.size(), FormatChoice::kAuto);
+  for (const std::string& value : o.formats) {
+    FormatChoice choice;
+    const std::size_t colon = value.find(':');
+    if (!ParseForm(value.substr(0, colon), choice))
+      return "--format takes auto, logdat, plain or sensor (FORM or FORM:FILE), not \"" + value +
+             "\"";
+    if (colon == std::string::npos) {
+      forms.assign(o.files.size(), choice);
+      continue;
     }
-    return {};
+    const std::string file = value.substr(colon + 1);
+    bool found = false;
+    for (std::size_t i = 0; i < o.files.size(); ++i) {
+      if (o.files[i] == file) {
+        forms[i] = choice;
+        found = true;
+      }
+    }
+    if (!found) return "--format " + value + ": \"" + file + "\" is not one of the files given";
+  }
+  return {};
 }
 
-PathString NativePath(const std::string& name)
-{
+PathString NativePath(const std::string& name) {
 #ifdef _WIN32
-    const int n = MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), nullptr, 0);
-    std::wstring out(n > 0 ? n : 0, L'\0');
-    if (n > 0)
-        MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), out.data(), n);
-    return out;
+  const int n =
+      MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), nullptr, 0);
+  std::wstring out(n > 0 ? n : 0, L'\0');
+  if (n > 0)
+    MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), out.data(), n);
+  return out;
 #else
-    return name;
+  return name;
 #endif
 }
 
-int Usage(const std::string& error)
-{
-    std::fprintf(stderr, "logread: %s\nTry \"logread --help\".\n", error.c_str());
-    return kExitIo;
+int Usage(const std::string& error) {
+  std::fprintf(stderr, "logread: %s\nTry \"logread --help\".\n", error.c_str());
+  return kExitIo;
 }
 
-int Run(int argc, char** argv)
-{
-    Options o;
-    CLI::App app(kDescription, "logread");
-    app.footer(kFooter);
-    app.get_formatter()->column_width(26);
-    app.add_flag("-f,--follow", o.follow, "keep reading as the files grow, like tail -f");
-    app.add_option("--format", o.formats, "FORM or FORM:FILE: auto (default), logdat, plain or sensor")
-        ->type_name("FORM[:FILE]")
-        ->allow_extra_args(false);
-    app.add_option("--level", o.filters.levels,
-                   "only records of these levels: ERR, WAR, INF, TRA, DBG, NONE, and untagged for lines "
-                   "without a level (the sensor library's)")
-        ->type_name("TAG[,TAG...]")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    app.add_option("--since", o.filters.since, "only records at or after this time")->type_name("\"MM-DD hh:mm[:ss]\"");
-    app.add_option("--until", o.filters.until, "only records up to the end of this minute (or second)")
-        ->type_name("\"MM-DD hh:mm[:ss]\"");
-    app.add_option("--thread", o.filters.threads, "only records of these thread ids")
-        ->type_name("ID[,ID...]")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    app.add_option("--source", o.filters.sources,
-                   "only records of these sources (\"AttentionPlugin.cpp\", \"AttentionPlugin\", "
-                   "\"AttentionFuntion\", ...)")
-        ->type_name("NAME[,NAME...]")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    app.add_flag("--json", o.json, "JSON Lines: one object per record (or per session with --summary)");
-    app.add_flag("--summary", o.summary, "sum the records up per process session");
-    app.add_option("--color", o.colour, "colour records by level: auto (on a terminal), always or never")
-        ->type_name("WHEN")
-        ->check(CLI::IsMember({"auto", "always", "never"}));
-    app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
-    app.add_option("FILE", o.files, "log files; \"-\" is standard input")->required()->type_name("");
+int Run(int argc, char** argv) {
+  Options o;
+  CLI::App app(kDescription, "logread");
+  app.footer(kFooter);
+  app.get_formatter()->column_width(26);
+  app.add_flag("-f,--follow", o.follow, "keep reading as the files grow, like tail -f");
+  app.add_option("--format", o.formats,
+                 "FORM or FORM:FILE: auto (default), logdat, plain or sensor")
+      ->type_name("FORM[:FILE]")
+      ->allow_extra_args(false);
+  app.add_option(
+         "--level", o.filters.levels,
+         "only records of these levels: ERR, WAR, INF, TRA, DBG, NONE, and untagged for lines "
+         "without a level (the sensor library's)")
+      ->type_name("TAG[,TAG...]")
+      ->delimiter(',')
+      ->allow_extra_args(false);
+  app.add_option("--since", o.filters.since, "only records at or after this time")
+      ->type_name("\"MM-DD hh:mm[:ss]\"");
+  app.add_option("--until", o.filters.until,
+                 "only records up to the end of this minute (or second)")
+      ->type_name("\"MM-DD hh:mm[:ss]\"");
+  app.add_option("--thread", o.filters.threads, "only records of these thread ids")
+      ->type_name("ID[,ID...]")
+      ->delimiter(',')
+      ->allow_extra_args(false);
+  app.add_option("--source", o.filters.sources,
+                 "only records of these sources (\"AttentionPlugin.cpp\", \"AttentionPlugin\", "
+                 "\"AttentionFuntion\", ...)")
+      ->type_name("NAME[,NAME...]")
+      ->delimiter(',')
+      ->allow_extra_args(false);
+  app.add_flag("--json", o.json,
+               "JSON Lines: one object per record (or per session with --summary)");
+  app.add_flag("--summary", o.summary, "sum the records up per process session");
+  app.add_option("--color", o.colour,
+                 "colour records by level: auto (on a terminal), always or never")
+      ->type_name("WHEN")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
+  app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
+  app.add_option("FILE", o.files, "log files; \"-\" is standard input")->required()->type_name("");
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        std::fputs(app.help().c_str(), stdout);
-        return FlushOutput() ? kExitOk : kExitIo;
-    } catch (const CLI::ParseError& e) {
-        return Usage(e.what());
-    }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    std::fputs(app.help().c_str(), stdout);
+    return FlushOutput() ? kExitOk : kExitIo;
+  } catch (const CLI::ParseError& e) {
+    return Usage(e.what());
+  }
 
-    std::vector<FormatChoice> forms;
-    std::string error = FormsOfFiles(o, forms);
-    if (error.empty())
-        error = o.filters.Check();
-    if (error.empty() && o.follow) {
-        for (const auto& name : o.files)
-            if (name == "-")
-                error = "standard input cannot be followed";
-        if (o.summary)
-            error = "--summary sums up files read once; it cannot follow them";
-    }
-    if (!error.empty())
-        return Usage(error);
-    SetQuiet(o.quiet);
+  std::vector<FormatChoice> forms;
+  std::string error = FormsOfFiles(o, forms);
+  if (error.empty()) error = o.filters.Check();
+  if (error.empty() && o.follow) {
+    for (const auto& name : o.files)
+      if (name == "-") error = "standard input cannot be followed";
+    if (o.summary) error = "--summary sums up files read once; it cannot follow them";
+  }
+  if (!error.empty()) return Usage(error);
+  SetQuiet(o.quiet);
 
-    Timeline timeline;
-    for (std::size_t i = 0; i < o.files.size(); ++i)
-        timeline.Add(std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
+  Timeline timeline;
+  for (std::size_t i = 0; i < o.files.size(); ++i)
+    timeline.Add(
+        std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
 
-    const bool colour = !o.json && !o.summary &&
-                        (o.colour == "always" || (o.colour == "auto" && StdoutIsColourTerminal()));
-    std::unique_ptr<Summary> summary;
-    std::unique_ptr<RecordSink> writer;
-    RecordSink* sink = nullptr;
-    if (o.summary) {
-        summary = std::make_unique<Summary>(timeline);
-        sink = summary.get();
-    } else {
-        if (o.json)
-            writer = std::make_unique<JsonWriter>(timeline);
-        else if (o.files.size() == 1 && !o.filters.any())
-            writer = std::make_unique<RawWriter>(colour);
-        else
-            writer = std::make_unique<LineWriter>(timeline, colour);
-        sink = writer.get();
-    }
-    std::unique_ptr<RecordFilter> filter;
-    if (o.filters.any()) {
-        filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
-        sink = filter.get();
-    }
+  const bool colour = !o.json && !o.summary &&
+                      (o.colour == "always" || (o.colour == "auto" && StdoutIsColourTerminal()));
+  std::unique_ptr<Summary> summary;
+  std::unique_ptr<RecordSink> writer;
+  RecordSink* sink = nullptr;
+  if (o.summary) {
+    summary = std::make_unique<Summary>(timeline);
+    sink = summary.get();
+  } else {
+    if (o.json)
+      writer = std::make_unique<JsonWriter>(timeline);
+    else if (o.files.size() == 1 && !o.filters.any())
+      writer = std::make_unique<RawWriter>(colour);
+    else
+      writer = std::make_unique<LineWriter>(timeline, colour);
+    sink = writer.get();
+  }
+  std::unique_ptr<RecordFilter> filter;
+  if (o.filters.any()) {
+    filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
+    sink = filter.get();
+  }
 
-    if (o.follow)
-        return timeline.Follow(*sink);
-    int code = timeline.ReadMerged(*sink);
-    if (summary) {
-        if (o.json)
-            summary->PrintJson();
-        else
-            summary->PrintText();
-    }
-    if (!FlushOutput()) {
-        std::fprintf(stderr, "logread: cannot write to standard output\n");
-        return kExitIo;
-    }
-    return code;
+  if (o.follow) return timeline.Follow(*sink);
+  int code = timeline.ReadMerged(*sink);
+  if (summary) {
+    if (o.json)
+      summary->PrintJson();
+    else
+      summary->PrintText();
+  }
+  if (!FlushOutput()) {
+    std::fprintf(stderr, "logread: cannot write to standard output\n");
+    return kExitIo;
+  }
+  return code;
 }
 
 }  // namespace
 
 }  // namespace logread
 
-int main(int argc, char** argv)
-{
-    logread::BinaryStdio();
+int main(int argc, char** argv) {
+  logread::BinaryStdio();
 #ifdef _WIN32
-    // The arguments come from the wide command line, as UTF-8, so that any
-    // file name works; paths are made wide again from them.
-    int count = 0;
-    wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
-    if (wide) {
-        std::vector<std::string> args;
-        for (int i = 0; i < count; ++i) {
-            const int n = WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, nullptr, 0, nullptr, nullptr);
-            std::string arg(n > 0 ? n - 1 : 0, '\0');
-            if (n > 1)
-                WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, arg.data(), n, nullptr, nullptr);
-            args.push_back(std::move(arg));
-        }
-        LocalFree(wide);
-        std::vector<char*> pointers;
-        for (auto& arg : args)
-            pointers.push_back(arg.data());
-        pointers.push_back(nullptr);
-        return logread::Run(count, pointers.data());
+  // The arguments come from the wide command line, as UTF-8, so that any
+  // file name works; paths are made wide again from them.
+  int count = 0;
+  wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (wide) {
+    std::vector<std::string> args;
+    for (int i = 0; i < count; ++i) {
+      const int n = WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, nullptr, 0, nullptr, nullptr);
+      std::string arg(n > 0 ? n - 1 : 0, '\0');
+      if (n > 1) WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, arg.data(), n, nullptr, nullptr);
+      args.push_back(std::move(arg));
     }
+    LocalFree(wide);
+    std::vector<char*> pointers;
+    for (auto& arg : args) pointers.push_back(arg.data());
+    pointers.push_back(nullptr);
+    return logread::Run(count, pointers.data());
+  }
 #endif
-    return logread::Run(argc, argv);
+  return logread::Run(argc, argv);
 }

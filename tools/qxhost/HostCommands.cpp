@@ -98,30 +98,35 @@ Command ParseCommand(const std::string& raw) {
 }
 
 const char* CommandHelp() {
-  return
-      "Commands (one per argument, script line or typed line):\n"
-      "  NAME                         run action NAME with empty parameters \"\"\n"
-      "  NAME=PARAMS  or  NAME PARAMS run action NAME with the JSON text PARAMS\n"
-      "  NAME=@null                   run action NAME with a null parameter pointer\n"
-      "  \"NAME\" [PARAMS]              quoted action name, byte for byte (\"init \")\n"
-      "  sleep MS                     pause MS milliseconds\n"
-      "  wait-callback MS [KIND]      wait up to MS ms for a host callback not yet\n"
-      "                               waited for (of kind KIND, e.g. BIGDATA)\n"
-      "  # text                       comment (scripts)\n"
-      "  help                         this summary (interactive)\n"
-      "  quit | exit                  leave (interactive, scripts)\n"
-      "Actions of the attention plug-in: ability, init, close, get_attention,\n"
-      "  set_attention_status={\"F4010\":{\"status\":2}},\n"
-      "  set_attention_delay={\"F4010\":{\"delay\":30}}\n";
+  return "Commands (one per argument, script line or typed line):\n"
+         "  NAME                         run action NAME with empty parameters \"\"\n"
+         "  NAME=PARAMS  or  NAME PARAMS run action NAME with the JSON text PARAMS\n"
+         "  NAME=@null                   run action NAME with a null parameter pointer\n"
+         "  \"NAME\" [PARAMS]              quoted action name, byte for byte (\"init \")\n"
+         "  sleep MS                     pause MS milliseconds\n"
+         "  wait-callback MS [KIND]      wait up to MS ms for a host callback not yet\n"
+         "                               waited for (of kind KIND, e.g. BIGDATA)\n"
+         "  # text                       comment (scripts)\n"
+         "  help                         this summary (interactive)\n"
+         "  quit | exit                  leave (interactive, scripts)\n"
+         "Actions of the attention plug-in: ability, init, close, get_attention,\n"
+         "  set_attention_status={\"F4010\":{\"status\":2}},\n"
+         "  set_attention_delay={\"F4010\":{\"delay\":30}}\n";
 }
 
 std::string Escape(const std::string& text) {
   std::string out;
   for (unsigned char ch : text) {
     switch (ch) {
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (ch < 0x20 || ch == 0x7f) {
           char hex[8];

@@ -14,7 +14,7 @@ struct Command {
     WaitCallback,  // wait up to `ms` for a host callback (of kind `filter` if set)
     Help,
     Quit,
-    Invalid,       // `error` says why
+    Invalid,  // `error` says why
   };
   Kind kind = Nothing;
   std::string name;

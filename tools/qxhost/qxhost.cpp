@@ -84,8 +84,10 @@ int __cdecl OnHostCallback(const char* kind, const char* name, const char* json,
   const DWORD thread = GetCurrentThreadId();
   const std::string k = kind ? kind : "";
   Print("[callback] thread %lu (%s): kind=%s name=%s json=%s arg4=%llu arg5=%ld\n",
-        static_cast<unsigned long>(thread), thread == g_hostThread ? "host thread" : "plug-in thread",
-        kind ? qxhost::Escape(kind).c_str() : "(null)", name ? qxhost::Escape(name).c_str() : "(null)",
+        static_cast<unsigned long>(thread),
+        thread == g_hostThread ? "host thread" : "plug-in thread",
+        kind ? qxhost::Escape(kind).c_str() : "(null)",
+        name ? qxhost::Escape(name).c_str() : "(null)",
         json ? qxhost::Escape(json).c_str() : "(null)", static_cast<unsigned long long>(reserved),
         static_cast<long>(flags));
   {
@@ -135,9 +137,9 @@ bool LoadPlugin(const std::string& path) {
   g_plugin.init = Export<PluginInit>(module, "qx_plugin_init");
   g_plugin.action = Export<PluginAction>(module, "qx_plugin_action");
   g_plugin.release = Export<PluginDelete>(module, "qx_plugin_delete");
-  const char* missing = !g_plugin.create   ? "qx_plugin_new"
-                        : !g_plugin.init   ? "qx_plugin_init"
-                        : !g_plugin.action ? "qx_plugin_action"
+  const char* missing = !g_plugin.create    ? "qx_plugin_new"
+                        : !g_plugin.init    ? "qx_plugin_init"
+                        : !g_plugin.action  ? "qx_plugin_action"
                         : !g_plugin.release ? "qx_plugin_delete"
                                             : nullptr;
   if (missing) {
@@ -151,15 +153,18 @@ bool LoadPlugin(const std::string& path) {
 void Warn(const std::string& where, const std::string& text) {
   std::lock_guard<std::mutex> lock(g_printLock);
   std::fflush(stdout);
-  std::fprintf(stderr, "qxhost: warning: %s: %s (the lifecycle: qx_plugin_init once, then \"init\", then "
-               "actions, last \"close\")\n", where.c_str(), text.c_str());
+  std::fprintf(stderr,
+               "qxhost: warning: %s: %s (the lifecycle: qx_plugin_init once, then \"init\", then "
+               "actions, last \"close\")\n",
+               where.c_str(), text.c_str());
   std::fflush(stderr);
 }
 
 // Runs one action through qx_plugin_action and prints its result. Returns
 // false when an exception escaped the call.
 bool RunAction(const qxhost::Command& command, const std::string& where) {
-  for (const std::string& breach : g_lifecycle.Action(command.name)) Warn(where, qxhost::Escape(breach));
+  for (const std::string& breach : g_lifecycle.Action(command.name))
+    Warn(where, qxhost::Escape(breach));
   const char* params = command.nullParams ? nullptr : command.params.c_str();
   if (params)
     Print("[action] \"%s\" params: %s\n", qxhost::Escape(command.name).c_str(),
@@ -186,7 +191,8 @@ bool RunAction(const qxhost::Command& command, const std::string& where) {
   g_currentAction = nullptr;
 
   if (result == reinterpret_cast<char*>(static_cast<std::uintptr_t>(0xdeadbeef))) {
-    Print("[result] %s -> %d, no result pointer stored\n", qxhost::Escape(command.name).c_str(), rc);
+    Print("[result] %s -> %d, no result pointer stored\n", qxhost::Escape(command.name).c_str(),
+          rc);
     return true;
   }
   if (!result) {
@@ -251,7 +257,8 @@ void Run(Session* session, const std::string& line, const std::string& where, bo
       Sleep(command.ms);
       break;
     case qxhost::Command::WaitCallback:
-      if (!WaitCallback(command) && session->exitCode == kExitOk) session->exitCode = kExitWaitTimedOut;
+      if (!WaitCallback(command) && session->exitCode == kExitOk)
+        session->exitCode = kExitWaitTimedOut;
       break;
     case qxhost::Command::Action:
       if (!RunAction(command, where)) session->exitCode = kExitException;
@@ -330,7 +337,8 @@ int main(int argc, char** argv) {
   SetUnhandledExceptionFilter(OnUnhandledException);
   g_hostThread = GetCurrentThreadId();
   if (!LoadPlugin(dll)) return kExitLoad;
-  Print("qxhost: loaded %s; host thread %lu\n", dll.c_str(), static_cast<unsigned long>(g_hostThread));
+  Print("qxhost: loaded %s; host thread %lu\n", dll.c_str(),
+        static_cast<unsigned long>(g_hostThread));
 
   if (callInit) {
     g_lifecycle.PluginInit();
