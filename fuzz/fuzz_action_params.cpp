@@ -44,10 +44,12 @@ Expected ReadIndependently(const char* params, const char* member) {
   double number = 0;
   if (v.isNull() || v.isBool()) number = v.isBool() && v.asBool();
   if (v.isNumeric()) number = v.asDouble();  // exact for every integer within 32 bits
-  e.throws = e.read == ParamRead::Ok &&
-             (v.isString() || v.isArray() || v.isObject() ||
-              !(number >= static_cast<double>(INT_MIN) && number <= static_cast<double>(INT_MAX)));
-  e.value = e.throws ? 0 : static_cast<int>(number);
+  const bool fits =
+      number >= static_cast<double>(INT_MIN) && number <= static_cast<double>(INT_MAX);
+  e.throws = e.read == ParamRead::Ok && (v.isString() || v.isArray() || v.isObject() || !fits);
+  // Converted only when it fits: a section that is itself a huge number is read
+  // as "no section", and its value is never used.
+  e.value = e.throws || !fits ? 0 : static_cast<int>(number);
   return e;
 }
 
