@@ -131,6 +131,20 @@ void TakeRecord(const FusionRecord& record, std::int32_t size, void* out) {
   if (size > 0) std::memcpy(out, &record.bytes, static_cast<std::size_t>(size));
 }
 
+// One GetSensorData call under the client lock; `out` (size bytes) receives the
+// record only when the reply carries exactly size bytes.
+std::int32_t FetchSensorRecord(std::int32_t id, std::int32_t size, void* out) {
+  EnterCriticalSection(&g_fusion.lock);
+  std::int32_t result = Guarded(kExceptionText, [&] {
+    FusionRecord record;
+    std::int32_t r = FusionRpcGetSensorData(Binding(), id, size, &record);
+    TakeRecord(record, size, out);
+    return r;
+  });
+  LeaveCriticalSection(&g_fusion.lock);
+  return result;
+}
+
 // Stop event, named sensor event and thread of one index (FusionSetting step 4,
 // StartFusion 1). Returns 0, 0x10000000 + index or 0x20000000 + index.
 std::int32_t StartSensorThread(int index) {
@@ -241,15 +255,7 @@ std::int32_t SetFusionDelay(void*, const std::uint32_t* delay) {
 std::int32_t GetSensorData(std::int32_t id, void* data) {
   if (id < 0 || id >= kFusionSensorCount || !(g_fusion.FusionStatus & (1u << id))) return 2;
   std::int32_t size = GetSensorDataSize(id);
-  EnterCriticalSection(&g_fusion.lock);
-  std::int32_t result = Guarded(kExceptionText, [&] {
-    FusionRecord record;
-    std::int32_t r = FusionRpcGetSensorData(Binding(), id, size, &record);
-    TakeRecord(record, size, data);
-    return r;
-  });
-  LeaveCriticalSection(&g_fusion.lock);
-  return result;
+  return FetchSensorRecord(id, size, data);
 }
 
 std::int32_t InitFusion() {
@@ -368,14 +374,7 @@ std::int32_t SensorDataCallback(std::int32_t id) {
         break;
     }
   }
-  EnterCriticalSection(&g_fusion.lock);
-  std::int32_t result = Guarded(kExceptionText, [&] {
-    FusionRecord record;
-    std::int32_t r = FusionRpcGetSensorData(Binding(), id, size, &record);
-    TakeRecord(record, size, buffer);
-    return r;
-  });
-  LeaveCriticalSection(&g_fusion.lock);
+  std::int32_t result = FetchSensorRecord(id, size, buffer);
   if (result == 0 && g_fusion.dataCallback) {
     SensorLibLogWrite("SensorDataCallback,id %d\n", id);
     g_fusion.dataCallback(g_fusion.dataCallbackContext, id, buffer);
