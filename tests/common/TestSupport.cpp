@@ -6,15 +6,9 @@
 
 #include <fstream>
 #include <iterator>
+#include <type_traits>
 
 namespace testsupport {
-
-namespace {
-std::vector<std::string> g_args;
-}
-
-void SetArgs(int argc, char** argv) { g_args.assign(argv, argv + argc); }
-const std::vector<std::string>& Args() { return g_args; }
 
 std::wstring ExeDir() {
   wchar_t self[MAX_PATH] = {};
@@ -114,12 +108,15 @@ std::wstring Widen(const std::string& s) {
   return w;
 }
 
-std::string Narrow(const std::wstring& w) {
-  std::string s(w.size() * 3, '\0');
-  s.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, w.data(), static_cast<int>(w.size()),
-                                                   s.data(), static_cast<int>(s.size()), nullptr,
-                                                   nullptr)));
-  return s;
+bool LoadPlugin(const std::wstring& dll, Plugin* out) {
+  const HMODULE module = LoadLibraryW((ExeDir() + dll).c_str());
+  const auto get = [module](auto& export_, const char* name) {
+    export_ = reinterpret_cast<std::remove_reference_t<decltype(export_)>>(
+        module ? reinterpret_cast<void*>(GetProcAddress(module, name)) : nullptr);
+    return export_ != nullptr;
+  };
+  return get(out->create, "qx_plugin_new") & get(out->init, "qx_plugin_init") &
+         get(out->action, "qx_plugin_action") & get(out->free, "qx_plugin_delete");
 }
 
 }  // namespace testsupport

@@ -7,11 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace testsupport {
+#include "qx_plugin.h"
 
-// argv of the test program, saved by the test main before GoogleTest runs.
-void SetArgs(int argc, char** argv);
-const std::vector<std::string>& Args();
+namespace testsupport {
 
 // Starts a program from a full command line; its stdout (and stderr, when
 // `stderrFile` is given) go to files when named. Returns the process handle.
@@ -32,6 +30,15 @@ std::wstring CommonAppData();
 std::wstring TempDir(const std::wstring& name);  // fresh, empty folder
 void RemoveTree(const std::wstring& path);
 std::wstring Widen(const std::string& s);
-std::string Narrow(const std::wstring& s);
+
+// The plug-in's four exports, as a host that loads it finds them.
+struct Plugin {
+  qx_plugin_new_fn create = nullptr;
+  qx_plugin_init_fn init = nullptr;
+  qx_plugin_action_fn action = nullptr;
+  qx_plugin_delete_fn free = nullptr;
+};
+// Loads `dll` from this program's folder; false when it or an export is missing.
+bool LoadPlugin(const std::wstring& dll, Plugin* out);
 
 }  // namespace testsupport

@@ -229,7 +229,6 @@ TEST(FreshProcess, BeforeSetupConsoleEchoAndLinkedFolder) {
 }
 
 int main(int argc, char** argv) {
-  SetArgs(argc, argv);
   if (argc >= 3 && std::string(argv[1]) == "--role") return Role(argv[2]);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

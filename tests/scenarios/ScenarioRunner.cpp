@@ -79,11 +79,7 @@ bool SetService(const std::string& mode, const std::wstring& args) {
 // ---------------------------------------------------------------------------
 // A host session.
 
-using HostCallback = int (*)(const char*, const char*, const char*, std::uintptr_t, std::int32_t);
-void* (*g_new)(int) = nullptr;
-int (*g_init)(void*, HostCallback) = nullptr;
-int (*g_action)(const char*, const char*, char**) = nullptr;
-void (*g_delete)(void*) = nullptr;
+Plugin g_plugin;
 
 DWORD g_hostThread = 0;
 std::mutex g_lock;
@@ -111,14 +107,15 @@ Tokens RunAction(const Tokens& t) {
   char* result = kPoison;
   int rc = 0;
   try {
-    rc = g_action(name.c_str(), t.size() > 2 && t[2] != "null" ? params.c_str() : nullptr, &result);
+    rc = g_plugin.action(name.c_str(), t.size() > 2 && t[2] != "null" ? params.c_str() : nullptr,
+                         &result);
   } catch (const std::exception& e) {
     return {"result", "throws", Quote(e.what())};
   }
   if (result == kPoison || !result)
     return {"result", std::to_string(rc), result ? "no-result" : "null"};
   Tokens out = {"result", std::to_string(rc), Quote(result)};
-  g_delete(result);
+  g_plugin.free(result);
   return out;
 }
 
@@ -233,8 +230,8 @@ std::size_t ImpliedReports() {
 Tokens Storm(int rounds) {
   std::atomic<bool> done{false}, pause{false}, paused{false};
   std::thread events([&] {
-    std::vector<FusionSimCall>
-        calls;  // the check needs the record whole: it ends before it fills up
+    // The check needs the call record whole: the storm ends before it fills up.
+    std::vector<FusionSimCall> calls;
     for (int i = 0; !done && !(i % 256 == 0 && FusionSimReadCalls(&calls) && calls.size() > 3000);
          ++i)
       if ((paused = pause.load()) || !FusionSimSetAttention(i % 2, true)) Sleep(1);
@@ -311,8 +308,8 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
     SHCreateDirectoryExW(nullptr, ConfigFolder().c_str(), nullptr);
     WritePrivateProfileStringW(L"config", Widen(arg(1)).c_str(), Widen(arg(2)).c_str(),
                                ini.c_str());
-    WritePrivateProfileStringW(nullptr, nullptr, nullptr,
-                               ini.c_str());  // flushes the profile cache
+    // Flushes the profile cache.
+    WritePrivateProfileStringW(nullptr, nullptr, nullptr, ini.c_str());
   } else if (w == "service") {
     std::wstring args;
     for (std::size_t i = 2; i < t.size(); ++i) args += Widen(arg(i)) + L" ";
@@ -326,25 +323,17 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
   } else if (w == "delete") {
     RegDeleteKeyValueW(Hive(arg(1)), kKey, Widen(arg(2)).c_str());
   } else if (w == "host") {
-    HMODULE dll = LoadLibraryW((ExeDir() + (arg(1) == "shipped" ? L"QXAttentionPlugin.dll"
-                                                                : L"QXAttentionPlugin-noauth.dll"))
-                                   .c_str());
-    auto get = [dll](const char* name) {
-      return reinterpret_cast<void*>(GetProcAddress(dll, name));
-    };
-    g_new = reinterpret_cast<decltype(g_new)>(get("qx_plugin_new"));
-    g_init = reinterpret_cast<decltype(g_init)>(get("qx_plugin_init"));
-    g_action = reinterpret_cast<decltype(g_action)>(get("qx_plugin_action"));
-    g_delete = reinterpret_cast<decltype(g_delete)>(get("qx_plugin_delete"));
-    if (!dll || !g_new || !g_init || !g_action || !g_delete)
+    if (!LoadPlugin(
+            arg(1) == "shipped" ? L"QXAttentionPlugin.dll" : L"QXAttentionPlugin-noauth.dll",
+            &g_plugin))
       return "the DLL or one of its exports is missing";
     g_hostThread = GetCurrentThreadId();
     s.threadsAtHost = ThreadCount();
   } else if (w == "qx_plugin_init") {
-    *result = {"result",
-               std::to_string(g_init(nullptr, arg(1) == "no-callback" ? nullptr : OnHostCallback))};
+    *result = {"result", std::to_string(g_plugin.init(
+                             nullptr, arg(1) == "no-callback" ? nullptr : OnHostCallback))};
   } else if (w == "qx_plugin_new") {
-    void* block = g_new(static_cast<int>(Number(arg(1))));
+    void* block = g_plugin.create(static_cast<int>(Number(arg(1))));
     const bool again = std::find(s.blocks.begin(), s.blocks.end(), block) != s.blocks.end();
     *result = {"result", !block ? "null" : again ? "reused" : "new"};
     if (block && !again)
@@ -490,8 +479,8 @@ int RunSession(const std::string& file, const std::string& name, int index,
   if (!steps)
     s.Fail(0, "no steps for session " + std::to_string(index) + " of " + name + " " + error);
   if (s.worker.joinable()) s.worker.detach();  // still in the plug-in: ends with the process
-  for (void* block : s.blocks) g_delete(block);
-  if (g_delete) g_delete(nullptr);
+  for (void* block : s.blocks) g_plugin.free(block);
+  if (g_plugin.free) g_plugin.free(nullptr);
   for (const std::string& f : s.failures) std::fprintf(stderr, "%s\n", f.c_str());
   std::fprintf(stderr, "%s\n", s.failures.empty() ? "session passed" : "session failed");
   std::fflush(stderr);

@@ -94,11 +94,7 @@ int OnHost(const char* kind, const char* name, const char* json, std::uintptr_t 
   return 0;
 }
 
-struct Plugin {
-  int (*init)(void*, decltype(&OnHost));
-  int (*action)(const char*, const char*, char**);
-  void (*free)(void*);
-} g_plugin;
+Plugin g_plugin;
 
 // What one step (see peer.txt) gives back.
 std::string RunStep(const std::string& line) {
@@ -166,14 +162,7 @@ std::string RunStep(const std::string& line) {
            (call == "wait-callback" && !g_sensor.eventThread ? " not on the waiting thread" : "");
   }
   if (call == "load") {
-    HMODULE dll = LoadLibraryW((ExeDir() + Widen(arg)).c_str());
-    if (!dll) return "no DLL";
-    const auto get = [dll](const char* name) {
-      return reinterpret_cast<void*>(GetProcAddress(dll, name));
-    };
-    g_plugin.init = reinterpret_cast<decltype(g_plugin.init)>(get("qx_plugin_init"));
-    g_plugin.action = reinterpret_cast<decltype(g_plugin.action)>(get("qx_plugin_action"));
-    g_plugin.free = reinterpret_cast<decltype(g_plugin.free)>(get("qx_plugin_delete"));
+    if (!LoadPlugin(Widen(arg), &g_plugin)) return "no DLL";
     return std::to_string(g_plugin.init(nullptr, OnHost));
   }
   if (call == "action") {
@@ -262,8 +251,8 @@ void Judge(const std::string& file, Scenario s) {
   if (event) CloseHandle(event);
   EXPECT_EQ(0, exitCode) << "the child crashed, hung or failed";
 
-  std::vector<std::string>
-      answers;  // "answer TEXT\r" (stdout is in text mode), among what the DLL prints
+  // "answer TEXT\r" (stdout is in text mode), among what the DLL prints.
+  std::vector<std::string> answers;
   for (const std::string& line : Lines(ReadFileBytes(out), "\n"))
     if (line.rfind("answer ", 0) == 0) answers.push_back(line);
   for (std::size_t i = 0; i < s["step"].size(); ++i)
@@ -336,7 +325,6 @@ INSTANTIATE_TEST_SUITE_P(File, ScenarioTest, testing::ValuesIn(g_scenarios), [](
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetArgs(argc, argv);
   if (argc >= 5 && std::string(argv[1]) == "--role") {
     for (Scenario& s : Load(argv[3]))
       for (std::size_t i = 0; s["=="][0] == argv[4] && i < s["step"].size(); ++i)
