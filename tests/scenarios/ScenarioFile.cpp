@@ -3,27 +3,21 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <sstream>
 
 namespace scenario {
 namespace {
 
-const std::set<std::string> kSteps = {
-    "config",         "service",       "write",  "delete",           "host",
-    "qx_plugin_init", "qx_plugin_new", "action", "action-in-thread", "join",
-    "storm",          "sim",           "wait"};
-const std::set<std::string> kExpectations = {"result",
-                                             "log",
-                                             "rpc",
-                                             "callback",
-                                             "stdout",
-                                             "sensorlog",
-                                             "reg",
-                                             "service-state",
-                                             "within",
-                                             "no-extra-threads",
-                                             "callbacks-match-fetches"};
+// The words that start a step, and those that start an expectation below one.
+const std::string kSteps =
+    " config service write delete host qx_plugin_init qx_plugin_new action action-in-thread join"
+    " storm sim wait ";
+const std::string kExpectations =
+    " result log rpc callback stdout sensorlog reg service-state within no-extra-threads"
+    " callbacks-match-fetches ";
+bool Among(const std::string& words, const std::string& word) {
+  return !word.empty() && words.find(" " + word + " ") != std::string::npos;
+}
 
 // Reads the text of a backtick token starting at line[at]; leaves `at` after it.
 bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
@@ -34,29 +28,18 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
       *text += c;
       continue;
     }
-    switch (c = line[++at]) {
-      case 'n':
-        *text += '\n';
-        break;
-      case 't':
-        *text += '\t';
-        break;
-      case 'r':
-        *text += '\r';
-        break;
-      case 'x':
-        *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16)),
-            at += 2;
-        break;
-      case '*': {  // "\*5000[": 5000 times "["
-        char* end = nullptr;
-        const long count = std::strtol(line.c_str() + at + 1, &end, 10);
-        at = static_cast<std::size_t>(end - line.c_str());
-        if (at < line.size()) text->append(static_cast<std::size_t>(count), line[at]);
-        break;
-      }
-      default:
-        *text += c;
+    static const std::string kEscapes = "n\nt\tr\r";  // "\n" is a line feed, ...
+    const std::size_t escape = kEscapes.find(c = line[++at]);
+    if (c == 'x') {
+      *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16));
+      at += 2;
+    } else if (c == '*') {  // "\*5000[": 5000 times "["
+      char* end = nullptr;
+      const long count = std::strtol(line.c_str() + at + 1, &end, 10);
+      at = static_cast<std::size_t>(end - line.c_str());
+      if (at < line.size()) text->append(static_cast<std::size_t>(count), line[at]);
+    } else {
+      *text += escape != std::string::npos && escape % 2 == 0 ? kEscapes[escape + 1] : c;
     }
   }
   return false;
@@ -171,10 +154,10 @@ std::vector<Scenario> Parse(const std::string& text, std::string* error) {
     const std::string word = closed ? line.tokens[0] : "";
     if (word == "scenario" && line.tokens.size() == 2) {
       out.push_back({line.tokens[1], {}, 0});
-    } else if (!out.empty() && kSteps.count(word)) {
+    } else if (!out.empty() && Among(kSteps, word)) {
       out.back().steps.push_back({line, {}});
       out.back().sessions += word == "host";
-    } else if (!out.empty() && !out.back().steps.empty() && kExpectations.count(word)) {
+    } else if (!out.empty() && !out.back().steps.empty() && Among(kExpectations, word)) {
       out.back().steps.back().expect.push_back(line);
     } else {
       *error = "line " + std::to_string(number) + ": " +
