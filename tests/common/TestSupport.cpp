@@ -45,12 +45,12 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
 }
 
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
-                 const std::wstring& stdoutFile) {
+                 const std::wstring& stdoutFile, const std::wstring& stderrFile) {
   wchar_t self[MAX_PATH] = {};
   GetModuleFileNameW(nullptr, self, MAX_PATH);
   std::wstring command = L"\"" + std::wstring(self) + L"\" --role " + role;
   for (const auto& a : args) command += L" \"" + a + L"\"";
-  return StartProcess(command, stdoutFile);
+  return StartProcess(command, stdoutFile, stderrFile);
 }
 
 int WaitChild(HANDLE process, DWORD timeoutMs) {

@@ -17,7 +17,7 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
                     const std::wstring& stderrFile = L"");
 // Starts this test program again with `role` and its arguments.
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
-                 const std::wstring& stdoutFile = L"");
+                 const std::wstring& stdoutFile = L"", const std::wstring& stderrFile = L"");
 std::wstring ExeDir();  // the running program's folder, with a trailing backslash
 // Waits (bounded) for a child; returns its exit code, or -1 on time-out (the
 // child is then terminated).

@@ -8,9 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace {
 
@@ -69,10 +70,7 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
-  wchar_t self[MAX_PATH] = {};
-  const std::wstring exe(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
-  g_folder = argc > 1 ? std::wstring(argv[1], argv[1] + std::strlen(argv[1])) + L"\\"
-                      : exe.substr(0, exe.find_last_of(L"\\/") + 1);
+  g_folder = argc > 1 ? testsupport::Widen(argv[1]) + L"\\" : testsupport::ExeDir();
   std::printf("version resources in %ls\n", g_folder.c_str());
   return RUN_ALL_TESTS();
 }

@@ -1,6 +1,6 @@
 // `scenario_runner FILE.scn`: each scenario of the file is a GoogleTest case,
 // which puts the machine into its known state (README.md) and runs each "host"
-// session as a new process of this program (`--session FILE NAME N STDOUT`),
+// session as a new process of this program (`--role session FILE NAME N STDOUT`),
 // a fresh host process for the plug-in. A session loads the DLL, runs the
 // steps, compares after each step what happened with the expectations below
 // it, and reports the differences on standard error.
@@ -506,10 +506,8 @@ class ScenarioCase : public testing::Test {
     for (int i = 0; i < sessions_ && !HasFailure(); ++i) {
       const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n,
                          report = dir + L"\\report" + n;
-      const std::wstring command = L"\"" + ExeDir() + L"scenario_runner.exe\" --session \"" +
-                                   Widen(file_) + L"\" " + Widen(name_) + L" " + n + L" \"" + out +
-                                   L"\"";
-      const int code = WaitChild(StartProcess(command, out, report), 300000);
+      const int code = WaitChild(
+          StartSelf(L"session", {Widen(file_), Widen(name_), n, out}, out, report), 300000);
       const std::string text = ReadFileBytes(report);
       if (code != 0 || text.find("session passed") == std::string::npos)
         ADD_FAILURE() << "session " << i + 1 << " of " << sessions_
@@ -527,8 +525,8 @@ class ScenarioCase : public testing::Test {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 6 && std::strcmp(argv[1], "--session") == 0)
-    return RunSession(argv[2], argv[3], std::atoi(argv[4]), Widen(argv[5]));
+  if (argc == 7 && std::strcmp(argv[1], "--role") == 0)  // session FILE NAME N STDOUT
+    return RunSession(argv[3], argv[4], std::atoi(argv[5]), Widen(argv[6]));
   testing::InitGoogleTest(&argc, argv);
   if (argc != 2) {
     std::fprintf(stderr, "usage: scenario_runner FILE.scn [GoogleTest options]\n");
