@@ -1,5 +1,5 @@
-// libFuzzer target: the parameters of the two "set_" actions and the response
-// documents. The input is the parameter text the host hands over (an embedded
+// libFuzzer target: the parameters of the two "set_" actions and the action
+// names. The input is the parameter text the host hands over (an embedded
 // zero ends it, as at the boundary). For "status" and "delay" it goes through
 // what the action does (read the document, check "F4010", convert the member,
 // check the range, build the response), compared with jsoncpp's own reading.
@@ -53,7 +53,8 @@ Expected ReadIndependently(const char* params, const char* member) {
   return e;
 }
 
-// One "set_" action over `params`: `member` is "status" or "delay".
+// One "set_" action over `params`: `member` is "status" or "delay", `other`
+// the value of the other one in the response.
 void RunSetAction(const char* params, const char* member, bool (*in_range)(int), int low, int high,
                   std::int32_t other) {
   const Expected expected = ReadIndependently(params, member);
@@ -80,12 +81,6 @@ void RunSetAction(const char* params, const char* member, bool (*in_range)(int),
             ",\"status\":" + std::to_string(status ? value : other) + "}\n");
 }
 
-std::int32_t Word(const std::uint8_t* data, std::size_t size, std::size_t at) {
-  std::uint32_t w = 0;
-  for (std::size_t i = 0; i < 4; ++i) w = (w << 8) | (at + i < size ? data[at + i] : 0u);
-  return static_cast<std::int32_t>(w);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -94,8 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::unique_ptr<char[]> params(new char[size + 1]);
   std::memcpy(params.get(), data, size);
   params[size] = '\0';
-  RunSetAction(params.get(), "status", status_in_range, 1, 2, Word(data, size, 0));
-  RunSetAction(params.get(), "delay", delay_in_range, 10, 60, Word(data, size, 4));
+  RunSetAction(params.get(), "status", status_in_range, 1, 2, 45);
+  RunSetAction(params.get(), "delay", delay_in_range, 10, 60, -1);
 
   // The same text as an action name: only the six exact names are known.
   const char* const known[] = {
@@ -104,18 +99,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (std::size_t i = 0; i < 6; ++i)
     if (std::strcmp(params.get(), known[i]) == 0) expected = static_cast<PluginActionKind>(i);
   CHECK(classify_action(params.get()) == expected);
-
-  // Response documents over the whole value range, values drawn from the input.
-  const std::int32_t status = Word(data, size, 0), delay = Word(data, size, 4),
-                     code = Word(data, size, 12);
-  const std::uint32_t ability = static_cast<std::uint32_t>(Word(data, size, 8));
-  CHECK(build_ability_response(ability, status, delay) ==
-        "{\"ability\":" + std::to_string(ability) +
-            ",\"id\":\"F4010\",\"items\":{\"delay\":" + std::to_string(delay) +
-            ",\"status\":" + std::to_string(status) + "},\"plugin\":\"Attention\"}\n");
-  CHECK(build_attention_response(status, delay) ==
-        "{\"cmd\":\"get_attention\",\"delay\":" + std::to_string(delay) +
-            ",\"status\":" + std::to_string(status) + "}\n");
-  CHECK(build_error_response(code) == "{\"error_code\":" + std::to_string(code) + "}\n");
   return 0;
 }
