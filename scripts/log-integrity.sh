@@ -2,8 +2,8 @@
 # Log integrity under contention at full size: WRITERS processes x RECORDS
 # records into one obfuscated log whose size limit (MAX_SIZE bytes) makes the
 # size check delete it again and again; then the file left is decoded and
-# every record checked (bin/log_contention_test.exe, the same program the test
-# suite runs at a smaller size). Runs in a Wine prefix of its own under the
+# every record checked (bin/logger_test.exe, its LogContention test, which the
+# test suite runs as the ctest entry log_contention). Runs in a Wine prefix of its own under the
 # build dir and ends that prefix's server.
 #   scripts/log-integrity.sh [BUILD_DIR] [WRITERS] [RECORDS] [MAX_SIZE]
 set -euo pipefail
@@ -16,6 +16,6 @@ trap '"$here/wine-prefix.sh" stop "$prefix"' EXIT
 export WINEPREFIX=$prefix WINEDEBUG=-all
 export QX_LOG_WRITERS=${2:-4} QX_LOG_RECORDS=${3:-10000} QX_LOG_MAX_SIZE=${4:-65536}
 start=$(date +%s.%N)
-timeout 1200 wine "$build/bin/log_contention_test.exe"
+timeout 1200 wine "$build/bin/logger_test.exe" --gtest_filter=LogContention.*
 end=$(date +%s.%N)
 awk -v s="$start" -v e="$end" 'BEGIN { printf "wall time: %.1f s\n", e - s }'
