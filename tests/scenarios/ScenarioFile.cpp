@@ -13,7 +13,7 @@ const std::string kSteps =
     " config service write delete host qx_plugin_init qx_plugin_new action action-in-thread join"
     " storm sim wait ";
 const std::string kExpectations =
-    " result log rpc callback stdout sensorlog reg service-state within no-extra-threads"
+    " result log rpc callback stdout reg service-state within no-extra-threads"
     " callbacks-match-fetches ";
 bool Among(const std::string& words, const std::string& word) {
   return !word.empty() && words.find(" " + word + " ") != std::string::npos;

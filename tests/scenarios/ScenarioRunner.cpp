@@ -38,9 +38,6 @@ std::wstring PluginLog() {
   return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
 }
 std::wstring ConfigFolder() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\config"; }
-std::wstring SensorLibLog() {
-  return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
-}
 HKEY Hive(const std::string& name) {
   return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
 }
@@ -128,7 +125,7 @@ struct Session {
   std::vector<void*> blocks;  // from "qx_plugin_new", freed at the end
   DWORD threadsAtHost = 0;
   // Where the current step's window starts.
-  std::size_t logMark = 0, stdoutMark = 0, sensorMark = 0, callbackMark = 0;
+  std::size_t logMark = 0, stdoutMark = 0, callbackMark = 0;
   void Fail(int line, const std::string& what) {
     failures.push_back("line " + std::to_string(line) + ": " + what);
   }
@@ -358,7 +355,6 @@ void Mark(Session& s) {
   FusionSimClearCalls();
   s.logMark = ReadFileBytes(PluginLog()).size();
   s.stdoutMark = ReadFileBytes(s.stdoutPath).size();
-  s.sensorMark = ReadFileBytes(SensorLibLog()).size();
   s.callbackMark = CallbackCount();
 }
 
@@ -396,8 +392,6 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
     if (!Matches({e.tokens}, {actual}))
       s.Fail(e.number, "expected " + Join(e.tokens) + "\n         got " + Join(actual));
   };
-  const std::string sensor = ReadFileBytes(SensorLibLog());
-  std::size_t sensorAt = std::min(s.sensorMark, sensor.size());
   for (const Line& e : step.expect) {
     const Tokens& t = e.tokens;
     const std::string& w = t[0];
@@ -416,10 +410,6 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
                                            : "absent"});
     } else if (w == "within" && elapsedMs >= Number(t[1])) {
       s.Fail(e.number, "the step took " + std::to_string(elapsedMs) + " ms");
-    } else if (w == "sensorlog" &&
-               (sensorAt = sensor.find(Unquote(t[1]), sensorAt)) == std::string::npos) {
-      s.Fail(e.number, "not in what SensorLibLog.log got:\n" +
-                           sensor.substr(std::min(s.sensorMark, sensor.size())));
     } else if (w == "no-extra-threads") {
       for (int i = 0; i < 50 && ThreadCount() > s.threadsAtHost; ++i) Sleep(100);
       if (ThreadCount() > s.threadsAtHost)
