@@ -150,8 +150,6 @@ TEST(Setup, DefaultsConfigKeysAndTheMutex) {
   EXPECT_EQ(Logs() + L"\\QXAttentionPlugin.log.logdat", Log().path());
   EXPECT_EQ(LogInfo, Log().level());
   EXPECT_EQ(0x100000, Log().maxSize());
-  Log().Setup(L"Other", L"x.log", 0x100000, 0, 1);  // a bare name goes to the product's logs folder
-  EXPECT_EQ(CommonAppData() + L"\\Vantoq\\Other\\logs\\x.log", Log().path());
 
   Config(
       "g_vantoq_global_log_level=5\r\ng_vantoq_global_max_size=777\r\ng_vantoq_log_encryped=0\r\n");
