@@ -1,9 +1,8 @@
 #include "TestSupport.h"
 
-#include <shellapi.h>
 #include <shlobj.h>
-#include <shlwapi.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <type_traits>
@@ -83,22 +82,12 @@ std::wstring CommonAppData() {
   return folder;
 }
 
-void RemoveTree(const std::wstring& path) {
-  std::wstring from = path + L'\0';  // a list of names, ended by an empty one
-  SHFILEOPSTRUCTW op = {};
-  op.wFunc = FO_DELETE;
-  op.pFrom = from.c_str();
-  op.fFlags = FOF_NO_UI;
-  SHFileOperationW(&op);
-}
-
 std::wstring TempDir(const std::wstring& name) {
-  wchar_t temp[MAX_PATH] = {};
-  GetTempPathW(MAX_PATH, temp);
-  std::wstring dir = std::wstring(temp) + L"qxtest-" + name;
-  RemoveTree(dir);
-  SHCreateDirectoryExW(nullptr, dir.c_str(), nullptr);
-  return dir;
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / (L"qxtest-" + name);
+  std::error_code ignored;  // a folder left from an earlier run goes first
+  std::filesystem::remove_all(dir, ignored);
+  std::filesystem::create_directories(dir, ignored);
+  return dir.wstring();
 }
 
 std::wstring Widen(const std::string& s) {

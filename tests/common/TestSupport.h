@@ -28,7 +28,6 @@ void WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool FileExists(const std::wstring& path);
 std::wstring CommonAppData();
 std::wstring TempDir(const std::wstring& name);  // fresh, empty folder
-void RemoveTree(const std::wstring& path);
 std::wstring Widen(const std::string& s);
 
 // The plug-in's four exports, as a host that loads it finds them.
