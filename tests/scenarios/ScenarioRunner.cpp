@@ -205,17 +205,11 @@ Tokens Registry(const std::string& hive, const std::string& name) {
 // The reports a run of fetched attention records implies: one for each record
 // that changes the status to 0, the first record fetched counting as a change.
 std::size_t ImpliedReports() {
-  std::vector<FusionSimCall> calls;
-  FusionSimReadCalls(&calls);
   std::size_t reports = 0;
-  std::int64_t last = -1;
-  for (const FusionSimCall& c : calls) {
-    if (c.opnum != 1 || !c.answered || c.result != 0 || c.dataLen != 4) continue;
-    const std::int64_t record =
-        c.data[0] | c.data[1] << 8 | c.data[2] << 16 | std::int64_t{c.data[3]} << 24;
-    reports += record == 0 && last != 0;
-    last = record;
-  }
+  std::string last;  // the record of the last fetch answered with 0 and 4 bytes
+  for (const Tokens& t : SimCalls())
+    if (t[1] == "GetSensorData" && t.size() == 5 && t[4].size() == 8)
+      reports += t[4] == "00000000" && last != t[4], last = t[4];
   return reports;
 }
 
