@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Prints the size of the tests against the code they test: non-blank lines of
-# C and C++ (.cpp, .h, .c) in tests/ and fuzz/ against the product (plugin/,
-# attention/, fusion/, log/, impl/, include/) and the tools (tools/); the
-# tests' data files (scenarios, case tables, expected outputs, scripts,
-# CMakeLists) are listed beside, and bench/ is not a test.
+# C and C++ (.cpp, .h, .c, and the RPC interface's .idl) in tests/ and fuzz/
+# against the product (plugin/, attention/, fusion/, log/, impl/, include/)
+# and the tools (tools/); the tests' data files (scenarios, case tables,
+# expected outputs, scripts, CMakeLists) are listed beside, and bench/ is not
+# a test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-code() { find "$@" -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) -print0 |
+code() { find "$@" -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' -o -name '*.idl' \) -print0 |
            xargs -0 -r cat | grep -cv '^[[:space:]]*$' || true; }
-data() { find "$@" -type f ! \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) ! -path '*/corpus/*' -print0 |
+data() { find "$@" -type f ! \( -name '*.cpp' -o -name '*.h' -o -name '*.c' -o -name '*.idl' \) ! -path '*/corpus/*' -print0 |
            xargs -0 -r cat | grep -acv '^[[:space:]]*$' || true; }
 product=$(code plugin attention fusion log impl include)
 tools=$(code tools)
