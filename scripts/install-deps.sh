@@ -4,8 +4,9 @@
 # sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
 # (clang and lld-link also build the MSVC-style host of the package test),
 # clang-format (the tests check the sources' style),
-# CLI11 (header-only command-line parser of the tools), lnav and jq (the log
-# reader's tests read its output with them), llvm-dlltool for the MSVC import
+# CLI11 (header-only command-line parser of the tools), zlib for both builds
+# (logread reads .gz files), lnav and jq (the log reader's tests read its
+# output with them), llvm-dlltool for the MSVC import
 # library, osslsigncode and openssl for signing, git for the commit's time, zip
 # and file (CPack) for the packages, and a deb-src entry for jsoncpp's source
 # package (fetched by the build with apt-get source).
@@ -50,7 +51,7 @@ packages=(
   wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
   clang clang-format
-  libcli11-dev lnav jq
+  libcli11-dev lnav jq zlib1g-dev libz-mingw-w64-dev
   git llvm lld osslsigncode openssl zip file
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")

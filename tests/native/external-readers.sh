@@ -28,6 +28,8 @@ for record in records:
     sys.stdout.buffer.write(struct.pack("<I", len(text)) + bytes(255 - b for b in text))
 PY
 cp "$data/session-sensor.log" SensorLibLog.log
+# The year of the records follows from the files' modification time.
+touch -d '2026-11-20 12:00' QXAttentionPlugin.log.logdat SensorLibLog.log
 "$logread" QXAttentionPlugin.log.logdat > QXAttentionPlugin.log
 
 {

@@ -24,7 +24,10 @@ void SetQuiet(bool quiet) { g_quiet = quiet; }
 
 void Error(const std::string& name, const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "logread: %s: %s\n", name.c_str(), text.c_str());
+  if (name.empty())
+    std::fprintf(stderr, "logread: %s\n", text.c_str());
+  else
+    std::fprintf(stderr, "logread: %s: %s\n", name.c_str(), text.c_str());
 }
 
 void Note(const std::string& name, const std::string& text) {

@@ -9,7 +9,8 @@
 
 namespace logread {
 
-// Notes are dropped when quiet; errors never are.
+// Notes are dropped when quiet; errors never are. `name`: the file the text
+// is about, or empty.
 void SetQuiet(bool quiet);
 void Error(const std::string& name, const std::string& text);
 void Note(const std::string& name, const std::string& text);

@@ -2,8 +2,11 @@
 
 #include "Console.h"
 
+#include <zlib.h>
+
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -96,6 +99,11 @@ class LogSource::InputFile {
       return false;
     }
     size_ = (static_cast<std::uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
+    SYSTEMTIME utc, local;
+    if (FileTimeToSystemTime(&info.ftLastWriteTime, &utc) &&
+        SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local))
+      modified_ = ToCivil(CivilParts{local.wYear, local.wMonth, local.wDay, local.wHour,
+                                     local.wMinute, local.wSecond, local.wMilliseconds});
     id_.volume = info.dwVolumeSerialNumber;
     id_.index = (static_cast<std::uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
 #else
@@ -117,6 +125,11 @@ class LogSource::InputFile {
       return false;
     }
     size_ = static_cast<std::uint64_t>(st.st_size);
+    std::tm local{};
+    if (localtime_r(&st.st_mtim.tv_sec, &local))
+      modified_ = ToCivil(CivilParts{local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                                     local.tm_hour, local.tm_min, local.tm_sec,
+                                     static_cast<int>(st.st_mtim.tv_nsec / 1000000)});
     id_.volume = static_cast<std::uint64_t>(st.st_dev);
     id_.index = static_cast<std::uint64_t>(st.st_ino);
 #endif
@@ -125,6 +138,7 @@ class LogSource::InputFile {
 
   std::uint64_t size() const { return size_; }
   const FileId& id() const { return id_; }
+  Civil modified() const { return modified_; }
 
   // Reads up to `count` bytes at `offset`; returns the number read (0 at
   // the end) or -1 with `error` set.
@@ -170,6 +184,7 @@ class LogSource::InputFile {
 #endif
   std::uint64_t size_ = 0;
   FileId id_;
+  Civil modified_ = 0;
 };
 
 // ---------------------------------------------------------------------------
@@ -179,7 +194,19 @@ LogSource::LogSource(PathString path, std::string name, FormatChoice choice, boo
   StartOver();
 }
 
-LogSource::~LogSource() = default;
+LogSource::~LogSource() {
+  if (gz_) gzclose(static_cast<gzFile>(gz_));
+}
+
+bool IsGzipName(const std::string& name) {
+  return name.size() > 3 && (name.compare(name.size() - 3, 3, ".gz") == 0 ||
+                             name.compare(name.size() - 3, 3, ".GZ") == 0);
+}
+
+bool LogSource::Modified(Civil& when) const {
+  when = modified_;
+  return modified_ != 0;
+}
 
 logrecord::Form LogSource::form() const {
   return format_known_ && format_ == logframe::LogFormat::kSensorLib ? logrecord::Form::kSensorLib
@@ -211,6 +238,23 @@ bool LogSource::OpenForReading() {
     status_ = kExitIo;
     return false;
   }
+  modified_ = file_->modified();
+  char magic[2] = {};
+  if (file_->ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b') {
+    // Compressed with gzip: zlib reads it from its own handle.
+    file_.reset();
+#ifdef _WIN32
+    gz_ = gzopen_w(path_.c_str(), "rb");
+#else
+    gz_ = gzopen(path_.c_str(), "rb");
+#endif
+    if (!gz_) {
+      Error(name_, "cannot open as a gzip file");
+      status_ = kExitIo;
+      return false;
+    }
+    gzbuffer(static_cast<gzFile>(gz_), 128 * 1024);
+  }
   return true;
 }
 
@@ -227,6 +271,21 @@ bool LogSource::ReadMore(std::vector<std::string>& records) {
       Error(name_, "cannot read standard input");
       status_ = kExitIo;
       done_ = true;
+    }
+  } else if (gz_) {
+    const int n =
+        gzread(static_cast<gzFile>(gz_), buffer_.data(), static_cast<unsigned>(buffer_.size()));
+    if (n < 0) {
+      int code = 0;
+      const char* text = gzerror(static_cast<gzFile>(gz_), &code);
+      Error(name_, "cannot decompress after " + std::to_string(offset_) + " bytes: " +
+                       (code == Z_DATA_ERROR ? "corrupt gzip data"
+                        : text               ? text
+                                             : "error"));
+      status_ = kExitIo;
+      done_ = true;
+    } else {
+      got = static_cast<std::size_t>(n);
     }
   } else {
     std::string error;
@@ -251,6 +310,10 @@ bool LogSource::ReadMore(std::vector<std::string>& records) {
 int LogSource::Finish(std::vector<std::string>& records) {
   done_ = true;
   file_.reset();
+  if (gz_) {
+    gzclose(static_cast<gzFile>(gz_));
+    gz_ = nullptr;
+  }
   if (status_ == kExitOk && !format_known_ && !head_.empty()) {
     // Fewer than five bytes: no log record fits, so treat them as the
     // start of a frame and let the torn-frame report below say what is

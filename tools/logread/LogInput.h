@@ -5,6 +5,7 @@
 // records: the text of each, byte for byte as the writer produced it.
 #pragma once
 
+#include "Clock.h"
 #include "LogFrameReader.h"
 #include "LogRecord.h"
 
@@ -28,6 +29,10 @@ int Worse(int a, int b);
 
 enum class FormatChoice { kAuto, kLogdat, kPlain, kSensorLib };
 
+// A name that ends in ".gz" (never followed; any file that starts as a
+// gzip file does is read through zlib).
+bool IsGzipName(const std::string& name);
+
 // Identity of a file, to notice that the name now refers to another file.
 struct FileId {
   std::uint64_t volume = 0;
@@ -44,6 +49,9 @@ class LogSource {
   LogSource& operator=(const LogSource&) = delete;
 
   const std::string& name() const { return name_; }
+  // The file's last modification, in local time (after the first read);
+  // false for standard input.
+  bool Modified(Civil& when) const;
   // The kind of text of the records handed back so far (plug-in records
   // until the form is known).
   logrecord::Form form() const;
@@ -86,6 +94,8 @@ class LogSource {
   bool done_ = false;
   std::vector<char> buffer_;
   std::unique_ptr<InputFile> file_;
+  void* gz_ = nullptr;  // gzFile of a ".gz" file
+  Civil modified_ = 0;
 
   // Following only.
   FileId id_;

@@ -1,5 +1,7 @@
 #include "RecordFilter.h"
 
+#include "Console.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -10,6 +12,8 @@ namespace logread {
 namespace {
 
 constexpr const char* kTags[] = {"ERR", "WAR", "INF", "TRA", "DBG", "NONE", "untagged"};
+constexpr char kTimeForms[] =
+    "\"MM-DD hh:mm[:ss]\", \"YYYY-MM-DD[ hh:mm[:ss]]\", today, yesterday, now or -N(s|m|h|d)";
 
 bool SameText(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
@@ -24,17 +28,18 @@ bool Number(std::string_view text, long long& value) {
   return ec == std::errc() && ptr == end;
 }
 
-// The end of the minute, or of the second when seconds are given, in ms after
-// the start of the time.
-std::int64_t Span(const std::string& time) {
-  return std::count(time.begin(), time.end(), ':') >= 2 ? 1000 : 60000;
+// A pattern without capitals matches either case, as in journalctl.
+std::regex::flag_type GrepFlags(const std::string& pattern) {
+  const bool capitals =
+      std::any_of(pattern.begin(), pattern.end(), [](unsigned char c) { return std::isupper(c); });
+  return std::regex::ECMAScript | std::regex::optimize |
+         (capitals ? std::regex::flag_type() : std::regex::icase);
 }
 
 }  // namespace
 
 bool FilterOptions::any() const {
-  return !levels.empty() || !since.empty() || !until.empty() || !threads.empty() ||
-         !sources.empty();
+  return !levels.empty() || time() || !threads.empty() || !sources.empty() || !grep.empty();
 }
 
 std::string FilterOptions::Check() const {
@@ -42,50 +47,82 @@ std::string FilterOptions::Check() const {
     if (std::none_of(std::begin(kTags), std::end(kTags),
                      [&](const char* tag) { return SameText(level, tag); }))
       return "--level takes ERR, WAR, INF, TRA, DBG, NONE or untagged, not \"" + level + "\"";
-  logrecord::Time t;
-  if (!since.empty() && !logrecord::ParseTimeArgument(since, t))
-    return "--since takes \"MM-DD hh:mm\" or \"MM-DD hh:mm:ss\", not \"" + since + "\"";
-  if (!until.empty() && !logrecord::ParseTimeArgument(until, t))
-    return "--until takes \"MM-DD hh:mm\" or \"MM-DD hh:mm:ss\", not \"" + until + "\"";
+  TimeLimit limit;
+  for (const auto* option : {&since, &until}) {
+    const std::string name = option == &since ? "--since" : "--until";
+    if (option->empty()) continue;
+    if (std::string error = ParseTimeLimit(*option, LocalNow(), limit); !error.empty())
+      return name + " takes " + kTimeForms + ", not \"" + *option + "\" (" + error + ")";
+  }
   long long n = 0;
   for (const auto& thread : threads)
     if (!Number(thread, n)) return "--thread takes thread ids (numbers), not \"" + thread + "\"";
+  if (!grep.empty()) {
+    try {
+      std::regex(grep, GrepFlags(grep));
+    } catch (const std::regex_error& e) {
+      return "--grep: \"" + grep + "\" is not a regular expression (" + e.what() + ")";
+    }
+  }
   return {};
 }
 
 RecordFilter::RecordFilter(const Timeline& timeline, const FilterOptions& options, RecordSink& next)
-    : timeline_(timeline), options_(options), next_(next) {
+    : timeline_(timeline),
+      options_(options),
+      next_(next),
+      since_(std::numeric_limits<Civil>::min()),
+      until_(std::numeric_limits<Civil>::max()) {
   for (const auto& thread : options_.threads) {
     long long n = 0;
     if (Number(thread, n)) threads_.push_back(n);
   }
+  if (!options_.grep.empty())
+    grep_ = std::make_unique<std::regex>(options_.grep, GrepFlags(options_.grep));
 }
 
-void RecordFilter::Write(const Record& record) {
-  if (Passes(record)) next_.Write(record);
+std::string RecordFilter::Place() {
+  const Civil now = LocalNow();
+  TimeLimit limit;
+  if (!options_.since.empty() && ParseTimeLimit(options_.since, now, limit).empty())
+    since_ = limit.yearless ? timeline_.Place(limit.time) : limit.start;
+  if (!options_.until.empty() && ParseTimeLimit(options_.until, now, limit).empty())
+    until_ = (limit.yearless ? timeline_.Place(limit.time) : limit.start) + limit.span;
+  if (options_.time() && since_ >= until_)
+    return "the window is empty: --since " + IsoTime(since_) + " is not before --until " +
+           IsoTime(until_);
+  return {};
 }
 
-bool RecordFilter::Passes(const Record& r) {
+void RecordFilter::Write(const Record& r) {
+  if (options_.time() && (!r.has_time || !InWindow(r.when))) return;
+  if (!Matches(r)) return;
+  ++passed_;
+  next_.Write(r);
+}
+
+void RecordFilter::Flush() {
+  next_.Flush();
+  // Read once and nothing in the window: say where the records are.
+  if (passed_ || told_ || !options_.time() || !timeline_.any_time()) return;
+  told_ = true;
+  if (timeline_.last() < since_ || timeline_.first() >= until_) {
+    const std::string from =
+        since_ == std::numeric_limits<Civil>::min() ? "the start" : IsoTime(since_);
+    const std::string to =
+        until_ == std::numeric_limits<Civil>::max() ? "the end" : IsoTime(until_);
+    Note("", "no record from " + from + " to " + to + "; the records run from " +
+                 IsoTime(timeline_.first()) + " to " + IsoTime(timeline_.last()));
+  }
+}
+
+bool RecordFilter::Matches(const Record& r) const {
   const logrecord::Fields& f = r.fields;
   if (!options_.levels.empty()) {
     const std::string_view level = f.level.empty() ? std::string_view("untagged") : f.level;
     if (std::none_of(options_.levels.begin(), options_.levels.end(),
                      [&](const std::string& wanted) { return SameText(wanted, level); }))
       return false;
-  }
-  if (!options_.since.empty() || !options_.until.empty()) {
-    if (!r.has_time) return false;
-    // Placed with the first record: only then is the reference year known.
-    if (!placed_) {
-      placed_ = true;
-      logrecord::Time t;
-      since_ = std::numeric_limits<std::int64_t>::min();
-      until_ = std::numeric_limits<std::int64_t>::max();
-      if (logrecord::ParseTimeArgument(options_.since, t)) since_ = timeline_.Place(t);
-      if (logrecord::ParseTimeArgument(options_.until, t))
-        until_ = timeline_.Place(t) + Span(options_.until);
-    }
-    if (r.when < since_ || r.when >= until_) return false;
   }
   if (!threads_.empty()) {
     long long thread = 0;
@@ -102,6 +139,7 @@ bool RecordFilter::Passes(const Record& r) {
                      }))
       return false;
   }
+  if (grep_ && !std::regex_search(f.message.begin(), f.message.end(), *grep_)) return false;
   return true;
 }
 

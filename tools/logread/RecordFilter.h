@@ -5,6 +5,8 @@
 #include "Timeline.h"
 
 #include <cstdint>
+#include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,11 +14,13 @@ namespace logread {
 
 struct FilterOptions {
   std::vector<std::string> levels;   // tags as in the records ("ERR"), or "untagged"
-  std::string since, until;          // "MM-DD hh:mm[:ss]", empty when not given
+  std::string since, until;          // ParseTimeLimit's forms (Clock.h), empty when not given
   std::vector<std::string> threads;  // thread ids, compared as numbers
   std::vector<std::string> sources;  // source names, with or without extension
+  std::string grep;                  // a regular expression searched in the message
 
   bool any() const;
+  bool time() const { return !since.empty() || !until.empty(); }
   // An empty string, or what is wrong with the values.
   std::string Check() const;
 };
@@ -24,17 +28,26 @@ struct FilterOptions {
 class RecordFilter : public RecordSink {
  public:
   RecordFilter(const Timeline& timeline, const FilterOptions& options, RecordSink& next);
+  // Puts --since and --until on the timeline (after the files are loaded, or
+  // before following); an empty string, or why the window is empty.
+  std::string Place();
   void Write(const Record& record) override;
+  void Flush() override;
+
+  // Whether a record passes the filters other than the time window.
+  bool Matches(const Record& record) const;
+  // Whether a time lies in the window.
+  bool InWindow(Civil when) const { return when >= since_ && when < until_; }
 
  private:
-  bool Passes(const Record& record);
-
   const Timeline& timeline_;
   FilterOptions options_;
   RecordSink& next_;
   std::vector<long long> threads_;
-  bool placed_ = false;  // the time limits are on the timeline
-  std::int64_t since_ = 0, until_ = 0;
+  std::unique_ptr<std::regex> grep_;
+  Civil since_, until_;
+  bool told_ = false;  // the note on an empty window has been given
+  long long passed_ = 0;
 };
 
 }  // namespace logread

@@ -22,8 +22,10 @@ std::string_view ColourOf(const Record& r) {
   return "\x1b[37m";
 }
 
-std::string_view WithoutLineEnds(std::string_view text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+// The text without the line end that closes the record ("\n" or "\r\n").
+std::string_view WithoutLineEnd(std::string_view text) {
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
   return text;
 }
 
@@ -58,7 +60,7 @@ Json::Value Number(std::string_view digits) {
 }  // namespace
 
 std::string OneLine(std::string_view text) {
-  text = WithoutLineEnds(text);
+  text = WithoutLineEnd(text);
   std::string out;
   out.reserve(text.size() + 1);
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -109,18 +111,22 @@ void RawWriter::Write(const Record& r) {
     Emit(r.text);
     return;
   }
-  const std::string_view body = WithoutLineEnds(r.text);
+  const std::string_view body = WithoutLineEnd(r.text);
   Emit(ColourOf(r));
   Emit(body);
   Emit(kReset);
   Emit(std::string_view(r.text).substr(body.size()));
 }
 
-LineWriter::LineWriter(const Timeline& timeline, bool colour)
-    : timeline_(timeline), colour_(colour), names_(timeline.size() > 1) {}
+LineWriter::LineWriter(const Timeline& timeline, bool colour, bool iso)
+    : timeline_(timeline), colour_(colour), iso_(iso), names_(timeline.size() > 1) {}
 
 void LineWriter::Write(const Record& r) {
   line_.clear();
+  if (iso_) {
+    line_ += r.has_time ? IsoTime(r.when) : std::string(23, '-');
+    line_ += ' ';
+  }
   if (names_) {
     line_ += timeline_.name(r.file);
     line_ += ": ";
@@ -146,7 +152,7 @@ void JsonWriter::Write(const Record& r) {
   const logrecord::Fields& f = r.fields;
   Json::Value& v = *value_;
   v["file"] = CleanMessage(timeline_.name(r.file));
-  v["time"] = f.has_time ? Json::Value(FormatTime(f.time)) : Json::Value();
+  v["time"] = f.has_time ? Json::Value(IsoTime(r.when)) : Json::Value();
   v["level"] = f.level.empty() ? Json::Value() : Json::Value(std::string(f.level));
   v["thread"] = Number(f.thread);
   v["source"] = r.parsed && r.form == logrecord::Form::kPlugin ? Json::Value(CleanMessage(f.source))
@@ -157,6 +163,34 @@ void JsonWriter::Write(const Record& r) {
   writer_->write(v, &out_);
   out_ << '\n';
   Emit(out_.str());
+}
+
+TailWriter::TailWriter(std::size_t count, RecordSink& next) : count_(count), next_(next) {}
+
+void TailWriter::Write(const Record& r) {
+  if (passing_) {
+    next_.Write(r);
+    return;
+  }
+  if (count_ == 0) return;
+  if (kept_.size() == count_) kept_.pop_front();
+  Record& copy = kept_.emplace_back();
+  copy.file = r.file;
+  copy.form = r.form;
+  copy.text = r.text;
+  copy.Parse();
+  copy.has_time = r.has_time;
+  copy.when = r.when;
+  copy.year_step = r.year_step;
+}
+
+void TailWriter::Flush() {
+  if (!passing_) {
+    for (const Record& r : kept_) next_.Write(r);
+    kept_.clear();
+    passing_ = true;
+  }
+  next_.Flush();
 }
 
 }  // namespace logread

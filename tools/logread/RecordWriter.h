@@ -2,8 +2,8 @@
 //  - as written: the records' bytes unchanged (a single file, no filter);
 //  - one line each: line feeds inside a message shown as "\n", the file's
 //    name first when several files are read;
-//  - JSON Lines: one object per record (file, time, level, thread, source,
-//    line, message), written with jsoncpp.
+//  - JSON Lines: one object per record (file, time with the year, level,
+//    thread, source, line, message), written with jsoncpp.
 // The first two can colour each record by its level as the logger's console
 // echo does: ERR red, WAR bright blue, INF bright green, TRA yellow, others
 // grey.
@@ -11,6 +11,7 @@
 
 #include "Timeline.h"
 
+#include <deque>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -31,14 +32,17 @@ class RawWriter : public RecordSink {
   bool colour_;
 };
 
+// `iso`: each line starts with the record's time with its year
+// ("2026-11-14T09:05:07.042 ").
 class LineWriter : public RecordSink {
  public:
-  LineWriter(const Timeline& timeline, bool colour);
+  LineWriter(const Timeline& timeline, bool colour, bool iso);
   void Write(const Record& record) override;
 
  private:
   const Timeline& timeline_;
   bool colour_;
+  bool iso_;
   bool names_;
   std::string line_;
 };
@@ -56,7 +60,23 @@ class JsonWriter : public RecordSink {
   std::ostringstream out_;
 };
 
-// The record's text on one line: its final line ends dropped, line feeds and
+// -n N: only the last N records of what there is at the first Flush (the
+// files read once, or the first look at the files followed); after it every
+// record passes.
+class TailWriter : public RecordSink {
+ public:
+  TailWriter(std::size_t count, RecordSink& next);
+  void Write(const Record& record) override;
+  void Flush() override;
+
+ private:
+  std::size_t count_;
+  RecordSink& next_;
+  std::deque<Record> kept_;
+  bool passing_ = false;
+};
+
+// The record's text on one line: the line end that closes it dropped, line feeds and
 // carriage returns inside it written as "\n" and "\r".
 std::string OneLine(std::string_view text);
 

@@ -4,29 +4,11 @@
 
 #include <chrono>
 #include <cstdio>
-#include <limits>
 #include <thread>
 
 namespace logread {
 
 namespace {
-
-constexpr std::int64_t kHalfYear = logrecord::kYearMs / 2;
-
-// The year (-1, 0 or 1 from `reference`'s) that brings `key` nearest to it.
-int NearestYear(std::int64_t key, std::int64_t reference) {
-  int best = 0;
-  std::int64_t best_distance = std::numeric_limits<std::int64_t>::max();
-  for (int year = -1; year <= 1; ++year) {
-    const std::int64_t d = key + year * logrecord::kYearMs - reference;
-    const std::int64_t distance = d < 0 ? -d : d;
-    if (distance < best_distance) {
-      best = year;
-      best_distance = distance;
-    }
-  }
-  return best;
-}
 
 // Records without any time come first; the rest in time order.
 bool Earlier(const Record& a, const Record& b) {
@@ -34,12 +16,22 @@ bool Earlier(const Record& a, const Record& b) {
   return a.when < b.when;
 }
 
-// The year of a point on the timeline; the first record's year is 0.
-int YearOf(std::int64_t when) {
-  return static_cast<int>((when >= 0 ? when : when - logrecord::kYearMs + 1) / logrecord::kYearMs);
+// The sensor library's lines that report a failure.
+bool SensorFailure(std::string_view message) {
+  for (std::string_view start :
+       {"Runtime reported exception", "RpcStringBindingCompos err!", "RpcBindingSetAuthInfo:"})
+    if (message.substr(0, start.size()) == start) return true;
+  return false;
 }
 
 }  // namespace
+
+void Record::Parse() {
+  parsed = logrecord::ParseRecord(form, text, fields);
+  if (parsed && form == logrecord::Form::kSensorLib && fields.has_time &&
+      SensorFailure(fields.message))
+    fields.level = "ERR";
+}
 
 void Timeline::Add(std::unique_ptr<LogSource> source) {
   auto lane = std::make_unique<Lane>();
@@ -48,86 +40,94 @@ void Timeline::Add(std::unique_ptr<LogSource> source) {
   lanes_.push_back(std::move(lane));
 }
 
-std::int64_t Timeline::Place(const logrecord::Time& time) const {
-  const std::int64_t key = time.Key();
-  if (!have_reference_) return key;
-  const std::int64_t base = static_cast<std::int64_t>(YearOf(reference_)) * logrecord::kYearMs;
-  return base + key + NearestYear(key, reference_ - base) * logrecord::kYearMs;
+Civil Timeline::Place(const logrecord::Time& time) const {
+  const Civil reference = have_range_ ? last_ : LocalNow();
+  return ToCivil(YearEndingBy(time, reference), time);
 }
 
-std::int64_t Timeline::Unwrap(Lane& lane, std::int64_t key) {
-  if (!lane.any_time) {
-    lane.any_time = true;
-    if (!have_reference_) {
-      have_reference_ = true;
-      reference_ = key;
-      lane.year = 0;
-    } else {
-      const std::int64_t base = static_cast<std::int64_t>(YearOf(reference_)) * logrecord::kYearMs;
-      lane.year = YearOf(reference_) + NearestYear(key, reference_ - base);
-    }
-  } else if (key < lane.last_key - kHalfYear) {
-    ++lane.year;
-  } else if (key > lane.last_key + kHalfYear) {
-    --lane.year;
-  }
-  lane.last_key = key;
-  lane.last_when = lane.year * logrecord::kYearMs + key;
-  return lane.last_when;
-}
-
-// Parses the records read from a lane's file and gives them their times.
-// Records without a time wait for the next timed record of the file when
-// `hold_untimed` is set; otherwise they take the time of the one before.
-void Timeline::Take(Lane& lane, std::vector<std::string>& texts, bool hold_untimed) {
+// Parses the records read from a lane's file and counts their years.
+void Timeline::Take(Lane& lane, std::vector<std::string>& texts) {
   const logrecord::Form form = lane.source->form();
   for (std::string& text : texts) {
     Record& r = lane.records.emplace_back();
     r.file = lane.index;
     r.form = form;
     r.text = std::move(text);
-    r.parsed = logrecord::ParseRecord(form, r.text, r.fields);
+    r.Parse();
     if (r.fields.has_time) {
-      r.has_time = true;
-      r.when = Unwrap(lane, r.fields.time.Key());
-      for (std::size_t i = 1; i <= lane.untimed; ++i) {
-        Record& waiting = lane.records[lane.records.size() - 1 - i];
-        waiting.has_time = true;
-        waiting.when = r.when;
-      }
-      lane.untimed = 0;
-    } else {
-      ++lane.untimed;
+      if (lane.any_time && r.fields.time.month < lane.last_month) ++lane.year_step;
+      lane.any_time = true;
+      lane.last_month = r.fields.time.month;
     }
+    r.year_step = lane.year_step;
   }
   texts.clear();
-  if (!hold_untimed || lane.done) {
-    // The end of what there is: the waiting records take the time before them.
-    for (std::size_t i = 0; i < lane.untimed; ++i) {
-      Record& waiting = lane.records[lane.records.size() - 1 - i];
-      waiting.has_time = lane.any_time;
-      waiting.when = lane.last_when;
+}
+
+// Gives the lane's records from `from` on their times. The first dated
+// batch anchors the file's years: its last record ends by `reference`.
+void Timeline::Date(Lane& lane, std::size_t from, Civil reference) {
+  auto& records = lane.records;
+  if (!lane.anchored) {
+    for (std::size_t i = records.size(); i-- > from;) {
+      if (!records[i].fields.has_time) continue;
+      const logrecord::Time& t = records[i].fields.time;
+      lane.base_year = (year_ ? year_ : YearEndingBy(t, reference)) - records[i].year_step;
+      lane.anchored = true;
+      break;
     }
-    lane.untimed = 0;
+  }
+  // Backwards, so that a record without a time takes the next one's.
+  bool next = false;
+  Civil next_when = 0;
+  for (std::size_t i = records.size(); i-- > from;) {
+    Record& r = records[i];
+    if (r.fields.has_time) {
+      r.when = ToCivil(lane.base_year + r.year_step, r.fields.time);
+      r.has_time = next = true;
+      next_when = r.when;
+    } else {
+      r.has_time = next;
+      r.when = next_when;
+    }
+  }
+  // Those after the last timed record take the one before them.
+  for (std::size_t i = from; i < records.size(); ++i) {
+    Record& r = records[i];
+    if (!r.has_time && lane.have_last) {
+      r.has_time = true;
+      r.when = lane.last_when;
+    }
+    if (r.has_time) {
+      lane.have_last = true;
+      lane.last_when = r.when;
+    }
   }
 }
 
-// Reads until the lane's first record has its time, or the file is done.
-void Timeline::Fill(Lane& lane) {
+void Timeline::Load() {
   std::vector<std::string> texts;
-  while (!lane.done && (lane.records.empty() || lane.untimed == lane.records.size())) {
-    if (!lane.source->ReadMore(texts)) {
-      lane.status = lane.source->Finish(texts);
-      lane.done = true;
+  for (auto& lane : lanes_) {
+    while (!lane->done) {
+      if (!lane->source->ReadMore(texts)) {
+        lane->status = lane->source->Finish(texts);
+        lane->done = true;
+      }
+      Take(*lane, texts);
     }
-    Take(lane, texts, true);
+    Civil reference = 0;
+    if (!lane->source->Modified(reference)) reference = LocalNow();
+    Date(*lane, 0, reference);
+    for (const Record& r : lane->records) {
+      if (!r.has_time) continue;
+      if (!have_range_ || r.when < first_) first_ = r.when;
+      if (!have_range_ || r.when > last_) last_ = r.when;
+      have_range_ = true;
+    }
   }
 }
 
-int Timeline::ReadMerged(RecordSink& sink) {
-  // In the order given, so that the first file's first record sets the
-  // reference year.
-  for (auto& lane : lanes_) Fill(*lane);
+int Timeline::Merge(RecordSink& sink) {
   for (;;) {
     Lane* next = nullptr;
     for (auto& lane : lanes_) {
@@ -137,17 +137,10 @@ int Timeline::ReadMerged(RecordSink& sink) {
     if (!next || OutputFailed()) break;
     sink.Write(next->records.front());
     next->records.pop_front();
-    if (next->records.empty() || next->untimed == next->records.size()) Fill(*next);
   }
+  sink.Flush();
   int code = kExitOk;
-  for (auto& lane : lanes_) {
-    if (!lane->done) {
-      // The output failed first; settle the file without its records.
-      std::vector<std::string> rest;
-      lane->status = lane->source->Finish(rest);
-    }
-    code = Worse(code, lane->status);
-  }
+  for (auto& lane : lanes_) code = Worse(code, lane->status);
   return code;
 }
 
@@ -156,10 +149,12 @@ int Timeline::Follow(RecordSink& sink) {
   for (;;) {
     for (auto& lane : lanes_) {
       lane->source->Poll(texts);
-      Take(*lane, texts, false);
+      Take(*lane, texts);
+      Date(*lane, 0, LocalNow());
       for (const Record& r : lane->records) sink.Write(r);
       lane->records.clear();
     }
+    sink.Flush();
     if (!FlushOutput()) {
       std::fprintf(stderr, "logread: cannot write to standard output\n");
       return kExitIo;

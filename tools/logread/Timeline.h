@@ -1,20 +1,25 @@
 // The records of one or more log files on one timeline.
 //
-// Neither log writes the year, so the timeline counts years itself: within a
-// file, a step back in time of more than half a year (12-31 to 01-01) starts
-// the next year and a step forward of more than half a year goes back one;
-// each file's first record is put in the year that brings it nearest to the
-// first record of the first file given (so files collected together are
-// taken to lie within half a year of each other). A record without a time of
-// its own (the sensor library's "Version:" line, a line that is not a record)
-// takes the time of the next record of its file, or of the one before it at
-// the end of the file.
+// Neither log writes the year, so the timeline works it out. A file only
+// grows forward in time: within a file, a record whose month comes before
+// the month of the record before it starts a new year; any other step,
+// forward or back (a clock set back within a month), stays in the year. The
+// newest record of a file anchors the count: it lies in the latest year that
+// puts it at most a day after the file's modification time (standard input:
+// now), or in the year given with --year. Every file of a merge is dated by
+// the same rule, on its own. A record without a time of its own (the sensor
+// library's "Version:" line, a line that is not a record) takes the time of
+// the next record of its file, or of the one before it at the end of the
+// file.
 //
-// Read once, the files are merged in time order (records of equal time in the
-// order of the files given; within a file its own order is kept, even where
-// the file's times step back). Followed, records are handed on as they come.
+// Read once, every file is read whole first (its years depend on its last
+// record), then the files are merged in time order: records of equal time in
+// the order of the files given; within a file its own order is kept, even
+// where the file's times step back. Followed, records are handed on as they
+// come, dated from now.
 #pragma once
 
+#include "Clock.h"
 #include "LogInput.h"
 #include "LogRecord.h"
 
@@ -31,19 +36,28 @@ struct Record {
   Record(const Record&) = delete;  // the fields point into the text
   Record& operator=(const Record&) = delete;
 
+  // Parses `text` of `form` into the fields; the sensor library's lines that
+  // report a failure (an exception of a remote call, a binding that could
+  // not be made) get the level "ERR".
+  void Parse();
+
   std::size_t file = 0;  // index of the file in the command line
   logrecord::Form form = logrecord::Form::kPlugin;
   std::string text;          // the record as written, line ends included
   logrecord::Fields fields;  // views into `text`
   bool parsed = false;       // false: a line that is not a record (fields.message only)
   bool has_time = false;     // its own time or one taken from a neighbour
-  std::int64_t when = 0;     // milliseconds on the timeline (years counted as above)
+  Civil when = 0;            // its time with the year (Clock.h)
+  int year_step = 0;         // new years counted in its file before it
 };
 
 class RecordSink {
  public:
   virtual ~RecordSink() = default;
   virtual void Write(const Record& record) = 0;
+  // The end of what there is for now: the end of the files read once, or of
+  // one look at the files followed.
+  virtual void Flush() {}
 };
 
 class Timeline {
@@ -54,40 +68,53 @@ class Timeline {
   void Add(std::unique_ptr<LogSource> source);
   std::size_t size() const { return lanes_.size(); }
   const std::string& name(std::size_t file) const { return lanes_[file]->source->name(); }
+  // The exit code of a file read once (after Load).
+  int status(std::size_t file) const { return lanes_[file]->status; }
 
-  // Reads every file once and hands the records to `sink` in time order;
-  // returns the worst exit code of the files. Stops early when the output
-  // fails.
-  int ReadMerged(RecordSink& sink);
+  // The newest record of every file is put in `year` instead of the year that
+  // the file's modification time gives.
+  void SetYear(int year) { year_ = year; }
+
+  // Reads every file whole and dates its records.
+  void Load();
+  // After Load: whether any record has a time, and the first and last time.
+  bool any_time() const { return have_range_; }
+  Civil first() const { return first_; }
+  Civil last() const { return last_; }
+  // Hands the loaded records to `sink` in time order; returns the worst exit
+  // code of the files. Stops early when the output fails.
+  int Merge(RecordSink& sink);
   // Follows the files (every 200 ms) and hands on records as they come;
   // returns only when the output fails.
   int Follow(RecordSink& sink);
 
-  // Puts a year-less time on the timeline: in the year nearest the
-  // timeline's first record (the year of that record when there is none yet).
-  std::int64_t Place(const logrecord::Time& time) const;
+  // A year-less time of --since or --until: the latest year that puts it at
+  // most a day after the last record (now, when there is none).
+  Civil Place(const logrecord::Time& time) const;
 
  private:
   struct Lane {
     std::unique_ptr<LogSource> source;
     std::size_t index = 0;
     std::deque<Record> records;  // parsed, in file order
-    std::size_t untimed = 0;     // records at the back still waiting for a time
     bool done = false;
     int status = kExitOk;
     bool any_time = false;  // a timed record has been seen
-    int year = 0;
-    std::int64_t last_key = 0;
-    std::int64_t last_when = 0;
+    int last_month = 0;
+    int year_step = 0;
+    bool anchored = false;   // base_year is known
+    int base_year = 0;       // the year of year_step 0
+    bool have_last = false;  // last_when holds the time of a record
+    Civil last_when = 0;
   };
 
-  void Take(Lane& lane, std::vector<std::string>& texts, bool hold_untimed);
-  void Fill(Lane& lane);
-  std::int64_t Unwrap(Lane& lane, std::int64_t key);
+  void Take(Lane& lane, std::vector<std::string>& texts);
+  void Date(Lane& lane, std::size_t from, Civil reference);
 
   std::vector<std::unique_ptr<Lane>> lanes_;
-  bool have_reference_ = false;
-  std::int64_t reference_ = 0;
+  int year_ = 0;
+  bool have_range_ = false;
+  Civil first_ = 0, last_ = 0;
 };
 
 }  // namespace logread

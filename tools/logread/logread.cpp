@@ -18,7 +18,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +36,8 @@
 namespace logread {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr char kDescription[] =
     "logread - reads the plug-in's log files and the sensor library's log\n"
@@ -117,8 +123,58 @@ struct Options {
   bool json = false;
   bool summary = false;
   std::string colour = "auto";
+  std::string time = "record";
+  int year = 0;
+  long long lines = -1;
   FilterOptions filters;
 };
+
+std::string Utf8(const fs::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+// The logs that this system writes, as a folder of collected logs holds
+// them (plain or gzip-compressed).
+bool IsLogName(std::string name) {
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (name.size() > 3 && name.compare(name.size() - 3, 3, ".gz") == 0) name.resize(name.size() - 3);
+  return name == "qxattentionplugin.log.logdat" || name == "qxattentionplugin.log" ||
+         name == "sensorliblog.log";
+}
+
+// Puts the logs inside each folder given in place of the folder: the
+// plug-in's first, then the sensor library's, each in path order.
+std::string ExpandFolders(std::vector<std::string>& files) {
+  std::vector<std::string> out;
+  for (const std::string& given : files) {
+    std::error_code error;
+    const fs::path folder(std::u8string(given.begin(), given.end()));
+    if (given == "-" || !fs::is_directory(folder, error)) {
+      out.push_back(given);
+      continue;
+    }
+    std::vector<std::string> plugin, sensor;
+    for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
+         it.increment(error)) {
+      const std::string name = Utf8(it->path().filename());
+      if (!it->is_regular_file(error) || !IsLogName(name)) continue;
+      std::string path = Utf8(it->path());
+      (std::tolower(static_cast<unsigned char>(name[0])) == 's' ? sensor : plugin).push_back(path);
+    }
+    if (error) return given + ": cannot read the folder: " + error.message();
+    if (plugin.empty() && sensor.empty())
+      return given +
+             ": no log in this folder (QXAttentionPlugin.log.logdat, "
+             "QXAttentionPlugin.log, SensorLibLog.log, or the same with .gz)";
+    std::sort(plugin.begin(), plugin.end());
+    std::sort(sensor.begin(), sensor.end());
+    out.insert(out.end(), plugin.begin(), plugin.end());
+    out.insert(out.end(), sensor.begin(), sensor.end());
+  }
+  files = std::move(out);
+  return {};
+}
 
 bool ParseForm(const std::string& text, FormatChoice& choice) {
   if (text == "auto")
@@ -196,11 +252,14 @@ int Run(int argc, char** argv) {
       ->type_name("TAG[,TAG...]")
       ->delimiter(',')
       ->allow_extra_args(false);
-  app.add_option("--since", o.filters.since, "only records at or after this time")
-      ->type_name("\"MM-DD hh:mm[:ss]\"");
+  app.add_option("--since", o.filters.since,
+                 "only records at or after this time: \"MM-DD hh:mm[:ss]\", \"YYYY-MM-DD[ "
+                 "hh:mm[:ss]]\", today, yesterday, now, or relative to now: -30m, -1h, -2d")
+      ->type_name("TIME");
   app.add_option("--until", o.filters.until,
-                 "only records up to the end of this minute (or second)")
-      ->type_name("\"MM-DD hh:mm[:ss]\"");
+                 "only records before the end of this time (the whole minute, second or day "
+                 "that it names)")
+      ->type_name("TIME");
   app.add_option("--thread", o.filters.threads, "only records of these thread ids")
       ->type_name("ID[,ID...]")
       ->delimiter(',')
@@ -211,43 +270,80 @@ int Run(int argc, char** argv) {
       ->type_name("NAME[,NAME...]")
       ->delimiter(',')
       ->allow_extra_args(false);
+  app.add_option("-g,--grep", o.filters.grep,
+                 "only records whose message matches this regular expression (ECMAScript); "
+                 "without capitals in it, in either case")
+      ->type_name("REGEX");
+  app.add_option("-n,--lines", o.lines,
+                 "only the last N records (after the filters); with -f, the last N before "
+                 "following")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--year", o.year,
+                 "the year of the newest record of each file (default: the year that the "
+                 "file's modification time gives)")
+      ->type_name("YYYY")
+      ->check(CLI::Range(1970, 9999));
+  app.add_option("--time", o.time,
+                 "record: times as the records write them (no year); iso: each line also "
+                 "starts with the time and its year, \"2026-11-14T09:05:07.042\"")
+      ->type_name("FORM")
+      ->check(CLI::IsMember({"record", "iso"}));
   app.add_flag("--json", o.json,
                "JSON Lines: one object per record (or per session with --summary)");
   app.add_flag("--summary", o.summary, "sum the records up per process session");
   app.add_option("--color", o.colour,
-                 "colour records by level: auto (on a terminal), always or never")
+                 "colour records by level: auto (on a terminal, unless NO_COLOR is set), always "
+                 "or never")
       ->type_name("WHEN")
       ->check(CLI::IsMember({"auto", "always", "never"}));
   app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
-  app.add_option("FILE", o.files, "log files; \"-\" is standard input")->required()->type_name("");
+  app.set_version_flag("--version", "logread " QX_VERSION, "print the version and exit");
+  app.add_option("FILE", o.files,
+                 "log files (.gz too); a folder stands for the logs inside it; \"-\" is "
+                 "standard input")
+      ->required()
+      ->type_name("");
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     std::fputs(app.help().c_str(), stdout);
     return FlushOutput() ? kExitOk : kExitIo;
+  } catch (const CLI::CallForVersion& e) {
+    std::printf("%s\n", e.what());
+    return FlushOutput() ? kExitOk : kExitIo;
   } catch (const CLI::ParseError& e) {
     return Usage(e.what());
   }
 
   std::vector<FormatChoice> forms;
-  std::string error = FormsOfFiles(o, forms);
+  std::string error = ExpandFolders(o.files);
+  if (error.empty()) error = FormsOfFiles(o, forms);
   if (error.empty()) error = o.filters.Check();
   if (error.empty() && o.follow) {
-    for (const auto& name : o.files)
+    for (const auto& name : o.files) {
       if (name == "-") error = "standard input cannot be followed";
+      if (IsGzipName(name)) error = name + ": a .gz file cannot be followed";
+    }
     if (o.summary) error = "--summary sums up files read once; it cannot follow them";
   }
+  if (error.empty() && o.summary && o.lines >= 0)
+    error = "-n picks records to print; --summary reads them all";
   if (!error.empty()) return Usage(error);
   SetQuiet(o.quiet);
 
   Timeline timeline;
+  timeline.SetYear(o.year);
   for (std::size_t i = 0; i < o.files.size(); ++i)
     timeline.Add(
         std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
 
+  // NO_COLOR (any value but empty) turns the automatic colour off.
+  const char* no_colour = std::getenv("NO_COLOR");
   const bool colour = !o.json && !o.summary &&
-                      (o.colour == "always" || (o.colour == "auto" && StdoutIsColourTerminal()));
+                      (o.colour == "always" || (o.colour == "auto" && !(no_colour && *no_colour) &&
+                                                StdoutIsColourTerminal()));
   std::unique_ptr<Summary> summary;
   std::unique_ptr<RecordSink> writer;
   RecordSink* sink = nullptr;
@@ -257,11 +353,16 @@ int Run(int argc, char** argv) {
   } else {
     if (o.json)
       writer = std::make_unique<JsonWriter>(timeline);
-    else if (o.files.size() == 1 && !o.filters.any())
+    else if (o.files.size() == 1 && !o.filters.any() && o.time == "record")
       writer = std::make_unique<RawWriter>(colour);
     else
-      writer = std::make_unique<LineWriter>(timeline, colour);
+      writer = std::make_unique<LineWriter>(timeline, colour, o.time == "iso");
     sink = writer.get();
+  }
+  std::unique_ptr<TailWriter> tail;
+  if (o.lines >= 0) {
+    tail = std::make_unique<TailWriter>(static_cast<std::size_t>(o.lines), *sink);
+    sink = tail.get();
   }
   std::unique_ptr<RecordFilter> filter;
   if (o.filters.any()) {
@@ -269,8 +370,12 @@ int Run(int argc, char** argv) {
     sink = filter.get();
   }
 
+  if (!o.follow) timeline.Load();
+  if (filter) {
+    if (std::string window = filter->Place(); !window.empty()) return Usage(window);
+  }
   if (o.follow) return timeline.Follow(*sink);
-  int code = timeline.ReadMerged(*sink);
+  int code = timeline.Merge(*sink);
   if (summary) {
     if (o.json)
       summary->PrintJson();
