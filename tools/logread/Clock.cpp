@@ -33,7 +33,8 @@ void DateFromDays(std::int64_t days, int& year, int& month, int& day) {
   const std::int64_t day_of_era = days - era * 146097;
   const std::int64_t year_of_era =
       (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  const std::int64_t day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+  const std::int64_t day_of_year =
+      day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
   const std::int64_t mp = (5 * day_of_year + 2) / 153;
   day = static_cast<int>(day_of_year - (153 * mp + 2) / 5 + 1);
   month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
@@ -140,8 +141,8 @@ Civil LocalNow() {
 #ifdef _WIN32
   SYSTEMTIME t;
   GetLocalTime(&t);
-  return ToCivil(CivilParts{t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
-                            t.wMilliseconds});
+  return ToCivil(
+      CivilParts{t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds});
 #else
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -176,7 +177,8 @@ std::string ParseTimeLimit(std::string_view s, Civil now, TimeLimit& limit) {
     while (at < s.size()) {
       std::int64_t n = 0;
       std::size_t digits = 0;
-      for (; at < s.size() && IsDigit(s[at]) && digits < 9; ++at, ++digits) n = n * 10 + (s[at] - '0');
+      for (; at < s.size() && IsDigit(s[at]) && digits < 9; ++at, ++digits)
+        n = n * 10 + (s[at] - '0');
       const char unit = at < s.size() ? s[at++] : '\0';
       const std::int64_t size = unit == 's'   ? 1000
                                 : unit == 'm' ? 60000
@@ -196,8 +198,8 @@ std::string ParseTimeLimit(std::string_view s, Civil now, TimeLimit& limit) {
     if (!(Digits(s, at, 2, p.month) && Char(s, at, '-') && Digits(s, at, 2, p.day)))
       return "not a date";
     limit.span = kDay;
-    if (at < s.size() && !((Char(s, at, ' ') || Char(s, at, 'T')) &&
-                           ClockTime(s, at, p, limit.span, true)))
+    if (at < s.size() &&
+        !((Char(s, at, ' ') || Char(s, at, 'T')) && ClockTime(s, at, p, limit.span, true)))
       return "not a time";
     if (at != s.size()) return "unexpected text after the time";
     if (std::string error = CheckParts(p, p.year); !error.empty()) return error;

@@ -1,6 +1,7 @@
 #include "LogInput.h"
 
 #include "Console.h"
+#include "YearScan.h"
 
 #include <zlib.h>
 
@@ -256,6 +257,63 @@ bool LogSource::OpenForReading() {
     gzbuffer(static_cast<gzFile>(gz_), 128 * 1024);
   }
   return true;
+}
+
+std::unique_ptr<YearScanner> LogSource::ScanYears() const {
+  if (name_ == "-") return nullptr;
+  InputFile file;
+  std::string error;
+  bool missing = false;
+  if (!file.Open(path_, error, missing)) return nullptr;
+  const Civil modified = file.modified();
+  std::vector<char> buffer(256 * 1024);
+  char magic[2] = {};
+  gzFile gz = nullptr;
+  if (file.ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b') {
+    file.Close();
+#ifdef _WIN32
+    gz = gzopen_w(path_.c_str(), "rb");
+#else
+    gz = gzopen(path_.c_str(), "rb");
+#endif
+    if (!gz) return nullptr;
+  }
+  std::unique_ptr<YearScanner> scan;
+  std::string head;
+  std::uint64_t offset = 0;
+  for (;;) {
+    const long long got = gz ? gzread(gz, buffer.data(), static_cast<unsigned>(buffer.size()))
+                             : file.ReadAt(offset, buffer.data(), buffer.size(), error);
+    if (got <= 0) break;
+    offset += static_cast<std::uint64_t>(got);
+    const char* data = buffer.data();
+    std::size_t size = static_cast<std::size_t>(got);
+    if (!scan) {
+      // The form, as reading will tell it.
+      logframe::LogFormat format = logframe::LogFormat::kLogdat;
+      if (choice_ == FormatChoice::kPlain) format = logframe::LogFormat::kPlain;
+      if (choice_ == FormatChoice::kSensorLib) format = logframe::LogFormat::kSensorLib;
+      if (choice_ == FormatChoice::kAuto) {
+        head.append(data, size);
+        const logframe::Detection found = logframe::DetectFormat(head);
+        if (found == logframe::Detection::kUndecided) continue;
+        if (found == logframe::Detection::kNeither) break;
+        format = found == logframe::Detection::kPlain       ? logframe::LogFormat::kPlain
+                 : found == logframe::Detection::kSensorLib ? logframe::LogFormat::kSensorLib
+                                                            : logframe::LogFormat::kLogdat;
+        data = head.data();
+        size = head.size();
+      }
+      scan = std::make_unique<YearScanner>(format);
+    }
+    scan->Feed(data, size);
+    head.clear();
+  }
+  if (gz) gzclose(gz);
+  if (!scan) scan = std::make_unique<YearScanner>(logframe::LogFormat::kLogdat);
+  scan->Finish();
+  scan->modified = modified;
+  return scan;
 }
 
 bool LogSource::ReadMore(std::vector<std::string>& records) {

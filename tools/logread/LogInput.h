@@ -29,6 +29,8 @@ int Worse(int a, int b);
 
 enum class FormatChoice { kAuto, kLogdat, kPlain, kSensorLib };
 
+class YearScanner;
+
 // A name that ends in ".gz" (never followed; any file that starts as a
 // gzip file does is read through zlib).
 bool IsGzipName(const std::string& name);
@@ -55,6 +57,11 @@ class LogSource {
   // The kind of text of the records handed back so far (plug-in records
   // until the form is known).
   logrecord::Form form() const;
+
+  // A quick pass over the whole file ahead of reading it (YearScan.h);
+  // null for standard input, which cannot be read twice, and for a file that
+  // cannot be opened (reading reports it).
+  std::unique_ptr<YearScanner> ScanYears() const;
 
   // Reading a whole file once (or standard input). ReadMore hands back the
   // records that the next piece of the file completed; false when the file

@@ -1,6 +1,7 @@
 #include "Timeline.h"
 
 #include "Console.h"
+#include "YearScan.h"
 
 #include <chrono>
 #include <cstdio>
@@ -64,50 +65,73 @@ void Timeline::Take(Lane& lane, std::vector<std::string>& texts) {
   texts.clear();
 }
 
-// Gives the lane's records from `from` on their times. The first dated
-// batch anchors the file's years: its last record ends by `reference`.
-void Timeline::Date(Lane& lane, std::size_t from, Civil reference) {
+void Timeline::Anchor(Lane& lane, const logrecord::Time& newest, int step, Civil reference) {
+  lane.base_year = (year_ ? year_ : YearEndingBy(newest, reference)) - step;
+  lane.anchored = true;
+}
+
+// ToCivil, with the start of the last day asked for kept: records come many
+// a day.
+Civil Timeline::When(Lane& lane, int year, const logrecord::Time& t) {
+  if (year != lane.day_year || t.month != lane.day_month || t.day != lane.day) {
+    lane.day_year = year;
+    lane.day_month = t.month;
+    lane.day = t.day;
+    lane.day_start = ToCivil(year, logrecord::Time{t.month, t.day, 0, 0, 0, 0});
+  }
+  return lane.day_start + ((t.hour * 60LL + t.minute) * 60 + t.second) * 1000 + t.millisecond;
+}
+
+void Timeline::Widen(Civil when) {
+  if (!have_range_ || when < first_) first_ = when;
+  if (!have_range_ || when > last_) last_ = when;
+  have_range_ = true;
+}
+
+// Settles the times of the records read but not yet dated, up to the last
+// one with a time of its own; those after it wait for the next timed record
+// unless `final`, then they take the time before them. A lane not yet
+// anchored is anchored on its last timed record, which ends by `reference`.
+void Timeline::Date(Lane& lane, bool final, Civil reference) {
   auto& records = lane.records;
-  if (!lane.anchored) {
-    for (std::size_t i = records.size(); i-- > from;) {
-      if (!records[i].fields.has_time) continue;
-      const logrecord::Time& t = records[i].fields.time;
-      lane.base_year = (year_ ? year_ : YearEndingBy(t, reference)) - records[i].year_step;
-      lane.anchored = true;
-      break;
-    }
-  }
+  std::size_t end = records.size();  // one past the last timed record
+  while (end > lane.dated && !records[end - 1].fields.has_time) --end;
+  if (!lane.anchored && end > lane.dated)
+    Anchor(lane, records[end - 1].fields.time, records[end - 1].year_step, reference);
   // Backwards, so that a record without a time takes the next one's.
-  bool next = false;
-  Civil next_when = 0;
-  for (std::size_t i = records.size(); i-- > from;) {
+  Civil next = 0;
+  for (std::size_t i = end; i-- > lane.dated;) {
     Record& r = records[i];
-    if (r.fields.has_time) {
-      r.when = ToCivil(lane.base_year + r.year_step, r.fields.time);
-      r.has_time = next = true;
-      next_when = r.when;
-    } else {
-      r.has_time = next;
-      r.when = next_when;
-    }
+    if (r.fields.has_time) next = When(lane, lane.base_year + r.year_step, r.fields.time);
+    r.has_time = true;
+    r.when = next;
   }
-  // Those after the last timed record take the one before them.
-  for (std::size_t i = from; i < records.size(); ++i) {
-    Record& r = records[i];
-    if (!r.has_time && lane.have_last) {
-      r.has_time = true;
-      r.when = lane.last_when;
-    }
-    if (r.has_time) {
-      lane.have_last = true;
-      lane.last_when = r.when;
-    }
+  if (end > lane.dated) {
+    lane.have_last = true;
+    lane.last_when = records[end - 1].when;
   }
+  if (final) {
+    for (std::size_t i = end; i < records.size(); ++i) {
+      records[i].has_time = lane.have_last;
+      records[i].when = lane.last_when;
+    }
+    end = records.size();
+  }
+  lane.dated = end;
 }
 
 void Timeline::Load() {
-  std::vector<std::string> texts;
   for (auto& lane : lanes_) {
+    const std::unique_ptr<YearScanner> scan = lane->source->ScanYears();
+    if (scan) {
+      if (!scan->any) continue;
+      Anchor(*lane, scan->last, scan->steps, scan->modified ? scan->modified : LocalNow());
+      Widen(ToCivil(lane->base_year, scan->first));
+      Widen(ToCivil(lane->base_year + scan->steps, scan->last));
+      continue;
+    }
+    // Standard input: held whole, dated from now.
+    std::vector<std::string> texts;
     while (!lane->done) {
       if (!lane->source->ReadMore(texts)) {
         lane->status = lane->source->Finish(texts);
@@ -115,32 +139,49 @@ void Timeline::Load() {
       }
       Take(*lane, texts);
     }
-    Civil reference = 0;
-    if (!lane->source->Modified(reference)) reference = LocalNow();
-    Date(*lane, 0, reference);
-    for (const Record& r : lane->records) {
-      if (!r.has_time) continue;
-      if (!have_range_ || r.when < first_) first_ = r.when;
-      if (!have_range_ || r.when > last_) last_ = r.when;
-      have_range_ = true;
+    Date(*lane, true, LocalNow());
+    for (const Record& r : lane->records)
+      if (r.has_time) Widen(r.when);
+  }
+}
+
+// Reads until the lane has a dated record, or the file is done.
+void Timeline::Fill(Lane& lane) {
+  std::vector<std::string> texts;
+  while (!lane.done && lane.dated == 0) {
+    if (!lane.source->ReadMore(texts)) {
+      lane.status = lane.source->Finish(texts);
+      lane.done = true;
     }
+    Take(lane, texts);
+    Date(lane, lane.done, LocalNow());
   }
 }
 
 int Timeline::Merge(RecordSink& sink) {
+  // In the order given, so that records of equal time keep that order.
+  for (auto& lane : lanes_) Fill(*lane);
   for (;;) {
     Lane* next = nullptr;
     for (auto& lane : lanes_) {
-      if (lane->records.empty()) continue;
+      if (lane->dated == 0) continue;
       if (!next || Earlier(lane->records.front(), next->records.front())) next = lane.get();
     }
     if (!next || OutputFailed()) break;
     sink.Write(next->records.front());
     next->records.pop_front();
+    if (--next->dated == 0) Fill(*next);
   }
   sink.Flush();
   int code = kExitOk;
-  for (auto& lane : lanes_) code = Worse(code, lane->status);
+  for (auto& lane : lanes_) {
+    if (!lane->done) {
+      // The output failed first; settle the file without its records.
+      std::vector<std::string> rest;
+      lane->status = lane->source->Finish(rest);
+    }
+    code = Worse(code, lane->status);
+  }
   return code;
 }
 
@@ -150,9 +191,10 @@ int Timeline::Follow(RecordSink& sink) {
     for (auto& lane : lanes_) {
       lane->source->Poll(texts);
       Take(*lane, texts);
-      Date(*lane, 0, LocalNow());
+      Date(*lane, true, LocalNow());
       for (const Record& r : lane->records) sink.Write(r);
       lane->records.clear();
+      lane->dated = 0;
     }
     sink.Flush();
     if (!FlushOutput()) {

@@ -12,11 +12,12 @@
 // the next record of its file, or of the one before it at the end of the
 // file.
 //
-// Read once, every file is read whole first (its years depend on its last
-// record), then the files are merged in time order: records of equal time in
-// the order of the files given; within a file its own order is kept, even
-// where the file's times step back. Followed, records are handed on as they
-// come, dated from now.
+// Read once, each file is first scanned quickly for its months and its newest
+// record (YearScan.h; standard input, which cannot be read twice, is held
+// whole instead), then the files are merged in time order as they are read:
+// records of equal time in the order of the files given; within a file its
+// own order is kept, even where the file's times step back. Followed, records
+// are handed on as they come, dated from now.
 #pragma once
 
 #include "Clock.h"
@@ -75,14 +76,16 @@ class Timeline {
   // the file's modification time gives.
   void SetYear(int year) { year_ = year; }
 
-  // Reads every file whole and dates its records.
+  // Finds the years of every file (a quick pass ahead, or standard input
+  // read whole).
   void Load();
   // After Load: whether any record has a time, and the first and last time.
   bool any_time() const { return have_range_; }
   Civil first() const { return first_; }
   Civil last() const { return last_; }
-  // Hands the loaded records to `sink` in time order; returns the worst exit
-  // code of the files. Stops early when the output fails.
+  // Reads the files and hands their records to `sink` in time order;
+  // returns the worst exit code of the files. Stops early when the output
+  // fails.
   int Merge(RecordSink& sink);
   // Follows the files (every 200 ms) and hands on records as they come;
   // returns only when the output fails.
@@ -97,19 +100,26 @@ class Timeline {
     std::unique_ptr<LogSource> source;
     std::size_t index = 0;
     std::deque<Record> records;  // parsed, in file order
+    std::size_t dated = 0;       // records at the front whose time is settled
     bool done = false;
     int status = kExitOk;
     bool any_time = false;  // a timed record has been seen
     int last_month = 0;
     int year_step = 0;
-    bool anchored = false;   // base_year is known
-    int base_year = 0;       // the year of year_step 0
+    bool anchored = false;                     // base_year is known
+    int base_year = 0;                         // the year of year_step 0
+    int day_year = 0, day_month = 0, day = 0;  // the day of day_start
+    Civil day_start = 0;
     bool have_last = false;  // last_when holds the time of a record
     Civil last_when = 0;
   };
 
   void Take(Lane& lane, std::vector<std::string>& texts);
-  void Date(Lane& lane, std::size_t from, Civil reference);
+  void Anchor(Lane& lane, const logrecord::Time& newest, int step, Civil reference);
+  void Date(Lane& lane, bool final, Civil reference);
+  void Fill(Lane& lane);
+  void Widen(Civil when);
+  static Civil When(Lane& lane, int year, const logrecord::Time& time);
 
   std::vector<std::unique_ptr<Lane>> lanes_;
   int year_ = 0;
