@@ -467,14 +467,21 @@ void Summary::PluginRecord(Session& s, const Record& r, bool listed) {
         if (Scan(m, 2, "CheckAttentionAbility  begin reg=%d dw:%d", &a, &b)) {
           st.cache_flag = a;
           st.cache_word = b;
+          st.cache_word_known = true;
           event(s.ability, a == 1 && b == 1 ? "supported: the registry cache says 1"
                            : a == 1 ? "not supported: the registry cache attention__ability says " +
                                           std::to_string(b) + " (" + kAbilityKey + ")"
                                     : std::string("no registry cache: the service is asked"));
         }
         return;
-      case 99:
-        return;  // the warning of the cached "not supported" above
+      case 99:  // the cached "not supported" (the record above is DBG: often not written)
+        if (!st.cache_word_known) {
+          st.cache_flag = 1;
+          st.cache_word = -1;
+          event(s.ability, std::string("not supported: the registry cache attention__ability (") +
+                               kAbilityKey + ") says so");
+        }
+        return;
       case 105:
         if (Scan(m, 1, "CheckAttentionAbility InitFusion %x", &x)) {
           st.query = x;
@@ -696,8 +703,10 @@ Summary::Verdict Summary::Decide(const Session& s) const {
       add("init_fusion_failed", *st.init_fusion, "InitFusion failed " + Hex(*st.init_fusion));
       faults(st.init_faults, true);
     } else if (st.cache_flag == 1 && st.cache_word != 1) {
-      add("cached_not_supported", st.cache_word,
-          "the cached verdict attention__ability = " + std::to_string(st.cache_word) + " in " +
+      const bool known = st.cache_word_known;
+      add("cached_not_supported", known ? std::optional<long long>(st.cache_word) : std::nullopt,
+          "the cached verdict attention__ability" +
+              (known ? " = " + std::to_string(st.cache_word) : std::string(" (not 1)")) + " in " +
               kAbilityKey);
       v.todo.push_back(std::string("delete the value attention__ability in ") + kAbilityKey +
                        " (reg delete \"" + kAbilityKey +
@@ -908,7 +917,6 @@ void Summary::PrintJson() {
 
   Json::Value root(Json::objectValue);
   Json::Value files(Json::arrayValue);
-  const auto damage = Damage();
   for (std::size_t i = 0; i < timeline_.size(); ++i) {
     Json::Value item(Json::objectValue);
     item["name"] = CleanMessage(timeline_.name(i));
@@ -953,8 +961,9 @@ void Summary::PrintJson() {
     const Verdict verdict_of = Decide(s);
     chain(verdict_of, v);
     v["ability"] = st.ability < 0 ? Json::Value() : Json::Value(st.ability);
-    v["ability_cache"] =
-        st.cache_flag == 1 ? Json::Value(static_cast<Json::Int64>(st.cache_word)) : Json::Value();
+    v["ability_cache"] = st.cache_flag == 1 && st.cache_word_known
+                             ? Json::Value(static_cast<Json::Int64>(st.cache_word))
+                             : Json::Value();
     v["service_answer"] = number(st.answer);
     v["init_fusion"] = number(st.init_fusion);
     Json::Value service(Json::objectValue);

@@ -87,6 +87,7 @@ class Summary : public RecordSink {
     bool init_finished = false;
     int ability = -1;                      // "ability: %d"
     int cache_flag = -1, cache_word = 0;   // "CheckAttentionAbility  begin reg=%d dw:%d"
+    bool cache_word_known = false;         // that record was written (DBG)
     std::optional<long long> query;        // "CheckAttentionAbility InitFusion %x"
     std::optional<long long> answer;       // the status the service answered (-1: none)
     std::optional<long long> init_fusion;  // the last "attention_init initfusion(2) %x"
