@@ -40,11 +40,15 @@ touch -d '2026-11-20 12:00' QXAttentionPlugin.log.logdat SensorLibLog.log
   jq -c 'select(.line == 341 and (.message | contains("cmd"))) | .message' records.jsonl
   jq -c 'select(.level == null and .time == null) | [.file, .message]' records.jsonl
 
-  echo "== jq: summary"
-  "$logread" --summary --json QXAttentionPlugin.log.logdat SensorLibLog.log > summary.jsonl
-  jq -c '[.session, .start, .inits[0].took_ms, .closes, (.telemetry_reports | length), (.failures | length)]' summary.jsonl
-  jq -r '.failures[].meaning' summary.jsonl | grep -c 'error_code' || true
-  jq -r '.failures[] | select(.message | contains("1722")) | .meaning' summary.jsonl
+  echo "== jq: summary, and the fleet query of docs/logread.md over two machines"
+  mkdir -p logs/a logs/b
+  "$logread" --summary --json QXAttentionPlugin.log.logdat SensorLibLog.log > logs/a/summary.json
+  "$logread" --summary --json "$data/causes-plugin.txt" "$data/causes-sensor.log" > logs/b/summary.json
+  jq -c '[.verdict.session, (.sessions | length), .sessions[0].inits[0].took_ms, .sessions[0].closes, (.sessions[-1].failures | map(.code))]' logs/a/summary.json
+  jq -s -c 'group_by([.verdict.state, .verdict.reason, .verdict.code])
+           | map({state: .[0].verdict.state, reason: .[0].verdict.reason,
+                  code: .[0].verdict.code, machines: length})' logs/*/summary.json
+  jq -c '[.sessions[] | [.state, .reason, .code]]' logs/b/summary.json
 
   echo "== lnav: formats"
   export HOME=$work/home

@@ -17,12 +17,19 @@ namespace {
 
 bool g_quiet = false;
 bool g_output_failed = false;
+// (name, text) of every note and error, the first few hundred.
+std::vector<std::pair<std::string, std::string>> g_notes;
+
+void Keep(const std::string& name, const std::string& text) {
+  if (g_notes.size() < 500) g_notes.emplace_back(name, text);
+}
 
 }  // namespace
 
 void SetQuiet(bool quiet) { g_quiet = quiet; }
 
 void Error(const std::string& name, const std::string& text) {
+  Keep(name, text);
   std::fflush(stdout);
   if (name.empty())
     std::fprintf(stderr, "logread: %s\n", text.c_str());
@@ -31,7 +38,15 @@ void Error(const std::string& name, const std::string& text) {
 }
 
 void Note(const std::string& name, const std::string& text) {
-  if (!g_quiet) Error(name, text);
+  if (!g_quiet) return Error(name, text);
+  Keep(name, text);
+}
+
+std::vector<std::string> NotesOf(const std::string& name) {
+  std::vector<std::string> out;
+  for (const auto& [file, text] : g_notes)
+    if (file == name) out.push_back(text);
+  return out;
 }
 
 void Emit(std::string_view bytes) {

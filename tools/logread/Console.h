@@ -6,6 +6,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace logread {
 
@@ -14,6 +15,9 @@ namespace logread {
 void SetQuiet(bool quiet);
 void Error(const std::string& name, const std::string& text);
 void Note(const std::string& name, const std::string& text);
+// The notes and errors given so far about `name`, even when quiet (for the
+// summary's report of damaged files).
+std::vector<std::string> NotesOf(const std::string& name);
 
 // Writes bytes to standard output (nothing more after a write error).
 void Emit(std::string_view bytes);

@@ -38,6 +38,9 @@ class RecordFilter : public RecordSink {
   bool Matches(const Record& record) const;
   // Whether a time lies in the window.
   bool InWindow(Civil when) const { return when >= since_ && when < until_; }
+  // The window's ends (the lowest and highest time when not given).
+  Civil since() const { return since_; }
+  Civil until() const { return until_; }
 
  private:
   const Timeline& timeline_;

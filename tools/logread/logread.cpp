@@ -72,11 +72,16 @@ constexpr char kFooter[] =
     "  line, message; null where the record has no such field (a sensor library\n"
     "  line has no thread, source or line; a \"Version:\" line no time).\n"
     "  --time=iso starts every line with the record's time and its year.\n"
-    "  --summary writes, per process session (from \" attention plugin init... \"),\n"
-    "  the \"init\" actions and how long each took, what the service check found,\n"
-    "  the ability decisions, status and delay changes, telemetry reports sent and\n"
-    "  every failure the records show, with their codes named; with --json, one\n"
-    "  JSON object per session.\n"
+    "  --summary starts with a verdict: is attention working in the newest process\n"
+    "  session, and if not, the chain of causes the records show and what to do;\n"
+    "  then damage found in the files, and per session (from \" attention plugin\n"
+    "  init... \") the \"init\" actions and how long each took, the service check,\n"
+    "  the ability decisions, status and delay changes, telemetry reports, the\n"
+    "  sensor library's lines and version, and every failure with its code named.\n"
+    "  Sessions come from every record: --level, --thread and --source choose what\n"
+    "  is listed, --since and --until the sessions shown (those overlapping the\n"
+    "  window). With --json, one JSON object on one line (files, verdict, sessions;\n"
+    "  times with the year), for fleet queries.\n"
     "\n"
     "Time: the records carry no year. A file only grows forward in time: a\n"
     "record whose month comes before the month of the record before it starts a\n"
@@ -303,8 +308,7 @@ int Run(int argc, char** argv) {
                  "starts with the time and its year, \"2026-11-14T09:05:07.042\"")
       ->type_name("FORM")
       ->check(CLI::IsMember({"record", "iso"}));
-  app.add_flag("--json", o.json,
-               "JSON Lines: one object per record (or per session with --summary)");
+  app.add_flag("--json", o.json, "JSON Lines: one object per record (with --summary, one object)");
   app.add_flag("--summary", o.summary, "sum the records up per process session");
   app.add_option("--color", o.colour,
                  "colour records by level: auto (on a terminal, unless NO_COLOR is set), always "
@@ -381,7 +385,12 @@ int Run(int argc, char** argv) {
   std::unique_ptr<RecordFilter> filter;
   if (o.filters.any()) {
     filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
-    sink = filter.get();
+    // The summary reads every record, so that filters never split a session,
+    // and asks the filter which records to list and which sessions to show.
+    if (summary)
+      summary->SetFilter(filter.get());
+    else
+      sink = filter.get();
   }
 
   if (!o.follow) timeline.Load();
