@@ -188,6 +188,20 @@ class LogSource::InputFile {
   Civil modified_ = 0;
 };
 
+bool LogSource::IsGzip(InputFile& file) {
+  char magic[2] = {};
+  std::string error;
+  return file.ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b';
+}
+
+void* LogSource::OpenGzip(const PathString& path) {
+#ifdef _WIN32
+  return gzopen_w(path.c_str(), "rb");
+#else
+  return gzopen(path.c_str(), "rb");
+#endif
+}
+
 // ---------------------------------------------------------------------------
 
 LogSource::LogSource(PathString path, std::string name, FormatChoice choice, bool follow)
@@ -240,15 +254,10 @@ bool LogSource::OpenForReading() {
     return false;
   }
   modified_ = file_->modified();
-  char magic[2] = {};
-  if (file_->ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b') {
+  if (IsGzip(*file_)) {
     // Compressed with gzip: zlib reads it from its own handle.
     file_.reset();
-#ifdef _WIN32
-    gz_ = gzopen_w(path_.c_str(), "rb");
-#else
-    gz_ = gzopen(path_.c_str(), "rb");
-#endif
+    gz_ = OpenGzip(path_);
     if (!gz_) {
       Error(name_, "cannot open as a gzip file");
       status_ = kExitIo;
@@ -267,15 +276,10 @@ std::unique_ptr<YearScanner> LogSource::ScanYears() const {
   if (!file.Open(path_, error, missing)) return nullptr;
   const Civil modified = file.modified();
   std::vector<char> buffer(256 * 1024);
-  char magic[2] = {};
   gzFile gz = nullptr;
-  if (file.ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b') {
+  if (IsGzip(file)) {
     file.Close();
-#ifdef _WIN32
-    gz = gzopen_w(path_.c_str(), "rb");
-#else
-    gz = gzopen(path_.c_str(), "rb");
-#endif
+    gz = static_cast<gzFile>(OpenGzip(path_));
     if (!gz) return nullptr;
   }
   std::unique_ptr<YearScanner> scan;

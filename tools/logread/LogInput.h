@@ -76,6 +76,10 @@ class LogSource {
 
  private:
   class InputFile;
+  // Whether the file starts as gzip's files do; zlib's reader of it (a
+  // gzFile), or null.
+  static bool IsGzip(InputFile& file);
+  static void* OpenGzip(const PathString& path);
 
   void StartOver();
   bool Consume(const char* data, std::size_t size, std::vector<std::string>& records);
