@@ -129,12 +129,45 @@ Civil ToCivil(int year, const logrecord::Time& t) {
          t.millisecond;
 }
 
+namespace {
+
+void Put(char* at, int value, int digits) {
+  for (int i = digits - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
+}
+
+}  // namespace
+
 std::string IsoTime(Civil when) {
-  const CivilParts p = FromCivil(when);
-  char text[40];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", p.year, p.month, p.day,
-                p.hour, p.minute, p.second, p.millisecond);
-  return text;
+  // Written by hand: JSON output asks this for every record. The date part is
+  // kept from the last call, since records come many a day.
+  thread_local std::int64_t last_day = -1;
+  thread_local char text[] = "0000-00-00T00:00:00.000";
+  std::int64_t day = when / kDay, ms = when % kDay;
+  if (ms < 0) {
+    ms += kDay;
+    --day;
+  }
+  if (day != last_day) {
+    int year, month, mday;
+    DateFromDays(day, year, month, mday);
+    if (year < 0 || year > 9999) {
+      const CivilParts p = FromCivil(when);
+      char out[48];
+      std::snprintf(out, sizeof out, "%d-%02d-%02dT%02d:%02d:%02d.%03d", p.year, p.month, p.day,
+                    p.hour, p.minute, p.second, p.millisecond);
+      return out;
+    }
+    Put(text, year, 4);
+    Put(text + 5, month, 2);
+    Put(text + 8, mday, 2);
+    last_day = day;
+  }
+  const int t = static_cast<int>(ms);
+  Put(text + 11, t / 3600000, 2);
+  Put(text + 14, t / 60000 % 60, 2);
+  Put(text + 17, t / 1000 % 60, 2);
+  Put(text + 20, t % 1000, 3);
+  return std::string(text, sizeof text - 1);
 }
 
 Civil LocalNow() {
