@@ -152,7 +152,7 @@ add_custom_command(OUTPUT ${QX_GNU_IMPLIB}
 list(APPEND QX_SHIP_FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB})
 add_custom_target(qx_ship ALL DEPENDS ${QX_SHIP_FILES})
 
-# The archive: bin/ include/ lib/ debug/ docs/ share/lnav/, CHANGELOG.md and README.md.
+# The archive: bin/ include/ lib/ examples/ debug/ docs/ share/lnav/, CHANGELOG.md and README.md.
 install(FILES ${QX_SHIP_DIR}/bin/QXAttentionPlugin.dll ${QX_SHIP_DIR}/bin/qxhost.exe
               ${QX_SHIP_DIR}/bin/fusion-sim.exe ${QX_SHIP_DIR}/bin/logread.exe
         DESTINATION bin)
@@ -160,6 +160,7 @@ install(FILES ${QX_SHIP_DIR}/debug/QXAttentionPlugin.dll.debug ${QX_SHIP_DIR}/de
               ${QX_SHIP_DIR}/debug/fusion-sim.exe.debug ${QX_SHIP_DIR}/debug/logread.exe.debug
         DESTINATION debug)
 install(FILES ${CMAKE_SOURCE_DIR}/include/qx_plugin.h DESTINATION include)
+install(FILES ${CMAKE_SOURCE_DIR}/examples/host.c DESTINATION examples)
 install(FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB} DESTINATION lib)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/integration.md ${CMAKE_SOURCE_DIR}/docs/logread.md
               ${CMAKE_SOURCE_DIR}/docs/log-records.md

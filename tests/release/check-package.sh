@@ -2,7 +2,8 @@
 # Checks the release archive the way an integrator meets it.
 #
 #   check-package.sh --quick ZIP
-#       layout (exactly the shipped files, never the test variant), sorted
+#       layout (exactly the shipped files, never the test variant), every file
+#       the archive's documents name is in it (check-doc-refs.py), sorted
 #       entries, stripped binaries whose .gnu_debuglink names their debug file
 #       with its CRC. No Wine. scripts/release.sh runs this on dist/.
 #   check-package.sh [--version-test EXE] ZIP | --from-build TREE
@@ -13,6 +14,7 @@
 #         library; built as MSVC would (clang for x86_64-pc-windows-msvc,
 #         lld-link, lib/QXAttentionPlugin.lib) it calls the four exports, and
 #         its filter sees the GCC exception of a non-numeric "status";
+#       - examples/host.c, built from the unpacked archive, runs its lifecycle;
 #       - EXE (release_version_tests) reads bin/'s version resources;
 #       - scripts/sign.sh signs copies of bin/'s files with a throwaway
 #         self-signed certificate; osslsigncode verify accepts them (and refuses
@@ -73,6 +75,7 @@ debug/qxhost.exe.debug
 docs/integration.md
 docs/log-records.md
 docs/logread.md
+examples/host.c
 include/qx_plugin.h
 lib/QXAttentionPlugin.lib
 lib/libQXAttentionPlugin.dll.a
@@ -83,6 +86,8 @@ EOF
 check "archive holds exactly the shipped files" diff "$work/expected" "$work/found"
 check "no test variant (name or export directory)" \
   bash -c "! (cd '$pkg' && find . -iname '*noauth*' | grep . ; grep -rl 'QXAttentionPlugin-noauth' bin lib)"
+# Every file a document of the archive names is in it.
+check "the documents name only files the archive holds" python3 "$here/check-doc-refs.py" "$pkg"
 # Entries in sorted order, so that two packers agree.
 cmake -E tar tf "$zip" | sed 's|/$||' > "$work/entries"
 check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
@@ -145,6 +150,15 @@ check "C host (C89) loads bin/QXAttentionPlugin.dll and runs actions" \
   run_host "$work/c89.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_c89.exe"
 check "C host (linked) finds bin/QXAttentionPlugin.dll on PATH and runs actions" \
   run_host "$work/linked.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_linked.exe"
+
+# examples/host.c as an integrator builds it from the unpacked archive (C99,
+# windows.h, only include/ added), run against bin/'s DLL by its full path.
+check "examples/host.c builds from the archive (C99, gcc)" \
+  $cc -std=c99 -pedantic-errors -Wall -Wextra -Werror -I"$pkg/include" "$pkg/examples/host.c" -o "$work/example.exe"
+check "examples/host.c runs the lifecycle against bin/QXAttentionPlugin.dll" bash -c "
+  timeout 120 wine '$work/example.exe' '$(winpath "$pkg/bin/QXAttentionPlugin.dll")' > '$work/example.out' 2>&1; rc=\$?
+  cat '$work/example.out'; [ \$rc -eq 0 ] && grep -q 'every action answered' '$work/example.out' &&
+  grep -q '^get_attention  -> 0, {\"cmd\":\"get_attention\"' '$work/example.out'"
 
 # The MSVC-style host: clang (MSVC target) and lld-link, no C runtime, the
 # import library from the archive; kernel32 and ntdll import libraries made
