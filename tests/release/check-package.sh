@@ -134,8 +134,15 @@ for f in bin/QXAttentionPlugin.dll bin/qxhost.exe bin/fusion-sim.exe bin/logread
     set -eo pipefail
     pkg=$1 f=$2 name=$3 funcs=$4 readobj=$5 pdbutil=$6 symbolizer=$7
     dir=$("$readobj" --coff-debug-directory "$pkg/$f")
-    read -r -a g <<<"$(sed -n "s/.*PDBGUID: (\(.*\))/\1/p" <<<"$dir")"
-    guid=${g[3]}${g[2]}${g[1]}${g[0]}-${g[5]}${g[4]}-${g[7]}${g[6]}-${g[8]}${g[9]}-${g[10]}${g[11]}${g[12]}${g[13]}${g[14]}${g[15]}
+    # llvm 14 prints the GUID as bytes in memory order (three little-endian
+    # fields first), llvm 19 as {XXXXXXXX-XXXX-...}.
+    guid=$(sed -n "s/.*PDBGUID: {\(.*\)}/\1/p" <<<"$dir")
+    if [ -z "$guid" ]; then
+      read -r -a g <<<"$(sed -n "s/.*PDBGUID: (\(.*\))/\1/p" <<<"$dir")"
+      guid=${g[3]}${g[2]}${g[1]}${g[0]}-${g[5]}${g[4]}-${g[7]}${g[6]}-${g[8]}${g[9]}-${g[10]}${g[11]}${g[12]}${g[13]}${g[14]}${g[15]}
+    fi
+    guid=${guid^^}
+    [ ${#guid} -eq 36 ] || { echo "no GUID in: $dir"; exit 1; }
     age=$(sed -n "s/.*PDBAge: //p" <<<"$dir") pdb=$(sed -n "s/.*PDBFileName: //p" <<<"$dir")
     [ "$pdb" = "${name%.*}.pdb" ] || { echo "CodeView entry names $pdb"; exit 1; }
     store=$pkg/symbols/$pdb/${guid//-/}$(printf %X "$age")
