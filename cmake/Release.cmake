@@ -4,7 +4,8 @@
 #  - a VERSIONINFO resource (project version, "Vantoq") in the DLL and in every
 #    shipped .exe;
 #  - stripped copies of the shipped binaries in ship/bin, their debug
-#    information in ship/debug/NAME.debug, linked by a .gnu_debuglink section;
+#    information in ship/debug/NAME.debug, linked by a .gnu_debuglink section,
+#    and their PDBs in a symbol store, ship/symbols;
 #  - the import libraries in ship/lib: the GNU one from the link and an
 #    MSVC-format QXAttentionPlugin.lib written by llvm-dlltool from the .def;
 #  - install() rules and CPack for QXAttentionPlugin-<version>-win64.zip.
@@ -50,6 +51,7 @@ a growing log file.")
   return()
 endif()
 
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
 find_program(QX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-19 llvm-dlltool-14 REQUIRED)
 
 # qx_version_resource(TARGET DESCRIPTION): compiles a VERSIONINFO resource with
@@ -86,8 +88,13 @@ function(qx_version_resource target description)
                               PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
 endfunction()
 
-# qx_ship_binary(TARGET): ship/bin/NAME stripped, with a .gnu_debuglink to
-# ship/debug/NAME.debug, which keeps the debug information and the symbols.
+# qx_ship_binary(TARGET): the linker writes NAME's PDB beside it (GNU ld
+# --pdb: public symbols; a CodeView entry in the debug directory names it, with
+# a GUID that --build-id=md5 derives from the content, so that two builds of
+# one commit agree). packaging/ship-binary.py then writes ship/bin/NAME
+# stripped, with a .gnu_debuglink to ship/debug/NAME.debug (the DWARF
+# information and the symbols, for gdb and Wine), and the symbol store
+# ship/symbols/ (PDB/GUIDAGE/PDB, NAME/STAMPSIZE/NAME) for Windows debuggers.
 function(qx_ship_binary target out_var)
   get_target_property(type ${target} TYPE)
   get_target_property(base ${target} OUTPUT_NAME)
@@ -99,19 +106,19 @@ function(qx_ship_binary target out_var)
   else()
     set(name ${base}.exe)
   endif()
+  set(pdb $<TARGET_FILE_DIR:${target}>/${base}.pdb)
+  target_link_options(${target} PRIVATE -Wl,--build-id=md5 -Wl,--pdb=${pdb})
   set(bin ${QX_SHIP_DIR}/bin/${name})
   set(dbg ${QX_SHIP_DIR}/debug/${name}.debug)
-  # objcopy writes a new PE header, with the current time as its time stamp
-  # unless SOURCE_DATE_EPOCH says otherwise: 0, as the link wrote it.
-  set(objcopy ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=0 ${CMAKE_OBJCOPY})
-  add_custom_command(OUTPUT ${bin} ${dbg}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${QX_SHIP_DIR}/bin ${QX_SHIP_DIR}/debug
-    COMMAND ${objcopy} --only-keep-debug $<TARGET_FILE:${target}> ${dbg}
-    COMMAND ${objcopy} --strip-all --add-gnu-debuglink=${dbg} $<TARGET_FILE:${target}> ${bin}
-    DEPENDS ${target}
-    COMMENT "stripping ${name}, debug information to debug/${name}.debug"
+  set(stamp ${QX_SHIP_DIR}/symbols/${name}.stamp)
+  add_custom_command(OUTPUT ${bin} ${dbg} ${stamp}
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/packaging/ship-binary.py ${CMAKE_OBJCOPY}
+            $<TARGET_FILE:${target}> ${pdb} ${QX_SHIP_DIR}
+    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+    DEPENDS ${target} ${CMAKE_SOURCE_DIR}/packaging/ship-binary.py
+    COMMENT "stripping ${name}: debug/${name}.debug, symbols/ (PDB and binary)"
     VERBATIM)
-  set(${out_var} ${bin} ${dbg} PARENT_SCOPE)
+  set(${out_var} ${bin} ${dbg} ${stamp} PARENT_SCOPE)
 endfunction()
 
 set(QX_SHIPPED_TARGETS QXAttentionPlugin qxhost fusion-sim logread)
@@ -152,14 +159,18 @@ add_custom_command(OUTPUT ${QX_GNU_IMPLIB}
 list(APPEND QX_SHIP_FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB})
 add_custom_target(qx_ship ALL DEPENDS ${QX_SHIP_FILES})
 
-# The archive: bin/ include/ lib/ debug/ docs/ share/lnav/, CHANGELOG.md and README.md.
+# The archive: bin/ include/ lib/ examples/ debug/ symbols/ docs/ share/lnav/, CHANGELOG.md
+# and README.md.
 install(FILES ${QX_SHIP_DIR}/bin/QXAttentionPlugin.dll ${QX_SHIP_DIR}/bin/qxhost.exe
               ${QX_SHIP_DIR}/bin/fusion-sim.exe ${QX_SHIP_DIR}/bin/logread.exe
         DESTINATION bin)
 install(FILES ${QX_SHIP_DIR}/debug/QXAttentionPlugin.dll.debug ${QX_SHIP_DIR}/debug/qxhost.exe.debug
               ${QX_SHIP_DIR}/debug/fusion-sim.exe.debug ${QX_SHIP_DIR}/debug/logread.exe.debug
         DESTINATION debug)
+# The symbol store; the stamps are the build's bookkeeping, not part of it.
+install(DIRECTORY ${QX_SHIP_DIR}/symbols/ DESTINATION symbols PATTERN "*.stamp" EXCLUDE)
 install(FILES ${CMAKE_SOURCE_DIR}/include/qx_plugin.h DESTINATION include)
+install(FILES ${CMAKE_SOURCE_DIR}/examples/host.c DESTINATION examples)
 install(FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB} DESTINATION lib)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/integration.md ${CMAKE_SOURCE_DIR}/docs/logread.md
               ${CMAKE_SOURCE_DIR}/docs/log-records.md

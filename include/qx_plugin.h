@@ -6,14 +6,26 @@
  * (mingw-w64), or load the DLL with LoadLibrary and use the *_fn types with
  * GetProcAddress. This header compiles as C89, C99/C11 and C++.
  *
- * Lifecycle (one process, one plug-in; all state is process-wide):
- *   1. qx_plugin_init(NULL, callback) once, before any action.
- *   2. qx_plugin_action(QX_ACTION_INIT, ...) once.
+ * Lifecycle (one process, one plug-in; all state is process-wide). The same
+ * contract is in docs/integration.md ("Calling order"); qxhost warns on every
+ * breach of it.
+ *   1. qx_plugin_init(NULL, callback) before any action; calling it again
+ *      sets the log up again and replaces the callback.
+ *   2. qx_plugin_action(QX_ACTION_INIT, ...) before any other action. Before
+ *      it only "get_attention" is harmless (it answers -1). "ability" answers
+ *      0, keeps 0 for the rest of the process and stores status 0, unless the
+ *      installer wrote the machine-wide ability cache; "set_attention_status"
+ *      stores status 0 over the user's choice.
  *   3. Any actions, one at a time (the plug-in takes no lock).
- *   4. qx_plugin_action(QX_ACTION_CLOSE, ...) once, last; unload only after it.
- * "init" twice without "close", "close" twice, a "set_" action after "close",
- * or unloading while the event thread runs are hazards: docs/integration.md,
- * "Hazards a host must avoid".
+ *   4. qx_plugin_action(QX_ACTION_CLOSE, ...) once per "init". After it only
+ *      "get_attention", "ability" or a new "init" (back to step 2). A second
+ *      "close", or "set_attention_status" 1, signals and closes a stale handle
+ *      value that may by then be one of the host's; the other "set_" calls
+ *      fail against the released connection.
+ *   5. Unload the DLL only after "close" (better: never, until the process
+ *      ends); never after two "init" without "close" in between, whose first
+ *      event thread runs on.
+ * These and the other hazards: docs/integration.md, "Hazards a host must avoid".
  *
  * Memory: every *result of qx_plugin_action is a buffer of the plug-in's own
  * heap (the DLL carries its own C++ runtime). Free it with qx_plugin_delete,
@@ -99,8 +111,10 @@ QX_PLUGIN_API int qx_plugin_init(void *ignored, HostCallback callback);
  * zero-terminated result (JSON ending with a line feed, or "" for "init" and
  * "close") in *result; free it with qx_plugin_delete. Always returns 0;
  * errors come back as {"error_code":n}. A "status" or "delay" member that is
- * not a number makes a C++ exception of the plug-in's own (GCC) runtime leave
- * this function and *result is not written: send numbers. */
+ * not a number, and a NULL action, make a C++ exception of the plug-in's own
+ * (GCC) runtime leave this function and *result is not written; a C host
+ * cannot catch it and its process ends (docs/integration.md, "Exceptions"):
+ * send numbers, never NULL. */
 QX_PLUGIN_API int qx_plugin_action(const char *action, const char *params, char **result);
 
 /* Frees a buffer from qx_plugin_new or a result of qx_plugin_action; NULL is

@@ -227,9 +227,9 @@ def catalogue():
         return when[key]
 
     out = ["# Log records", "",
-           "Every record the plug-in and the fusion client can write, generated from the code by",
-           "`scripts/log-records.py` (descriptions from `scripts/log-records-when.txt`); a native test",
-           "fails when this file is stale. Do not edit it by hand.", "",
+           "Every record the plug-in and the fusion client can write, generated from the source code",
+           "(\"Written in\": the source file and function). The source tree's log-records script makes",
+           "it, and its test fails when this file is stale: do not edit it by hand.", "",
            "## The plug-in's log", "",
            "`QXAttentionPlugin.log.logdat` (or `QXAttentionPlugin.log` with obfuscation off). A record",
            "reads `MM-DD hh:mm:ss:mmm : [TAG][THREAD] SOURCE(LINE) TEXT`, the text's placeholders",
@@ -241,7 +241,8 @@ def catalogue():
         key = "%s(%d)" % (r["source"], r["line"])
         number, tag = LEVELS[r["level"]]
         out.append("| %s | %d | %d `%s` | %s | `%s` `%s` | %s |" % (
-            r["source"], r["line"], number, tag, shown(r["text"]), r["file"], r["function"], describe(key)))
+            r["source"], r["line"], number, tag, shown(r["text"]), os.path.basename(r["file"]), r["function"],
+            describe(key)))
     out += ["", "## The sensor library's log", "",
             "`SensorLibLog.log` under `%ProgramData%\\Vantoq\\SensorFusion\\Logs\\`. A line reads",
             "`[MM-DD-hh-mm-ss:ms]TEXT` (milliseconds not padded) and carries no level, thread or source",
@@ -252,7 +253,8 @@ def catalogue():
     for r in sorted(rows.values(), key=lambda r: (r["text"].lower(), r["file"], r["function"])):
         key = "sensor " + r["text"].replace("\n", "\\n")
         how = " (%s)" % r["how"] if r["how"] else ""
-        out.append("| %s | `%s` `%s`%s | %s |" % (shown(r["text"]), r["file"], r["function"], how, describe(key)))
+        out.append("| %s | `%s` `%s`%s | %s |" % (shown(r["text"]), os.path.basename(r["file"]), r["function"], how,
+                                                  describe(key)))
     unused = sorted(set(when) - used)
     if unused:
         raise Stale("descriptions without a record in the code: " + ", ".join(unused))

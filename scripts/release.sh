@@ -5,14 +5,16 @@
 #   dist/qx-logread_<version>_amd64.deb          logread for Linux machines
 #   dist/SHA256SUMS                              both packages and the archive's files
 # through the install() rules and CPack, in release trees of their own
-# (build/release/win, build/release/native; the test tree build/win is not
-# touched). Installs what it needs first (scripts/install-deps.sh).
+# (/var/tmp/qx-release/win and /native, made anew; the test tree build/win is
+# not touched). Installs what it needs first (scripts/install-deps.sh).
 #
 # Environment:
 #   QX_SIGN_PKCS12, QX_SIGN_PASSWORD  sign the DLL and the .exe files (scripts/sign.sh);
 #                                     QX_SIGN_TIMESTAMP_URL adds a time stamp
 #   SOURCE_DATE_EPOCH                 time of the archive's entries; default: the commit's
-#   QX_RELEASE_BUILD, QX_DIST         the release trees' parent and the output folder
+#   QX_RELEASE_BUILD, QX_DIST         the release trees' parent (default /var/tmp/qx-release,
+#                                     made anew; elsewhere the PDBs name that path)
+#                                     and the output folder
 #
 # Two runs on one commit give byte-identical DLL, .exe files and archive
 # contents, whatever folder the checkout is in (unsigned; scripts/repro-check.sh
@@ -24,7 +26,18 @@ scripts/install-deps.sh
 
 version=$(sed -n 's/^project(QXAttentionPlugin VERSION \([0-9][0-9.]*\).*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || { echo "release: no project(... VERSION x.y.z) in CMakeLists.txt" >&2; exit 1; }
-build=${QX_RELEASE_BUILD:-$root/build/release}
+# The release trees live at one fixed path, whatever folder the checkout is in:
+# the linker writes the build tree's object paths into the PDBs (resolved, so a
+# symbolic link does not help), and two builds of one commit must give the same
+# PDB bytes. A lock makes release builds on one machine take turns there.
+build=${QX_RELEASE_BUILD:-/var/tmp/qx-release}
+mkdir -p "$(dirname "$build")"
+exec 7>"$build.lock"
+if ! flock -n 7; then
+  echo "release: waiting for another release build in $build"
+  flock 7
+fi
+[ -n "${QX_RELEASE_BUILD:-}" ] || rm -rf "$build"
 dist=${QX_DIST:-$root/dist}
 jobs=${QX_JOBS:-$(nproc)}
 zip_name=QXAttentionPlugin-$version-win64.zip

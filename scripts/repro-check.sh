@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Proves that the release is reproducible: clones the committed HEAD twice, into
 # folders of different names and depths, runs scripts/release.sh in each (one
-# after the other, each with its own release trees), and compares:
-#   - the archive's files one by one (DLL, .exe, debug files, import libraries,
-#     header, docs): they must be byte-identical;
+# after the other, in release.sh's fixed release tree path), and compares:
+#   - the archive's files one by one (DLL, .exe, debug files, the PDBs and the
+#     binaries in symbols/, import libraries, header, docs): they must be
+#     byte-identical, and the file lists equal (so the symbol store's keys,
+#     PDB GUID and age, binary time stamp and size, agree too);
 #   - the two .zip files and the two .deb files as wholes.
 # Exit 0 when the DLL, the .exe files and every file in the archive are
 # identical. Unsigned builds only: a signature carries its signing time.

@@ -2,9 +2,11 @@
 # Checks the release archive the way an integrator meets it.
 #
 #   check-package.sh --quick ZIP
-#       layout (exactly the shipped files, never the test variant), sorted
+#       layout (exactly the shipped files, never the test variant), every file
+#       the archive's documents name is in it (check-doc-refs.py), sorted
 #       entries, stripped binaries whose .gnu_debuglink names their debug file
-#       with its CRC. No Wine. scripts/release.sh runs this on dist/.
+#       with its CRC, symbols/ (PDBs matching each binary's CodeView entry,
+#       functions resolved through them, the symbol store's layout). No Wine. scripts/release.sh runs this on dist/.
 #   check-package.sh [--version-test EXE] ZIP | --from-build TREE
 #       all of the above, then under Wine (WINEPREFIX of the caller):
 #       - host.c, built with the mingw C compiler against include/qx_plugin.h
@@ -13,6 +15,7 @@
 #         library; built as MSVC would (clang for x86_64-pc-windows-msvc,
 #         lld-link, lib/QXAttentionPlugin.lib) it calls the four exports, and
 #         its filter sees the GCC exception of a non-numeric "status";
+#       - examples/host.c, built from the unpacked archive, runs its lifecycle;
 #       - EXE (release_version_tests) reads bin/'s version resources;
 #       - scripts/sign.sh signs copies of bin/'s files with a throwaway
 #         self-signed certificate; osslsigncode verify accepts them (and refuses
@@ -73,16 +76,20 @@ debug/qxhost.exe.debug
 docs/integration.md
 docs/log-records.md
 docs/logread.md
+examples/host.c
 include/qx_plugin.h
 lib/QXAttentionPlugin.lib
 lib/libQXAttentionPlugin.dll.a
 share/lnav/qx_attention_log.json
 share/lnav/qx_sensorlib_log.json
 EOF
-(cd "$pkg" && find . -type f | sed 's|^\./||' | LC_ALL=C sort) > "$work/found"
+# symbols/ is keyed by content: checked on its own below.
+(cd "$pkg" && find . -type f | sed 's|^\./||' | grep -v '^symbols/' | LC_ALL=C sort) > "$work/found"
 check "archive holds exactly the shipped files" diff "$work/expected" "$work/found"
 check "no test variant (name or export directory)" \
   bash -c "! (cd '$pkg' && find . -iname '*noauth*' | grep . ; grep -rl 'QXAttentionPlugin-noauth' bin lib)"
+# Every file a document of the archive names is in it.
+check "the documents name only files the archive holds" python3 "$here/check-doc-refs.py" "$pkg"
 # Entries in sorted order, so that two packers agree.
 cmake -E tar tf "$zip" | sed 's|/$||' > "$work/entries"
 check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
@@ -111,6 +118,53 @@ PY
   check "debug/$name.debug: has DWARF line tables" bash -c \
     "x86_64-w64-mingw32-objdump -h '$pkg/debug/$name.debug' | grep -q '\\.debug_line'"
 done
+
+# --- symbols/, a symbol store of PDBs for Windows debuggers: each binary's
+# CodeView entry (llvm-readobj) names a PDB whose own GUID and age
+# (llvm-pdbutil) match, stored as PDB/GUIDAGE/PDB; the binary itself as
+# NAME/STAMPSIZE/NAME; functions resolve by name through the PDB alone
+# (llvm-symbolizer on the stripped binary), at addresses taken from the DWARF
+# debug file: PluginAction and attention_start in the DLL, (w)main in the tools.
+llvm_tool() { command -v "$1" || command -v "$1-19" || command -v "$1-14"; }
+readobj=$(llvm_tool llvm-readobj) pdbutil=$(llvm_tool llvm-pdbutil) symbolizer=$(llvm_tool llvm-symbolizer)
+for f in bin/QXAttentionPlugin.dll bin/qxhost.exe bin/fusion-sim.exe bin/logread.exe; do
+  name=$(basename "$f")
+  case $name in *.dll) funcs="PluginAction attention_start" ;; fusion-sim.exe) funcs=wmain ;; *) funcs=main ;; esac
+  check "$f: its PDB in symbols/ matches its CodeView entry; $funcs resolve through it" bash -c '
+    set -eo pipefail
+    pkg=$1 f=$2 name=$3 funcs=$4 readobj=$5 pdbutil=$6 symbolizer=$7
+    dir=$("$readobj" --coff-debug-directory "$pkg/$f")
+    # llvm 14 prints the GUID as bytes in memory order (three little-endian
+    # fields first), llvm 19 as {XXXXXXXX-XXXX-...}.
+    guid=$(sed -n "s/.*PDBGUID: {\(.*\)}/\1/p" <<<"$dir")
+    if [ -z "$guid" ]; then
+      read -r -a g <<<"$(sed -n "s/.*PDBGUID: (\(.*\))/\1/p" <<<"$dir")"
+      guid=${g[3]}${g[2]}${g[1]}${g[0]}-${g[5]}${g[4]}-${g[7]}${g[6]}-${g[8]}${g[9]}-${g[10]}${g[11]}${g[12]}${g[13]}${g[14]}${g[15]}
+    fi
+    guid=${guid^^}
+    [ ${#guid} -eq 36 ] || { echo "no GUID in: $dir"; exit 1; }
+    age=$(sed -n "s/.*PDBAge: //p" <<<"$dir") pdb=$(sed -n "s/.*PDBFileName: //p" <<<"$dir")
+    [ "$pdb" = "${name%.*}.pdb" ] || { echo "CodeView entry names $pdb"; exit 1; }
+    store=$pkg/symbols/$pdb/${guid//-/}$(printf %X "$age")
+    summary=$("$pdbutil" dump -summary "$store/$pdb")
+    grep -qx " *GUID: {$guid}" <<<"$summary" && grep -qx " *Age: $age" <<<"$summary" ||
+      { echo "binary: {$guid} age $age; $store/$pdb:"; echo "$summary"; exit 1; }
+    head=$("$readobj" --file-headers "$pkg/$f")
+    key=$(printf "%08X%x" "$(sed -n "s/.*TimeDateStamp: .*(\(0x[0-9A-Fa-f]*\))/\1/p" <<<"$head")" \
+                          "$(sed -n "s/.*SizeOfImage: //p" <<<"$head")")
+    cmp "$pkg/$f" "$pkg/symbols/$name/$key/$name"
+    base=$(x86_64-w64-mingw32-objdump -p "$pkg/debug/$name.debug" | sed -n "s/^ImageBase[[:space:]]*//p")
+    for fn in $funcs; do
+      at=$(x86_64-w64-mingw32-nm -C "$pkg/debug/$name.debug" | sed -n -E "s/^([0-9a-f]+) T $fn(\(.*)?\$/\1/p" | head -1)
+      [ -n "$at" ] || { echo "no $fn in debug/$name.debug"; exit 1; }
+      got=$(cd "$store" && "$symbolizer" --obj="$pkg/$f" --relative-address $((0x$at - 0x$base + 16)) | head -1)
+      echo "$fn: 0x$at+16 -> $got"
+      [[ $got == "$fn" || $got == "$fn("* ]]
+    done' _ "$pkg" "$f" "$name" "$funcs" "$readobj" "$pdbutil" "$symbolizer"
+done
+check "symbols/ holds the four PDBs and binaries, nothing else" bash -c \
+  "[ \$(cd '$pkg/symbols' && find . -type f | grep -c -E '^\./([^/]+)\.(pdb|dll|exe)/[0-9A-Fa-f]+/\1\.(pdb|dll|exe)\$') -eq 8 ] &&
+   [ \$(find '$pkg/symbols' -type f | wc -l) -eq 8 ]"
 
 if [ $quick -eq 1 ]; then
   [ $failures -eq 0 ] && { echo "package: all checks passed"; exit 0; }
@@ -145,6 +199,15 @@ check "C host (C89) loads bin/QXAttentionPlugin.dll and runs actions" \
   run_host "$work/c89.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_c89.exe"
 check "C host (linked) finds bin/QXAttentionPlugin.dll on PATH and runs actions" \
   run_host "$work/linked.out" "$pkg/bin/QXAttentionPlugin.dll" wine "$work/host_linked.exe"
+
+# examples/host.c as an integrator builds it from the unpacked archive (C99,
+# windows.h, only include/ added), run against bin/'s DLL by its full path.
+check "examples/host.c builds from the archive (C99, gcc)" \
+  $cc -std=c99 -pedantic-errors -Wall -Wextra -Werror -I"$pkg/include" "$pkg/examples/host.c" -o "$work/example.exe"
+check "examples/host.c runs the lifecycle against bin/QXAttentionPlugin.dll" bash -c "
+  timeout 120 wine '$work/example.exe' '$(winpath "$pkg/bin/QXAttentionPlugin.dll")' > '$work/example.out' 2>&1; rc=\$?
+  cat '$work/example.out'; [ \$rc -eq 0 ] && grep -q 'every action answered' '$work/example.out' &&
+  grep -q '^get_attention  -> 0, {\"cmd\":\"get_attention\"' '$work/example.out'"
 
 # The MSVC-style host: clang (MSVC target) and lld-link, no C runtime, the
 # import library from the archive; kernel32 and ntdll import libraries made

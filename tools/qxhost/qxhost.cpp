@@ -149,13 +149,29 @@ bool LoadPlugin(const std::string& path) {
   return true;
 }
 
+// Whether the machine-wide ability cache is set, read as the plug-in reads it
+// (any value of at most 4 bytes): then "ability" before "init" answers from it.
+bool MachineAbilityCached() {
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Vantoq\\Quillomatic", 0, KEY_READ, &key) !=
+      ERROR_SUCCESS)
+    return false;
+  DWORD value = 0;
+  DWORD size = sizeof(value);
+  const LONG rc = RegQueryValueExW(key, L"attention__ability", nullptr, nullptr,
+                                   reinterpret_cast<BYTE*>(&value), &size);
+  RegCloseKey(key);
+  return rc == ERROR_SUCCESS;
+}
+
 // Warns on standard error, after what standard output has so far.
 void Warn(const std::string& where, const std::string& text) {
   std::lock_guard<std::mutex> lock(g_printLock);
   std::fflush(stdout);
   std::fprintf(stderr,
-               "qxhost: warning: %s: %s (the lifecycle: qx_plugin_init once, then \"init\", then "
-               "actions, last \"close\")\n",
+               "qxhost: warning: %s: %s (the lifecycle: qx_plugin_init, then \"init\", then "
+               "actions, then \"close\"; after it only \"get_attention\", \"ability\" or "
+               "\"init\")\n",
                where.c_str(), text.c_str());
   std::fflush(stderr);
 }
@@ -288,11 +304,15 @@ std::string Footer() {
          "  qxhost QXAttentionPlugin.dll ability init "
          "\"set_attention_status={\\\"F4010\\\":{\\\"status\\\":2}}\" get_attention close\n"
          "\n"
-         "Lifecycle: the plug-in expects qx_plugin_init once, then the action \"init\",\n"
-         "then any actions, and \"close\" last. qxhost warns on standard error when a run\n"
-         "breaks this (an action before qx_plugin_init, as with --no-init; \"init\" again\n"
-         "without \"close\"; an action or \"close\" after \"close\") and carries on; the\n"
-         "warnings do not change the exit code.\n"
+         "Lifecycle: qx_plugin_init before any action, then the action \"init\", then\n"
+         "any actions, then \"close\" once; after \"close\" only \"get_attention\",\n"
+         "\"ability\" or a new \"init\". Before \"init\" only \"get_attention\" is\n"
+         "harmless, and \"ability\" where the installer set the machine-wide\n"
+         "\"attention__ability\". qxhost warns on standard error when a run breaks this\n"
+         "(an action before qx_plugin_init, as with --no-init; \"ability\" or a \"set_\"\n"
+         "action or \"close\" before \"init\"; \"init\" again without \"close\"; \"close\"\n"
+         "or a \"set_\" action after \"close\") and carries on; the warnings do not\n"
+         "change the exit code.\n"
          "\n"
          "Exceptions: a C++ exception escaping qx_plugin_action is reported and qxhost\n"
          "carries on; a structured exception (e.g. access violation) is reported with its\n"
@@ -340,6 +360,7 @@ int main(int argc, char** argv) {
   Print("qxhost: loaded %s; host thread %lu\n", dll.c_str(),
         static_cast<unsigned long>(g_hostThread));
 
+  g_lifecycle.SetMachineAbilityCached(MachineAbilityCached());
   if (callInit) {
     g_lifecycle.PluginInit();
     const int rc = g_plugin.init(nullptr, nullCallback ? nullptr : OnHostCallback);

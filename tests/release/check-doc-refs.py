@@ -1,0 +1,68 @@
+#!/usr/bin/env python3
+"""Fails when a document of the unpacked release archive names a file the
+archive lacks: usage check-doc-refs.py UNPACKED_ARCHIVE.
+
+The documents are the archive's *.md files, its headers and example sources.
+A reference is a path that starts with a folder of the archive or of the
+source tree (bin/, docs/, scripts/, tests/, build/, ...), or a bare file name
+of a kind the archive ships (.md .c .h .dll .exe .lib .a .pdb .debug .json
+.sh). Paths must exist in the archive (NAME, <...> and * are wildcards); bare
+names must be the name of some file in it. Files of Windows and of its tool
+chains are not
+references, nor are <headers> of the system or files a document's own
+command writes (-o FILE). Prints every missing reference with its place; exit 1 if any.
+"""
+import fnmatch
+import os
+import re
+import sys
+
+ROOTS = ("bin include lib debug docs share examples symbols scripts tests tools build dist "
+         "packaging plugin fusion log attention impl cmake bench fuzz").split()
+KINDS = "md c h dll exe lib a pdb debug json sh".split()
+OTHER_FILES = {"net.exe", "kernel32.dll", "ntdll.dll", "rpcrt4.dll", "advapi32.dll", "msvcrt.dll",
+               "dbghelp.dll", "cmd.exe", "sc.exe", "link.exe", "cl.exe", "symstore.exe"}
+BEFORE = r"(?<![\w$%\\.:/-])"
+PATH = BEFORE + r"((?:" + "|".join(ROOTS) + r")[/\\][\w.<>*/\\-]*)"
+BARE = BEFORE + r"([\w<>-][\w.<>-]*\.(?:" + "|".join(KINDS) + r"))(?![\w/-])"
+
+root = sys.argv[1]
+files = []
+for folder, _, names in os.walk(root):
+    for name in names:
+        files.append(os.path.relpath(os.path.join(folder, name), root).replace(os.sep, "/"))
+basenames = {f.rsplit("/", 1)[-1] for f in files}
+
+
+def pattern(ref):
+    ref = re.sub(r"<[^>]*>", "*", ref)
+    return re.sub(r"\b[A-Z][A-Z_]+\b", "*", ref)  # placeholders: NAME, GUID
+
+
+def exists(ref):
+    ref = ref.replace("\\", "/").rstrip(".,;:)")
+    glob = pattern(ref)
+    if ref.endswith("/"):
+        return any(fnmatch.fnmatchcase(f, glob + "*") for f in files)
+    return any(fnmatch.fnmatchcase(f, glob) or fnmatch.fnmatchcase(f, glob + "/*") for f in files)
+
+
+docs = [f for f in files if f.endswith((".md", ".h", ".c"))]
+missing = 0
+for doc in sorted(docs):
+    made = set()  # what the document's own commands write (-o FILE)
+    with open(os.path.join(root, doc), encoding="utf-8", errors="replace") as text:
+        for number, line in enumerate(text, 1):
+            made.update(os.path.basename(f) for f in re.findall(r"\s-o\s+(\S+)", line))
+            for ref in re.findall(PATH, line):
+                if not exists(ref):
+                    print(f"{doc}:{number}: names {ref}, which the archive lacks")
+                    missing += 1
+            for ref in re.findall(BARE, line):
+                if ref.lower() in OTHER_FILES or ref in made or (ref.startswith("<") and ">" not in ref):
+                    continue
+                if not any(fnmatch.fnmatchcase(b, pattern(ref)) for b in basenames):
+                    print(f"{doc}:{number}: names {ref}, which the archive lacks")
+                    missing += 1
+print(f"doc-refs: {len(docs)} documents, {missing} missing references")
+sys.exit(1 if missing else 0)
