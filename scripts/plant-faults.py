@@ -14,10 +14,12 @@ interrupted; the last step rebuilds the unchanged tree.
   scripts/plant-faults.py --list          the faults, without running anything
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
-Needs built trees (scripts/build.sh). Exit code: 0 when every fault was caught,
+Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
+Exit code: 0 when every fault was caught,
 1 when one was missed, 2 on a usage or set-up error.
 """
 import argparse
+import os
 import pathlib
 import re
 import subprocess
@@ -72,6 +74,44 @@ FAULTS = [
      [("log/Logger.cpp",
        "static_cast<int>(line), format);\n  return FormatMs(layout.c_str(), args);",
        "static_cast<int>(line), FormatMs(format, args).c_str());\n  return layout;")]),
+    ("the exception guard removed around one remote call (SetFusionDelay)",
+     [("fusion/FusionClient.cpp",
+       "std::int32_t result = Guarded(kExceptionText, [&] {\n"
+       "    return FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 4,\n"
+       "                                   Bytes(const_cast<std::uint32_t*>(delay)));\n  });",
+       "std::int32_t result = FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 4,"
+       " Bytes(const_cast<std::uint32_t*>(delay)));")]),
+    ("the reply count check removed (a record of another size copied)",
+     [("fusion/FusionClient.cpp",
+       "if (record.size != size || size < 0 ||",
+       "if (size < 0 ||")]),
+    ("\"close\" not ending the waiting thread (no stop event set)",
+     [("fusion/FusionClient.cpp",
+       "if ((copy & 1u) && g_fusion.stopEvents[index]) {\n      SetEvent(g_fusion.stopEvents[index]);",
+       "if ((copy & 1u) && g_fusion.stopEvents[index]) {")]),
+    ("the log mutex dropped around the size check",
+     [("log/Logger.cpp",
+       "if (m_mutex) WaitForSingleObject(m_mutex, INFINITE);  // abandoned counts as taken\n"
+       "  try {\n    if (m_sizeCheck && ++g_recordCounter % 100 == 0) CheckSize();",
+       "if (m_sizeCheck && ++g_recordCounter % 100 == 0) CheckSize();\n"
+       "  if (m_mutex) WaitForSingleObject(m_mutex, INFINITE);\n  try {")]),
+    ("the frame decoder's length cap off by one (a record of the cap's length refused)",
+     [("log/LogFrameReader.cpp",
+       "if (length > kMaxRecordLength) {",
+       "if (length >= kMaxRecordLength) {")]),
+    ("--follow dropping a partial frame between two looks",
+     [("tools/logread/LogInput.cpp",
+       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.FlushLines(records);\n}",
+       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.FlushLines(records);\n"
+       "  if (decoder_.has_partial_frame()) decoder_ = logframe::FrameDecoder();\n}")]),
+    ("the sensor library log's milliseconds padded to 3 digits",
+     [("fusion/SensorLibLog.cpp",
+       '"[%02d-%02d-%02d-%02d-%02d:%d]"',
+       '"[%02d-%02d-%02d-%02d-%02d:%03d]"')]),
+    ("a failed start not counted as working (w:0 at the next start)",
+     [("attention/AttentionFuntion.cpp",
+       "g_attentionWorking = 1;",
+       "g_attentionWorking = result == 0;")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
@@ -128,8 +168,9 @@ def run(cmd, cwd, log):
 
 
 def build(log):
+    jobs = os.environ.get("QX_JOBS", str(os.cpu_count() or 1))
     for tree in ("build/win", "build/native"):
-        rc, _ = run(["cmake", "--build", tree], ROOT, log)
+        rc, _ = run(["cmake", "--build", tree, "-j", jobs], ROOT, log)
         if rc != 0:
             return False
     return True

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <signal.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -160,12 +163,34 @@ std::string Bytes(const std::string& kind, const std::string& text) {
   return kind[digit - 1] == ':' ? all.substr(0, n) : all.substr(n);
 }
 
+// Waits (10 s at most) until `name` in the watched folder has been opened and
+// closed for reading after the last close of a writer: logread has read all
+// that was written (it opens the file for each look).
+bool ReadAgain(int watch, const std::string& name) {
+  char buffer[4096];
+  for (int state = 0; state < 2;) {  // 1: opened after the last write; 2: and closed
+    pollfd p = {watch, POLLIN, 0};
+    const ssize_t n = poll(&p, 1, 10000) == 1 ? read(watch, buffer, sizeof buffer) : -1;
+    if (n <= 0) return false;
+    for (ssize_t at = 0; at < n;) {
+      const auto* e = reinterpret_cast<const inotify_event*>(buffer + at);
+      at += static_cast<ssize_t>(sizeof *e + e->len);
+      if (e->len == 0 || name != e->name) continue;
+      if (e->mask & IN_CLOSE_WRITE) state = 0;
+      if (e->mask & IN_OPEN && state == 0) state = 1;
+      if (e->mask & IN_CLOSE_NOWRITE && state == 1) state = 2;
+    }
+  }
+  return true;
+}
+
 // The steps of follow.txt (its head tells them); each scenario is run step by step.
-const char kSteps[] = " scenario start write append remove rename sleep out err stdout stderr ";
+const char kSteps[] = " scenario start write append remove rename read out err stdout stderr ";
 TEST(LogreadFollow, ScenariosOfTheScript) {
   std::ifstream in(kData / "follow.txt");
   std::unique_ptr<Scratch> dir;
   std::unique_ptr<Tool> tool;  // declared last, so that it stops before its folder goes
+  int watch = -1;              // the opens and closes in the folder
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
@@ -174,18 +199,27 @@ TEST(LogreadFollow, ScenariosOfTheScript) {
     ASSERT_NE(std::string::npos, std::string(kSteps).find(" " + c[0] + " ")) << "no such step";
     std::string text = c.back();
     for (std::size_t at; (at = text.find("\\n")) != std::string::npos;) text.replace(at, 2, "\n");
-    if (c[0] == "scenario") tool.reset(), dir = std::make_unique<Scratch>();
+    if (c[0] == "scenario") {
+      tool.reset(), dir = std::make_unique<Scratch>(), close(watch);
+      watch = inotify_init1(IN_CLOEXEC);
+      inotify_add_watch(watch, dir->path.c_str(), IN_OPEN | IN_CLOSE);
+    }
     if (c[0] == "start") tool = std::make_unique<Tool>(dir->path, text, true);
     if (c[0] == "write" || c[0] == "append")
       Write(dir->path / c[1], Bytes(c[2], text), c[0] == "append");
     if (c[0] == "remove") fs::remove(dir->path / c[1]);
     if (c[0] == "rename") fs::rename(dir->path / c[1], dir->path / c[2]);
-    if (c[0] == "sleep") std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(text)));
+    if (c[0] == "read") {
+      ASSERT_TRUE(ReadAgain(watch, text)) << "logread did not read it again";
+    }
     // The checks: out and err wait for TEXT, stdout and stderr compare all of it.
     const bool wait = c[0] == "out" || c[0] == "err", whole = c[0] == "stdout" || c[0] == "stderr";
     ASSERT_TRUE(!wait || tool->Holds(c[0], text)) << c[0] << ":\n" << Read(dir->path / c[0]);
-    EXPECT_EQ(whole ? text : "", whole ? Read(dir->path / c[0].substr(3)) : "");
+    if (whole) {
+      EXPECT_EQ(text, Read(dir->path / c[0].substr(3)));
+    }
   }
+  close(watch);
 }
 
 }  // namespace

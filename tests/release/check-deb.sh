@@ -5,14 +5,34 @@
 #   tests/release/check-deb.sh dist/qx-logread_<version>_amd64.deb
 # The sample is made here from the documented frame format: a 4-byte
 # little-endian length, then the record's UTF-8 bytes, each stored as 255 - b.
+# The ctest entry release_deb (native tree) runs
+#   tests/release/check-deb.sh --from-build build/native
+# which makes the package there with CPack, installs it on this machine and
+# removes it afterwards (one run at a time: a lock). It runs only where it can:
+# as root, with dpkg and apt-get, and no qx-logread installed already;
+# elsewhere it exits 77 (ctest: skipped) and says why.
 set -euo pipefail
-deb=${1:?usage: check-deb.sh PACKAGE.deb}
-deb=$(cd "$(dirname "$deb")" && pwd)/$(basename "$deb")
+usage="usage: check-deb.sh PACKAGE.deb | --from-build NATIVE_BUILD_DIR"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
 export DEBIAN_FRONTEND=noninteractive
-apt-get install -y -q --no-install-recommends "$deb" >"$work/apt.log" 2>&1 \
+if [ "${1:-}" = --from-build ]; then
+  skip() { echo "check-deb: SKIPPED: $*"; exit 77; }
+  [ "$(id -u)" -eq 0 ] || skip "not root: installing a package needs root"
+  command -v dpkg >/dev/null && command -v apt-get >/dev/null || skip "no dpkg and apt-get here"
+  (cd "${2:?$usage}" && cpack -G DEB -B "$work/package" >"$work/cpack.log" 2>&1) \
+    || { cat "$work/cpack.log"; echo "check-deb: CPack made no package"; exit 1; }
+  exec 9>/var/lock/qx-check-deb.lock
+  flock -w 600 9 || { echo "check-deb: another check-deb kept the lock for 600 s"; exit 1; }
+  dpkg-query -W qx-logread >/dev/null 2>&1 && skip "qx-logread is installed on this machine already"
+  trap 'apt-get purge -y -q qx-logread >/dev/null 2>&1; rm -rf "$work"' EXIT
+  deb=$(echo "$work"/package/qx-logread_*_amd64.deb)
+else
+  deb=${1:?$usage}
+  deb=$(cd "$(dirname "$deb")" && pwd)/$(basename "$deb")
+fi
+
+apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=120 "$deb" >"$work/apt.log" 2>&1 \
   || { cat "$work/apt.log"; echo "check-deb: the package did not install"; exit 1; }
 echo "check-deb: installed $(dpkg-query -W -f='${Package} ${Version} (${Depends})' qx-logread)"
 command -v logread

@@ -87,7 +87,7 @@ EOF
 (cd "$pkg" && find . -type f | sed 's|^\./||' | grep -v '^symbols/' | LC_ALL=C sort) > "$work/found"
 check "archive holds exactly the shipped files" diff "$work/expected" "$work/found"
 check "no test variant (name or export directory)" \
-  bash -c "! (cd '$pkg' && find . -iname '*noauth*' | grep . ; grep -rl 'QXAttentionPlugin-noauth' bin lib)"
+  bash -c "cd '$pkg' && ! find . -iname '*noauth*' | grep . && ! grep -rl 'QXAttentionPlugin-noauth' bin lib"
 # Every file a document of the archive names is in it.
 check "the documents name only files the archive holds" python3 "$here/check-doc-refs.py" "$pkg"
 # Entries in sorted order, so that two packers agree.
@@ -98,9 +98,10 @@ check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
 # 4 bytes, CRC-32 (zlib's) of the debug file, little-endian.
 for f in bin/QXAttentionPlugin.dll bin/qxhost.exe bin/fusion-sim.exe bin/logread.exe; do
   name=$(basename "$f")
+  # (objdump must read the file: a missing or unreadable one fails too)
   check "$f: no debug sections, no symbol table" bash -c "
-    x86_64-w64-mingw32-objdump -h '$pkg/$f' | grep -q '\\.debug_' && exit 1
-    x86_64-w64-mingw32-objdump -t '$pkg/$f' | grep -q '^\\[' && exit 1; exit 0"
+    h=\$(x86_64-w64-mingw32-objdump -h '$pkg/$f') && t=\$(x86_64-w64-mingw32-objdump -t '$pkg/$f') &&
+    ! grep '\\.debug_' <<<\"\$h\" && ! grep '^\\[' <<<\"\$t\""
   check "$f: .gnu_debuglink names debug/$name.debug and its CRC" python3 - "$pkg/$f" "$pkg/debug/$name.debug" "$name.debug" <<'PY'
 import struct, subprocess, sys, tempfile, zlib
 image, debug, expected_name = sys.argv[1:4]

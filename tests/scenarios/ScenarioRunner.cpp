@@ -258,20 +258,9 @@ bool Sim(const Tokens& t) {
   if (what == "hold") return FusionSimHoldReplies(arg(2) == "on");
   if (what == "wait-calls")
     return FusionSimWaitCalls(static_cast<std::uint32_t>(Number(arg(2))), 10000);
-  if (what == "force") {
-    const int op = Procedure(arg(2));
-    if (arg(4) == "once") {
-      // Lifted as soon as one call of the procedure has been answered with it.
-      std::thread([op] {
-        std::vector<FusionSimCall> calls;
-        for (int i = 0; i < 4000; ++i, Sleep(5))
-          if (FusionSimReadCalls(&calls))
-            for (const FusionSimCall& c : calls)
-              if (c.opnum == op && c.answered) return void(FusionSimClearForced(op));
-      }).detach();
-    }
-    return FusionSimForceResult(op, static_cast<std::int32_t>(Number(arg(3))));
-  }
+  if (what == "force")  // "once": the simulator lifts it as it answers
+    return FusionSimForceResult(Procedure(arg(2)), static_cast<std::int32_t>(Number(arg(3))),
+                                arg(4) == "once");
   if (what == "kill") {
     FusionSimModel model = {};
     HANDLE p = FusionSimGetModel(&model)
@@ -352,19 +341,38 @@ void Mark(Session& s) {
   s.callbackMark = CallbackCount();
 }
 
-// Waits (bounded) for what a step set off on other threads: the callbacks and
-// output lines its expectations count on and, after the simulator's events,
-// until the log and the call record have been quiet for 300 ms.
-void Settle(Session& s, const Step& step) {
-  std::size_t callbacks = 0, lines = 0;
+// The lists of lines (log, rpc, callback, stdout) the step's expectations
+// name, and what happened of each kind in its window.
+std::map<std::string, std::vector<Tokens>> Lists(const Step& step) {
+  std::map<std::string, std::vector<Tokens>> lists;
   for (const Line& e : step.expect) {
-    callbacks += e.tokens[0] == "callback" && e.tokens.size() > 2;
-    lines += e.tokens[0] == "stdout" && e.tokens[1] != "none" && e.tokens[1] != "...";
+    const std::string& w = e.tokens[0];
+    if (w == "log" || w == "rpc" || w == "callback" || w == "stdout") {
+      std::vector<Tokens>& list = lists[w];  // "none": checked as empty
+      if (e.tokens[1] != "none") list.push_back(e.tokens);
+    }
   }
-  for (int i = 0;
-       i < 500 && (CallbackCount() - s.callbackMark < callbacks || StdoutSince(s).size() < lines);
-       ++i)
-    Sleep(20);
+  return lists;
+}
+std::vector<Tokens> Actual(const Session& s, const std::string& what) {
+  return what == "log"      ? LogSince(s.logMark)
+         : what == "rpc"    ? SimCalls()
+         : what == "stdout" ? StdoutSince(s)
+                            : CallbacksSince(s.callbackMark);
+}
+
+// Waits (10 s at most) until what the step set off on other threads matches
+// its lists. After the simulator's events, a wait or a join, what must not
+// happen can only be judged after a while: then until the log, the call record
+// and the callbacks have also been quiet for 300 ms.
+void Settle(Session& s, const Step& step) {
+  const auto lists = Lists(step);
+  const auto met = [&] {
+    for (const auto& [what, expected] : lists)
+      if (!Matches(expected, Actual(s, what))) return false;
+    return true;
+  };
+  for (int i = 0; i < 500 && !met(); ++i) Sleep(20);
   const std::string& w = step.line.tokens[0];
   if (w != "sim" && w != "wait" && w != "join" && w != "storm") return;
   for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15;
@@ -381,7 +389,6 @@ std::string Dump(const std::vector<Tokens>& lines, std::string out = "") {
 }
 
 void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) {
-  std::map<std::string, std::vector<Tokens>> lists;
   auto check = [&](const Line& e, const Tokens& actual) {
     if (!Matches({e.tokens}, {actual}))
       s.Fail(e.number, "expected " + Join(e.tokens) + "\n         got " + Join(actual));
@@ -389,10 +396,7 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
   for (const Line& e : step.expect) {
     const Tokens& t = e.tokens;
     const std::string& w = t[0];
-    if (w == "log" || w == "rpc" || w == "callback" || w == "stdout") {
-      std::vector<Tokens>& list = lists[w];  // "none": checked as empty
-      if (t[1] != "none") list.push_back(t);
-    } else if (w == "result") {
+    if (w == "result") {
       check(e, result);
     } else if (w == "reg") {
       check(e, Registry(t[1], t[2]));
@@ -416,11 +420,8 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
                            " changes to 0 among the fetched records");
     }
   }
-  for (const auto& [what, expected] : lists) {
-    const std::vector<Tokens> actual = what == "log"      ? LogSince(s.logMark)
-                                       : what == "rpc"    ? SimCalls()
-                                       : what == "stdout" ? StdoutSince(s)
-                                                          : CallbacksSince(s.callbackMark);
+  for (const auto& [what, expected] : Lists(step)) {
+    const std::vector<Tokens> actual = Actual(s, what);
     if (!Matches(expected, actual))
       s.Fail(step.line.number,
              what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));

@@ -50,9 +50,11 @@ TEST(ToolCli, ExitCodesAndOutput) {
     for (int stream : {3, 4}) {
       const std::string output = ReadFileBytes(dir + (stream == 3 ? L"\\out.txt" : L"\\err.txt"));
       for (const std::string& part : Split(c[stream], "&&"))
-        EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos)
-            << part << " in:\n"
-            << output;
+        if (!part.empty()) {  // an empty column: not checked
+          EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos)
+              << part << " in:\n"
+              << output;
+        }
     }
   }
 }
@@ -90,7 +92,14 @@ TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
     ASSERT_TRUE(Until(gone)) << "round " << round << ": logread keeps the deleted name";
     if (round < 10) WriteFileBytes(log, logframe::EncodeFrame(kRecords[0]));
   }
-  Sleep(500);
+  // Written once logread has seen the name gone (its last note says so), so
+  // that it must read the new file from the beginning.
+  const std::string note = "file was deleted; waiting for a new one";
+  ASSERT_TRUE(Until([&] {
+    const std::string err = ReadFileBytes(dir + L"\\err.txt");
+    const std::size_t at = err.rfind(note);
+    return at != std::string::npos && err.find("reading it from", at) == std::string::npos;
+  })) << ReadFileBytes(dir + L"\\err.txt");
   WriteFileBytes(log, logframe::EncodeFrame(kRecords[1]));
   EXPECT_TRUE(printed(kRecords[1])) << ReadFileBytes(dir + L"\\out.txt");
   EXPECT_EQ(std::string::npos, ReadFileBytes(dir + L"\\out.txt").find('\r'));

@@ -237,12 +237,21 @@ void Judge(const std::string& file, Scenario s) {
   } else if (service.rfind("sim", 0) == 0) {
     ASSERT_TRUE(FusionSimLaunch(Widen(service.substr(3)), 20000, &sim));
   }
-  const std::wstring data = TempDir(L"scenario-data"),
+  const std::wstring fresh = TempDir(L"scenario-data"),
                      out = TempDir(L"scenario-out") + L"\\stdout.txt";
-  CreateDirectoryW((data + L"\\Vantoq").c_str(), nullptr);
-  SetEnvironmentVariableW(L"ProgramData", data.c_str());
+  CreateDirectoryW((fresh + L"\\Vantoq").c_str(), nullptr);
+  SetEnvironmentVariableW(L"ProgramData", fresh.c_str());
+  // The log is looked for where the child's last "env ProgramData" puts it.
+  std::wstring data = fresh;
+  for (const std::string& step : s["step"])
+    if (step.rfind("env ProgramData ", 0) == 0) data = Widen(Part(step, 0).substr(16));
+  const std::wstring logFile = data + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
+  DeleteFileW(logFile.c_str());
+  SYSTEMTIME from, to;  // the child's run: every stamp falls in it
+  GetLocalTime(&from);
   const int exitCode =
       WaitChild(StartSelf(L"scenario", {Widen(file), Widen(s["=="][0])}, out), 120000);
+  GetLocalTime(&to);
   SetEnvironmentVariableW(L"ProgramData", nullptr);
   std::vector<FusionSimCall> calls;
   if (sim.process && !FusionSimReadCalls(&calls)) ADD_FAILURE() << "no call record";
@@ -275,26 +284,41 @@ void Judge(const std::string& file, Scenario s) {
     std::sort(recorded.begin(), recorded.end()), std::sort(s["call"].begin(), s["call"].end());
   EXPECT_EQ(s["call"], recorded);
 
-  // The sensor library log: every line stamped but the version line; exactly
-  // the exception lines expected; the expected lines, all of them in order
-  // or, when other threads write too, each list as an ordered subsequence.
+  // The sensor library log: every line but the version line stamped with the
+  // local time of the run, "[MM-DD-hh-mm-ss:ms]" (ms not padded); exactly the
+  // exception lines expected; the expected lines, all of them in order or,
+  // when other threads write too, each list as an ordered subsequence.
   std::vector<std::string> log;
   std::string all;
-  const std::regex stamp(R"(\[\d\d-\d\d-\d\d-\d\d-\d\d:\d{1,3}\](.*))");
-  for (const std::string& line :
-       Lines(ReadFileBytes(data + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log"), "\r\n")) {
+  const std::regex stamp(R"(\[(\d\d)-(\d\d)-(\d\d)-(\d\d)-(\d\d):(0|[1-9]\d{0,2})\](.*))");
+  const auto when = [](long long mo, long long d, long long h, long long mi, long long sec,
+                       long long ms) {
+    return ((((mo * 32 + d) * 24 + h) * 60 + mi) * 60 + sec) * 1000 + ms;
+  };
+  const long long start = when(from.wMonth, from.wDay, from.wHour, from.wMinute, from.wSecond,
+                               from.wMilliseconds),
+                  end =
+                      when(to.wMonth, to.wDay, to.wHour, to.wMinute, to.wSecond, to.wMilliseconds);
+  for (const std::string& line : Lines(ReadFileBytes(logFile), "\r\n")) {
     std::smatch m;
-    EXPECT_TRUE(line.empty() || line.rfind("Version:", 0) == 0 || std::regex_match(line, m, stamp))
+    long long t = 0;
+    if (std::regex_match(line, m, stamp))
+      t = when(std::stoi(m[1]), std::stoi(m[2]), std::stoi(m[3]), std::stoi(m[4]), std::stoi(m[5]),
+               std::stoi(m[6]));
+    EXPECT_TRUE(line.empty() || line.rfind("Version:", 0) == 0 ||
+                (!m.empty() && t >= start && t <= end))
         << line;
-    log.push_back(m.empty() ? line : m.str(1));
+    log.push_back(m.empty() ? line : m.str(7));
     all += log.back() + "\n";
   }
   const auto exceptions = [](const std::vector<std::string>& lines) {
     return std::count_if(lines.begin(), lines.end(),
                          [](auto& l) { return l.find("Runtime reported exception") != l.npos; });
   };
+  // (before s["thread"] below adds the key)
+  const bool threaded = s.count("thread") || s.count("threads");
   EXPECT_EQ(exceptions(s["log"]) + exceptions(s["thread"]), exceptions(log)) << "exception lines";
-  if (!s.count("thread") && !s.count("threads")) {
+  if (!threaded) {
     std::vector<std::string> shown = log;
     for (std::size_t i = 0; i < std::min(log.size(), s["log"].size()); ++i)
       if (Matches(log[i], s["log"][i])) shown[i] = s["log"][i];

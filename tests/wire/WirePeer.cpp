@@ -1,7 +1,9 @@
 #include "WirePeer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 
 namespace wire {
 namespace {
@@ -39,17 +41,6 @@ Bytes Header(std::uint8_t ptype, std::uint32_t callId, const Bytes& body = {}) {
   return b;
 }
 
-// Sends `pdu`, cut to its first `cutAt` bytes when asked; false when the
-// connection is to be closed.
-bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX) {
-  pdu[8] = static_cast<std::uint8_t>(pdu.size());
-  pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
-  pdu.resize(std::min(cutAt, pdu.size()));
-  DWORD written = 0;
-  return WriteFile(pipe, pdu.data(), static_cast<DWORD>(pdu.size()), &written, nullptr) &&
-         cutAt == SIZE_MAX;
-}
-
 // p_syntax_id_t: a UUID in little-endian NDR form, then the version (major in
 // the low 16 bits, minor in the high 16 bits).
 std::string SyntaxId(const Bytes& b, std::size_t at) {
@@ -62,12 +53,22 @@ std::string SyntaxId(const Bytes& b, std::size_t at) {
 }
 
 HANDLE NewInstance(const std::wstring& path, DWORD first) {
-  return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | first,
+  return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | first,
                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, PIPE_UNLIMITED_INSTANCES,
                           65536, 65536, 0, nullptr);
 }
 
 }  // namespace
+
+// Sends `pdu`, cut to its first `cutAt` bytes when asked; false when the
+// connection is to be closed.
+bool Peer::Send(HANDLE pipe, Bytes pdu, std::size_t cutAt) {
+  pdu[8] = static_cast<std::uint8_t>(pdu.size());
+  pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
+  pdu.resize(std::min(cutAt, pdu.size()));
+  DWORD written = 0;
+  return Io(pipe, false, pdu.data(), static_cast<DWORD>(pdu.size()), &written) && cutAt == SIZE_MAX;
+}
 
 Bytes FromHex(const std::string& text) {
   Bytes out;  // pairs of digits, blanks between them
@@ -88,23 +89,58 @@ std::string ToHex(const Bytes& bytes) {
 
 bool Peer::Start(const std::wstring& name) {
   path_ = L"\\\\.\\pipe\\" + name;
+  stop_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   HANDLE first = NewInstance(path_, FILE_FLAG_FIRST_PIPE_INSTANCE);
-  if (first != INVALID_HANDLE_VALUE) listener_ = std::thread(&Peer::Listen, this, first);
-  return first != INVALID_HANDLE_VALUE;
+  if (first == INVALID_HANDLE_VALUE) return false;
+  Spawn([this, first] { Listen(first); });
+  return true;
 }
 
-// The listener waits in ConnectNamedPipe: a connection of our own wakes it.
+void Peer::Spawn(std::function<void()> body) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  ++running_;
+  threads_.emplace_back([this, body] {
+    body();
+    std::lock_guard<std::mutex> hold(mutex_);
+    --running_;
+    ended_.notify_all();
+  });
+}
+
+// Every wait of the peer's threads also waits for the stop event, so they all
+// end soon after it is set; a thread still running 30 s later is a fault of
+// the peer, reported and fatal (the threads use this object).
 void Peer::Stop() {
-  if (!listener_.joinable()) return;
-  stopping_ = true;
-  HANDLE wake = INVALID_HANDLE_VALUE;
-  for (int i = 0; i < 100 && wake == INVALID_HANDLE_VALUE; ++i, WaitNamedPipeW(path_.c_str(), 100))
-    wake = CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
-                       nullptr);
-  listener_.join();
-  if (wake != INVALID_HANDLE_VALUE) CloseHandle(wake);
-  for (std::thread& t : servers_) t.join();
-  servers_.clear();
+  if (!stop_) return;
+  SetEvent(stop_);
+  std::unique_lock<std::mutex> hold(mutex_);
+  if (!ended_.wait_for(hold, std::chrono::seconds(30), [this] { return running_ == 0; })) {
+    std::fprintf(stderr, "wire peer: %d thread(s) still running 30 s after the stop\n", running_);
+    std::fflush(stderr);
+    std::_Exit(3);
+  }
+  hold.unlock();
+  for (std::thread& t : threads_) t.join();
+  threads_.clear();
+  CloseHandle(stop_);
+  stop_ = nullptr;
+}
+
+// Reads (or writes) on `pipe`, waiting for the transfer or the stop event;
+// false on failure or stop. A read of part of a message counts as done.
+bool Peer::Io(HANDLE pipe, bool read, void* data, DWORD size, DWORD* done) {
+  OVERLAPPED o = {};
+  o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  BOOL ok =
+      read ? ReadFile(pipe, data, size, nullptr, &o) : WriteFile(pipe, data, size, nullptr, &o);
+  if (!ok && GetLastError() == ERROR_IO_PENDING) {
+    const HANDLE both[] = {o.hEvent, stop_};
+    if (WaitForMultipleObjects(2, both, FALSE, INFINITE) != WAIT_OBJECT_0) CancelIo(pipe);
+    ok = TRUE;
+  }
+  ok = ok && (GetOverlappedResult(pipe, &o, done, TRUE) || GetLastError() == ERROR_MORE_DATA);
+  CloseHandle(o.hEvent);
+  return ok;
 }
 
 void Peer::Error(const std::string& text) {
@@ -115,14 +151,23 @@ void Peer::Error(const std::string& text) {
 // One instance waits for a client at a time; each client gets a thread.
 void Peer::Listen(HANDLE pipe) {
   for (; pipe != INVALID_HANDLE_VALUE; pipe = NewInstance(path_, 0)) {
-    const bool connected =
-        ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
-    if (stopping_ || !connected) {
-      if (!stopping_) Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
+    OVERLAPPED o = {};
+    o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    bool connected = ConnectNamedPipe(pipe, &o) || GetLastError() == ERROR_PIPE_CONNECTED;
+    if (!connected && GetLastError() == ERROR_IO_PENDING) {
+      const HANDLE both[] = {o.hEvent, stop_};
+      if (WaitForMultipleObjects(2, both, FALSE, INFINITE) != WAIT_OBJECT_0) CancelIo(pipe);
+      DWORD ignored = 0;
+      connected = GetOverlappedResult(pipe, &o, &ignored, TRUE);
+    }
+    CloseHandle(o.hEvent);
+    const bool stopping = WaitForSingleObject(stop_, 0) == WAIT_OBJECT_0;
+    if (stopping || !connected) {
+      if (!stopping) Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
       CloseHandle(pipe);
       return;
     }
-    servers_.emplace_back(&Peer::Serve, this, pipe);
+    Spawn([this, pipe] { Serve(pipe); });
   }
   Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
 }
@@ -134,8 +179,7 @@ void Peer::Serve(HANDLE pipe) {
   std::uint8_t chunk[8192];
   DWORD got = 0;
   bool open = true;
-  while (open && (ReadFile(pipe, chunk, sizeof chunk, &got, nullptr) ||
-                  GetLastError() == ERROR_MORE_DATA)) {
+  while (open && Io(pipe, true, chunk, sizeof chunk, &got)) {
     stream.insert(stream.end(), chunk, chunk + got);
     for (std::size_t length;
          open && stream.size() >= 16 && stream.size() >= (length = Get16(stream, 8));) {

@@ -7,9 +7,10 @@
 
 #include <windows.h>
 
-#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,7 +27,9 @@ class Peer {
   ~Peer() { Stop(); }
   // Takes \\.\pipe\<name> (fails when another server owns it) and listens.
   bool Start(const std::wstring& name);
-  void Stop();  // when the client has closed its connections
+  // Ends the listener and the connections' threads (bounded: the process
+  // ends with a message on stderr if one has not ended 30 s later).
+  void Stop();
   // Replies (queued before Start), handed out in the order requests arrive:
   // "HEX" a response whose stub data is HEX; "fault XXXXXXXX" a fault PDU with
   // that status; "cut N HEX" the response for HEX cut to its first N bytes,
@@ -39,15 +42,19 @@ class Peer {
   std::vector<std::string> binds, requests, errors;
 
  private:
+  void Spawn(std::function<void()> body);
+  bool Io(HANDLE pipe, bool read, void* data, DWORD size, DWORD* done);
+  bool Send(HANDLE pipe, Bytes pdu, std::size_t cutAt = SIZE_MAX);
   void Listen(HANDLE pipe);
   void Serve(HANDLE pipe);
   bool Handle(HANDLE pipe, const Bytes& pdu);
   void Error(const std::string& text);
 
   std::wstring path_;
-  std::atomic<bool> stopping_{false};
-  std::thread listener_;
-  std::vector<std::thread> servers_;
+  HANDLE stop_ = nullptr;  // set: every thread ends
+  std::vector<std::thread> threads_;
+  int running_ = 0;
+  std::condition_variable ended_;
   std::mutex mutex_;
   std::deque<std::string> replies_;
   std::uint32_t nextGroup_ = 0x5151;

@@ -165,6 +165,7 @@ int BeginCall(int opnum, long a0, long a1, const unsigned char* in, long inLen) 
 long EndCall(int slot, int opnum, long result, const unsigned char* out, long outLen) {
   Lock();
   if (g_block->forceActive[opnum]) result = g_block->forceResult[opnum];
+  if (g_block->forceActive[opnum] == kFusionSimForceOnce) g_block->forceActive[opnum] = 0;
   if (slot >= 0) {
     FusionSimCall& c = g_block->calls[slot];
     if (out && outLen > 0) {

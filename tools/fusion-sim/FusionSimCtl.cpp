@@ -194,12 +194,12 @@ bool FusionSimSignal(int index) {
   return ok;
 }
 
-bool FusionSimForceResult(int opnum, std::int32_t code) {
+bool FusionSimForceResult(int opnum, std::int32_t code, bool once) {
   if (opnum < -1 || opnum >= kFusionSimOpnums) return false;
   return WithBlock([&](FusionSimShared& b) {
     for (int i = 0; i < kFusionSimOpnums; ++i)
       if (opnum == -1 || opnum == i) {
-        b.forceActive[i] = 1;
+        b.forceActive[i] = once ? kFusionSimForceOnce : 1;
         b.forceResult[i] = code;
       }
   });

@@ -65,6 +65,8 @@ struct FusionSimCall {
   std::uint8_t data[kFusionSimMaxBytes];
 };
 
+constexpr std::uint32_t kFusionSimForceOnce = 2;
+
 // The shared block (layout shared by the simulator and this library).
 struct FusionSimShared {
   std::uint32_t magic;
@@ -73,7 +75,7 @@ struct FusionSimShared {
   std::uint32_t statusWord;
   std::uint32_t delay;
   std::uint32_t attention;
-  std::uint32_t forceActive[kFusionSimOpnums];
+  std::uint32_t forceActive[kFusionSimOpnums];  // 0 off, 1 on, kFusionSimForceOnce
   std::int32_t forceResult[kFusionSimOpnums];
   std::uint32_t replyDelayMs;
   std::uint32_t holdReplies;
@@ -130,7 +132,8 @@ bool FusionSimSetAttention(std::uint32_t record, bool signal);
 // Signals the named event of sensor `index` (0, 2..6, 31) without changing anything.
 bool FusionSimSignal(int index);
 // Makes procedure `opnum` answer `code` without touching the model; opnum -1 = all.
-bool FusionSimForceResult(int opnum, std::int32_t code);
+// With `once`, only its next answer (the simulator lifts it as it answers).
+bool FusionSimForceResult(int opnum, std::int32_t code, bool once = false);
 bool FusionSimClearForced(int opnum);  // -1 = all
 // Every reply waits this long before it leaves (0: none).
 bool FusionSimSetReplyDelay(std::uint32_t ms);
