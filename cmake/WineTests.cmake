@@ -22,6 +22,12 @@ if(BUILD_TESTING)
   add_test(NAME wine_prefix_stop
            COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh stop ${QX_WINEPREFIX})
   set_tests_properties(wine_prefix_stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 120)
+  # The shipped DLL's binding goes through Wine's NTLM, which runs Samba's
+  # ntlm_auth: without it the shipped-DLL cases would judge another path
+  # (RpcBindingSetAuthInfo:1747), so the run stops here and says why.
+  add_test(NAME wine_ntlm_helper COMMAND sh -c "command -v ntlm_auth || { echo \
+'ntlm_auth is missing (package winbind, scripts/install-deps.sh): Wine needs it for the shipped DLL'; exit 1; }")
+  set_tests_properties(wine_ntlm_helper PROPERTIES FIXTURES_SETUP wine TIMEOUT 30)
 endif()
 
 # qx_add_wine_test(NAME target [args...]): one ctest entry per GoogleTest

@@ -52,7 +52,7 @@ packages=(
   winbind
   clang clang-format
   libcli11-dev lnav jq zlib1g-dev libz-mingw-w64-dev
-  git llvm lld osslsigncode openssl zip file
+  git llvm lld osslsigncode openssl zip file stress-ng
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 

@@ -143,6 +143,32 @@ TEST(SizeCheck, EveryHundredthRecordAndAtSetup) {
   EXPECT_FALSE(FileExists(path));
 }
 
+// The size check is made under the log mutex: while a writer holds it with
+// the file open (no delete sharing), another's hundredth record waits, then
+// deletes the full file. Made outside the mutex, the check's delete fails and
+// the old records stay. (A check outside the mutex would be made within the
+// second the lock is held here; one made later is not caught.)
+TEST(SizeCheck, WaitsForTheLogMutex) {
+  const std::wstring path = TempDir(L"held") + L"\\held.log";
+  HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, L"qxtest-held-ready"),
+         go = CreateEventW(nullptr, TRUE, FALSE, L"qxtest-held-go");
+  HANDLE child = StartSelf(L"held", {path});
+  ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(ready, 30000)) << "the writer is not ready";
+  HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\VQMLOG_held.log");
+  ASSERT_TRUE(mutex && WaitForSingleObject(mutex, 10000) == WAIT_OBJECT_0);
+  HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                            nullptr, OPEN_EXISTING, 0, nullptr);
+  SetEvent(go);
+  Sleep(1000);
+  CloseHandle(file);
+  ReleaseMutex(mutex);
+  EXPECT_EQ(0, WaitChild(child, 30000));
+  const std::string text = ReadFileBytes(path);
+  EXPECT_EQ(std::string::npos, text.find(") before ")) << text;
+  EXPECT_NE(std::string::npos, text.find(") after\n")) << text;
+  for (HANDLE h : {ready, go, mutex}) CloseHandle(h);
+}
+
 TEST(Setup, DefaultsConfigKeysAndTheMutex) {
   NoConfig();
   Log().Setup(L"Quillomatic", L"QXAttentionPlugin.log", 0x100000, 1, 1);
@@ -196,7 +222,17 @@ TEST(Setup, EncryptSwitchAndNormalSibling) {
 // that passes sets up a file named after the program; a console echo formats
 // the record once more. Or ("reparse") a set-up whose logs folder is a link
 // settles no path and makes no mutex.
-int Role(const std::string& role) {
+int Role(const std::string& role, const char* arg) {
+  if (role == "held") {  // 99 records, then the hundredth when told
+    Log().Setup(nullptr, Widen(arg).c_str(), 100, 0, 1);
+    for (int i = 1; i < 100; ++i) QX_LOG(LogInfo, 4, L"before %d", i);
+    HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, L"qxtest-held-go");
+    HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"qxtest-held-ready");
+    if (!go || !ready || !SetEvent(ready) || WaitForSingleObject(go, 30000) != WAIT_OBJECT_0)
+      return 4;
+    QX_LOG(LogInfo, 5, L"after");
+    return 0;
+  }
   if (role == "reparse") {
     Log().Setup(nullptr, L"C:\\qx-reparse\\logs\\r.log", 0x100000, 0, 1);
     const bool settled = Log().path()[0] != L'\0' || Log().mutex() != nullptr;
@@ -366,7 +402,7 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
 int main(int argc, char** argv) {
   if (argc >= 6 && std::string(argv[1]) == "--role" && std::string(argv[2]) == "writer")
     return RoleWriter(Widen(argv[3]), std::atoi(argv[4]), std::atoi(argv[5]));
-  if (argc >= 3 && std::string(argv[1]) == "--role") return Role(argv[2]);
+  if (argc >= 3 && std::string(argv[1]) == "--role") return Role(argv[2], argv[argc - 1]);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 namespace wire {
 namespace {
@@ -148,28 +149,57 @@ void Peer::Error(const std::string& text) {
   errors.push_back(text);
 }
 
-// One instance waits for a client at a time; each client gets a thread.
-void Peer::Listen(HANDLE pipe) {
-  for (; pipe != INVALID_HANDLE_VALUE; pipe = NewInstance(path_, 0)) {
+// Four instances wait for clients at once, so that a client that connects
+// again at once (after a reply cut short) finds one however late this thread
+// runs; each client gets a thread, and its instance a successor.
+void Peer::Listen(HANDLE first) {
+  struct Waiting {
+    HANDLE pipe;
     OVERLAPPED o = {};
-    o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    bool connected = ConnectNamedPipe(pipe, &o) || GetLastError() == ERROR_PIPE_CONNECTED;
-    if (!connected && GetLastError() == ERROR_IO_PENDING) {
-      const HANDLE both[] = {o.hEvent, stop_};
-      if (WaitForMultipleObjects(2, both, FALSE, INFINITE) != WAIT_OBJECT_0) CancelIo(pipe);
-      DWORD ignored = 0;
-      connected = GetOverlappedResult(pipe, &o, &ignored, TRUE);
+    bool now = false;  // connected before ConnectNamedPipe
+  };
+  std::vector<std::unique_ptr<Waiting>> waiting;  // OVERLAPPED must not move
+  const auto listen = [&](HANDLE pipe) {
+    if (pipe == INVALID_HANDLE_VALUE)
+      return Error("CreateNamedPipe failed: " + std::to_string(GetLastError())), false;
+    auto w = std::make_unique<Waiting>();
+    w->pipe = pipe;
+    w->o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    w->now = ConnectNamedPipe(pipe, &w->o) || GetLastError() == ERROR_PIPE_CONNECTED;
+    if (!w->now && GetLastError() != ERROR_IO_PENDING)
+      return Error("ConnectNamedPipe failed: " + std::to_string(GetLastError())), false;
+    if (w->now) SetEvent(w->o.hEvent);
+    waiting.push_back(std::move(w));
+    return true;
+  };
+  bool ok = listen(first);
+  for (int i = 1; ok && i < 4; ++i) ok = listen(NewInstance(path_, 0));
+  while (ok) {
+    std::vector<HANDLE> events = {stop_};
+    for (const auto& w : waiting) events.push_back(w->o.hEvent);
+    const DWORD got =
+        WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE) -
+        WAIT_OBJECT_0;
+    if (got == 0 || got >= events.size()) break;  // stopped
+    const std::unique_ptr<Waiting> w = std::move(waiting[got - 1]);
+    waiting.erase(waiting.begin() + (got - 1));
+    DWORD ignored = 0;
+    CloseHandle(w->o.hEvent);
+    if (w->now || GetOverlappedResult(w->pipe, &w->o, &ignored, FALSE)) {
+      const HANDLE pipe = w->pipe;
+      Spawn([this, pipe] { Serve(pipe); });
+    } else {
+      Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
+      CloseHandle(w->pipe);
     }
-    CloseHandle(o.hEvent);
-    const bool stopping = WaitForSingleObject(stop_, 0) == WAIT_OBJECT_0;
-    if (stopping || !connected) {
-      if (!stopping) Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
-      CloseHandle(pipe);
-      return;
-    }
-    Spawn([this, pipe] { Serve(pipe); });
+    ok = listen(NewInstance(path_, 0));
   }
-  Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
+  for (const auto& w : waiting) {
+    DWORD ignored = 0;
+    if (!w->now) CancelIo(w->pipe), GetOverlappedResult(w->pipe, &w->o, &ignored, TRUE);
+    CloseHandle(w->o.hEvent);
+    CloseHandle(w->pipe);
+  }
 }
 
 // Reads bytes as they come (a PDU may span reads, or a read hold several) and
