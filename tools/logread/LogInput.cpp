@@ -218,11 +218,6 @@ bool IsGzipName(const std::string& name) {
                              name.compare(name.size() - 3, 3, ".GZ") == 0);
 }
 
-bool LogSource::Modified(Civil& when) const {
-  when = modified_;
-  return modified_ != 0;
-}
-
 logrecord::Form LogSource::form() const {
   return format_known_ && format_ == logframe::LogFormat::kSensorLib ? logrecord::Form::kSensorLib
                                                                      : logrecord::Form::kPlugin;
@@ -253,7 +248,6 @@ bool LogSource::OpenForReading() {
     status_ = kExitIo;
     return false;
   }
-  modified_ = file_->modified();
   if (IsGzip(*file_)) {
     // Compressed with gzip: zlib reads it from its own handle.
     file_.reset();

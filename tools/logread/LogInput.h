@@ -51,9 +51,6 @@ class LogSource {
   LogSource& operator=(const LogSource&) = delete;
 
   const std::string& name() const { return name_; }
-  // The file's last modification, in local time (after the first read);
-  // false for standard input.
-  bool Modified(Civil& when) const;
   // The kind of text of the records handed back so far (plug-in records
   // until the form is known).
   logrecord::Form form() const;
@@ -106,7 +103,6 @@ class LogSource {
   std::vector<char> buffer_;
   std::unique_ptr<InputFile> file_;
   void* gz_ = nullptr;  // gzFile of a ".gz" file
-  Civil modified_ = 0;
 
   // Following only.
   FileId id_;

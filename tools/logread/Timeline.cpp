@@ -55,12 +55,8 @@ void Timeline::Take(Lane& lane, std::vector<std::string>& texts) {
     r.form = form;
     r.text = std::move(text);
     r.Parse();
-    if (r.fields.has_time) {
-      if (lane.any_time && r.fields.time.month < lane.last_month) ++lane.year_step;
-      lane.any_time = true;
-      lane.last_month = r.fields.time.month;
-    }
-    r.year_step = lane.year_step;
+    if (r.fields.has_time) lane.years.Add(r.fields.time);
+    r.year_step = lane.years.steps;
   }
   texts.clear();
 }
@@ -124,10 +120,10 @@ void Timeline::Load() {
   for (auto& lane : lanes_) {
     const std::unique_ptr<YearScanner> scan = lane->source->ScanYears();
     if (scan) {
-      if (!scan->any) continue;
-      Anchor(*lane, scan->last, scan->steps, scan->modified ? scan->modified : LocalNow());
+      if (!scan->count.any) continue;
+      Anchor(*lane, scan->last, scan->count.steps, scan->modified ? scan->modified : LocalNow());
       Widen(ToCivil(lane->base_year, scan->first));
-      Widen(ToCivil(lane->base_year + scan->steps, scan->last));
+      Widen(ToCivil(lane->base_year + scan->count.steps, scan->last));
       continue;
     }
     // Standard input: held whole, dated from now.

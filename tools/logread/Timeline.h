@@ -23,6 +23,7 @@
 #include "Clock.h"
 #include "LogInput.h"
 #include "LogRecord.h"
+#include "YearScan.h"
 
 #include <cstdint>
 #include <deque>
@@ -103,9 +104,7 @@ class Timeline {
     std::size_t dated = 0;       // records at the front whose time is settled
     bool done = false;
     int status = kExitOk;
-    bool any_time = false;  // a timed record has been seen
-    int last_month = 0;
-    int year_step = 0;
+    YearCount years;                           // counted over the records read so far
     bool anchored = false;                     // base_year is known
     int base_year = 0;                         // the year of year_step 0
     int day_year = 0, day_month = 0, day = 0;  // the day of day_start

@@ -30,9 +30,8 @@ bool Stamp(const char* s, logrecord::Time& t) {
 }  // namespace
 
 void YearScanner::Take(const logrecord::Time& t) {
-  if (any && t.month < last.month) ++steps;
-  if (!any) first = t;
-  any = true;
+  if (!count.any) first = t;
+  count.Add(t);
   last = t;
 }
 

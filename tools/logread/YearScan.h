@@ -15,6 +15,21 @@
 
 namespace logread {
 
+// The new years of a file, counted as its timed records come in the order
+// written: a record whose month comes before the month of the one before it
+// starts one. The quick pass and the reading count with this one rule.
+struct YearCount {
+  bool any = false;  // a timed record has been seen
+  int month = 0;     // the month of the last one
+  int steps = 0;
+
+  void Add(const logrecord::Time& time) {
+    if (any && time.month < month) ++steps;
+    any = true;
+    month = time.month;
+  }
+};
+
 class YearScanner {
  public:
   explicit YearScanner(logframe::LogFormat format) : format_(format) {}
@@ -23,11 +38,9 @@ class YearScanner {
   // The end of the file: a last line without a line feed counts too.
   void Finish();
 
-  // Whether any record has a time; the new years counted (a month that
-  // comes before the month of the record before it); the first and newest
-  // record's time.
-  bool any = false;
-  int steps = 0;
+  // The new years (count.any: whether any record has a time), and the first
+  // and newest record's time.
+  YearCount count;
   logrecord::Time first, last;
   // The file's modification time (local), 0 when unknown.
   std::int64_t modified = 0;
