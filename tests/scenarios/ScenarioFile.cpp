@@ -11,9 +11,9 @@ namespace {
 // The words that start a step, and those that start an expectation below one.
 const std::string kSteps =
     " config service write delete host qx_plugin_init qx_plugin_new action action-in-thread join"
-    " storm sim wait ";
+    " storm sim wait peer client ";
 const std::string kExpectations =
-    " result log rpc callback stdout reg service-state within no-extra-threads"
+    " result log sensorlog rpc pipe callback stdout reg service-state within no-extra-threads"
     " callbacks-match-fetches ";
 bool Among(const std::string& words, const std::string& word) {
   return !word.empty() && words.find(" " + word + " ") != std::string::npos;
@@ -158,7 +158,13 @@ std::vector<Scenario> Parse(const std::string& text, std::string* error) {
       out.back().steps.push_back({line, {}});
       out.back().sessions += word == "host";
     } else if (!out.empty() && !out.back().steps.empty() && Among(kExpectations, word)) {
-      out.back().steps.back().expect.push_back(line);
+      // "log 26x TEXT": 26 lines of TEXT.
+      Tokens& t = line.tokens;
+      char* x = nullptr;
+      const long n = t.size() > 2 ? std::strtol(t[1].c_str(), &x, 10) : 0;
+      const bool repeat = n > 0 && std::string(x) == "x";
+      if (repeat) t.erase(t.begin() + 1);
+      for (long i = 0; i < (repeat ? n : 1); ++i) out.back().steps.back().expect.push_back(line);
     } else {
       *error = "line " + std::to_string(number) + ": " +
                (closed ? "unknown line: " : "a text not closed: ") + raw;

@@ -1,9 +1,12 @@
 // `scenario_runner FILE.scn`: each scenario of the file is a GoogleTest case,
 // which puts the machine into its known state (README.md) and runs each "host"
 // session as a new process of this program (`--role session FILE NAME N STDOUT`),
-// a fresh host process for the plug-in. A session loads the DLL, runs the
-// steps, compares after each step what happened with the expectations below
-// it, and reports the differences on standard error.
+// a fresh host process for the plug-in and the fusion client. A session loads
+// the DLL (or calls the client linked in here), plays the simulator or the raw
+// wire peer (tests/wire), runs the steps, compares after each step what
+// happened with the expectations below it, and reports the differences on
+// standard error. On every run it also judges the sensor library log's
+// stamps, its exception lines and, with the peer, every bind.
 #include <gtest/gtest.h>
 #include <shlobj.h>
 #include <windows.h>
@@ -13,13 +16,18 @@
 #include <cstring>
 #include <exception>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <regex>
 #include <thread>
 
+#include "FusionClient.h"
 #include "FusionSimCtl.h"
 #include "LogFrameReader.h"
 #include "ScenarioFile.h"
+#include "SensorLibLog.h"
 #include "TestSupport.h"
+#include "WirePeer.h"
 // After windows.h.
 #include <tlhelp32.h>
 
@@ -37,6 +45,17 @@ char* const kPoison = reinterpret_cast<char*>(static_cast<std::uintptr_t>(0xdead
 std::wstring PluginLog() {
   return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
 }
+std::wstring SensorLog() {
+  return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
+}
+// The service's pipe and attention event, and the one bind a client may make:
+// the interface with NDR 2.0 alone. Written out from the wire contract.
+constexpr wchar_t kPipe[] = L"Vantoq.SensorFusion.EndPoint_edc08f";
+constexpr wchar_t kAttentionEvent[] = L"Global\\Vantoq.SensorFusion.AttentionEVENT";
+constexpr char kBind[] =
+    "bind ctx 0: 7745c01b-9375-4881-9ab5-bbc087ec41f5 v1.0 [8a885d04-1ceb-11c9-9fe8-08002b104860 "
+    "v2.0]";
+constexpr char kException[] = "Runtime reported exception";
 std::wstring ConfigFolder() { return CommonAppData() + L"\\Vantoq\\Quillomatic\\config"; }
 HKEY Hive(const std::string& name) {
   return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
@@ -98,6 +117,51 @@ std::vector<Tokens> CallbacksSince(std::size_t mark) {
 }
 std::size_t CallbackCount() { return CallbacksSince(0).size(); }
 
+// The fusion client's sensor callback ("client register"): the id and the
+// record's first 4 bytes.
+void OnSensorData(void*, std::int32_t id, void* data) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  std::lock_guard<std::mutex> lock(g_lock);
+  g_callbacks.push_back(
+      {"callback", GetCurrentThreadId() == g_hostThread ? "host-thread" : "event-thread", "sensor",
+       std::to_string(id), bytes ? Quote(wire::ToHex(wire::Bytes(bytes, bytes + 4))) : "null"});
+}
+
+std::string Hex(std::uint32_t v) {
+  char text[16];
+  return std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(v)), text;
+}
+
+// "client CALL [ARG]": one call of the fusion client linked into this program
+// (the test variant, without authentication). The result line holds the code
+// and, for calls with an out buffer, its bytes up to the last one the call
+// changed (64 bytes of 0xcc before it). False for an unknown call.
+bool Client(const Tokens& t, Tokens* result) {
+  const std::string call = t[1], arg = t.size() > 2 ? Unquote(t[2]) : "";
+  std::uint8_t out[64];
+  std::memset(out, 0xcc, sizeof out);
+  const std::uint32_t value = static_cast<std::uint32_t>(Number(arg));
+  std::int32_t rc = 0;
+  if (call == "open-log") return SensorLibLogOpen(), true;
+  if (call == "write-log") return SensorLibLogWrite("%s", arg.c_str()), true;
+  if (call == "register") return RegisterSensorDataCallback(OnSensorData, nullptr), true;
+  if (call == "bind")
+    rc = BindFusionService();
+  else if (call == "GetFusionStatus")
+    rc = GetFusionStatus(nullptr, reinterpret_cast<std::uint32_t*>(out));
+  else if (call == "SetFusionDelay")
+    rc = SetFusionDelay(nullptr, &value);
+  else if (call == "SensorDataCallback")
+    rc = SensorDataCallback(static_cast<std::int32_t>(value));
+  else
+    return false;
+  std::size_t changed = sizeof out;
+  while (changed && out[changed - 1] == 0xcc) --changed;
+  *result = {"result", Hex(static_cast<std::uint32_t>(rc))};
+  if (changed) result->push_back(Quote(wire::ToHex(wire::Bytes(out, out + changed))));
+  return true;
+}
+
 // The "result" line of one action: return code and text, or what escaped.
 Tokens RunAction(const Tokens& t) {
   const std::string name = Unquote(t[1]), params = t.size() > 2 ? Unquote(t[2]) : "";
@@ -124,8 +188,12 @@ struct Session {
   Tokens workerResult;
   std::vector<void*> blocks;  // from "qx_plugin_new", freed at the end
   DWORD threadsAtHost = 0;
+  std::unique_ptr<wire::Peer> peer;  // "peer": the raw wire peer serves the pipe
+  HANDLE attentionEvent = nullptr;   // the peer's (auto-reset)
+  std::string auth;                  // what every bind carries after kBind
+  SYSTEMTIME started = {};           // no stamp in the sensor library log before it
   // Where the current step's window starts.
-  std::size_t logMark = 0, stdoutMark = 0, callbackMark = 0;
+  std::size_t logMark = 0, stdoutMark = 0, callbackMark = 0, sensorMark = 0, pipeMark = 0;
   void Fail(int line, const std::string& what) {
     failures.push_back("line " + std::to_string(line) + ": " + what);
   }
@@ -157,6 +225,53 @@ std::vector<Tokens> LogSince(std::size_t mark) {
     t.insert(t.end(), {level, f.text.substr(at, place + 1 - at),
                        Quote(f.text.substr(place + 2, f.text.size() - place - 3))});
     out.push_back(t);
+  }
+  return out;
+}
+
+// A local time as a number that grows with it (within a year).
+long long When(int mo, int d, int h, int mi, int sec, int ms) {
+  return ((((mo * 32LL + d) * 24 + h) * 60 + mi) * 60 + sec) * 1000 + ms;
+}
+
+// The sensor library log's lines from byte `mark` on, without their stamps.
+// Every line but the version line and empty ones carries the local time as
+// "[MM-DD-hh-mm-ss:ms]" (ms not padded), within this session: `wrong` gets
+// each line that does not.
+std::vector<Tokens> SensorLogSince(const Session& s, std::size_t mark,
+                                   std::vector<std::string>* wrong = nullptr) {
+  const std::string text = ReadFileBytes(SensorLog());
+  static const std::regex stamp(R"(\[(\d\d)-(\d\d)-(\d\d)-(\d\d)-(\d\d):(0|[1-9]\d{0,2})\](.*))");
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const SYSTEMTIME& a = s.started;
+  const long long from = When(a.wMonth, a.wDay, a.wHour, a.wMinute, a.wSecond, a.wMilliseconds),
+                  to = When(now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
+                            now.wMilliseconds);
+  std::vector<Tokens> out;
+  for (std::size_t at = std::min(mark, text.size()), end;
+       (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+    const std::string line = text.substr(at, end - at);
+    std::smatch m;
+    const bool stamped = std::regex_match(line, m, stamp);
+    bool ok = line.empty() || line.rfind("Version:", 0) == 0;
+    if (stamped) {
+      auto n = [&](int i) { return std::stoi(m[i]); };
+      const long long t = When(n(1), n(2), n(3), n(4), n(5), n(6));
+      ok = t >= from && t <= to;
+    }
+    if (!ok && wrong) wrong->push_back(line);
+    out.push_back({"sensorlog", Quote(stamped ? m.str(7) : line)});
+  }
+  return out;
+}
+
+std::vector<Tokens> PipeSince(const Session& s) {
+  std::vector<Tokens> out;
+  const auto requests = s.peer ? s.peer->Get(&wire::Peer::requests) : wire::Peer::Seen();
+  for (std::size_t i = s.pipeMark; i < requests.size(); ++i) {
+    const std::size_t colon = requests[i].find(": ");
+    out.push_back({"pipe", requests[i].substr(0, colon), Quote(requests[i].substr(colon + 2))});
   }
   return out;
 }
@@ -256,6 +371,7 @@ bool Sim(const Tokens& t) {
   if (what == "reply-delay")
     return FusionSimSetReplyDelay(static_cast<std::uint32_t>(Number(arg(2))));
   if (what == "hold") return FusionSimHoldReplies(arg(2) == "on");
+  if (what == "event") return FusionSimDropAttentionEvent(arg(2) == "drop");
   if (what == "wait-calls")
     return FusionSimWaitCalls(static_cast<std::uint32_t>(Number(arg(2))), 10000);
   if (what == "force")  // "once": the simulator lifts it as it answers
@@ -329,6 +445,15 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
     if (!Sim(t)) return "the simulator did not do it (is one running?)";
   } else if (w == "wait") {
     Sleep(static_cast<DWORD>(Number(arg(1))));
+  } else if (w == "peer" && arg(1) == "signal") {
+    if (!s.attentionEvent || !SetEvent(s.attentionEvent)) return "no peer to signal for";
+  } else if (w == "peer") {
+    s.auth = arg(1) == "auth" ? arg(2) : "";
+    s.peer = std::make_unique<wire::Peer>();
+    if (!s.peer->Start(kPipe)) return "another server owns the pipe";
+    s.attentionEvent = CreateEventW(nullptr, FALSE, FALSE, kAttentionEvent);
+  } else if (w == "client") {
+    if (t.size() < 2 || !Client(t, result)) return "no such client call";
   }
   return "";
 }
@@ -339,26 +464,37 @@ void Mark(Session& s) {
   s.logMark = ReadFileBytes(PluginLog()).size();
   s.stdoutMark = ReadFileBytes(s.stdoutPath).size();
   s.callbackMark = CallbackCount();
+  s.sensorMark = ReadFileBytes(SensorLog()).size();
+  s.pipeMark = s.peer ? s.peer->Get(&wire::Peer::requests).size() : 0;
 }
 
-// The lists of lines (log, rpc, callback, stdout) the step's expectations
-// name, and what happened of each kind in its window.
+// The lists of lines (log, sensorlog, rpc, pipe, callback, stdout) the step's
+// expectations name, and what happened of each kind in its window. A pipe
+// line's reply (its fourth word) is the peer's to send, not compared.
 std::map<std::string, std::vector<Tokens>> Lists(const Step& step) {
   std::map<std::string, std::vector<Tokens>> lists;
+  const std::string kinds = " log sensorlog rpc pipe callback stdout ";
   for (const Line& e : step.expect) {
     const std::string& w = e.tokens[0];
-    if (w == "log" || w == "rpc" || w == "callback" || w == "stdout") {
-      std::vector<Tokens>& list = lists[w];  // "none": checked as empty
-      if (e.tokens[1] != "none") list.push_back(e.tokens);
-    }
+    if (kinds.find(" " + w + " ") == std::string::npos) continue;
+    std::vector<Tokens>& list = lists[w];  // "none": checked as empty
+    if (e.tokens[1] != "none")
+      list.emplace_back(e.tokens.begin(), e.tokens.begin() + (w == "pipe" ? 3 : e.tokens.size()));
   }
   return lists;
 }
 std::vector<Tokens> Actual(const Session& s, const std::string& what) {
-  return what == "log"      ? LogSince(s.logMark)
-         : what == "rpc"    ? SimCalls()
-         : what == "stdout" ? StdoutSince(s)
-                            : CallbacksSince(s.callbackMark);
+  return what == "log"         ? LogSince(s.logMark)
+         : what == "sensorlog" ? SensorLogSince(s, s.sensorMark)
+         : what == "rpc"       ? SimCalls()
+         : what == "pipe"      ? PipeSince(s)
+         : what == "stdout"    ? StdoutSince(s)
+                               : CallbacksSince(s.callbackMark);
+}
+std::size_t Exceptions(const std::vector<Tokens>& lines) {
+  return std::count_if(lines.begin(), lines.end(), [](const Tokens& t) {
+    return t.size() > 1 && t[1].find(kException) != std::string::npos;
+  });
 }
 
 // Waits (10 s at most) until what the step set off on other threads matches
@@ -377,10 +513,10 @@ void Settle(Session& s, const Step& step) {
   if (w != "sim" && w != "wait" && w != "join" && w != "storm") return;
   for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15;
        ++i, Sleep(20), before = now)
-    quiet =
-        (now = ReadFileBytes(PluginLog()).size() + SimCalls().size() + CallbackCount()) == before
-            ? quiet + 1
-            : 0;
+    quiet = (now = ReadFileBytes(PluginLog()).size() + ReadFileBytes(SensorLog()).size() +
+                   SimCalls().size() + CallbackCount() + PipeSince(s).size()) == before
+                ? quiet + 1
+                : 0;
 }
 
 std::string Dump(const std::vector<Tokens>& lines, std::string out = "") {
@@ -388,7 +524,14 @@ std::string Dump(const std::vector<Tokens>& lines, std::string out = "") {
   return out.empty() ? "      (none)\n" : out;
 }
 
-void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) {
+// These steps wait for what the step before set off: its window goes on.
+bool Continues(const Tokens& t) {
+  return t[0] == "join" || (t[0] == "sim" && t.size() > 1 && t[1] == "wait-calls");
+}
+
+// `windowEnds`: no step after this one continues its window, so its sensor
+// library log is complete.
+void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs, bool windowEnds) {
   auto check = [&](const Line& e, const Tokens& actual) {
     if (!Matches({e.tokens}, {actual}))
       s.Fail(e.number, "expected " + Join(e.tokens) + "\n         got " + Join(actual));
@@ -420,12 +563,37 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs) 
                            " changes to 0 among the fetched records");
     }
   }
-  for (const auto& [what, expected] : Lists(step)) {
+  const auto lists = Lists(step);
+  for (const auto& [what, expected] : lists) {
     const std::vector<Tokens> actual = Actual(s, what);
     if (!Matches(expected, actual))
       s.Fail(step.line.number,
              what + " lines differ; expected:\n" + Dump(expected) + "    got:\n" + Dump(actual));
   }
+  // Every exception line of the sensor library log is one the window's last
+  // step names, and every line is stamped within the session.
+  std::vector<std::string> wrong;
+  const std::vector<Tokens> sensor = SensorLogSince(s, s.sensorMark, &wrong);
+  const auto named = lists.count("sensorlog") ? Exceptions(lists.at("sensorlog")) : 0;
+  if (windowEnds && Exceptions(sensor) != named)
+    s.Fail(step.line.number, std::to_string(Exceptions(sensor)) + " exception lines in the " +
+                                 "sensor library log, " + std::to_string(named) + " expected:\n" +
+                                 Dump(sensor));
+  for (const std::string& line : wrong)
+    s.Fail(step.line.number, "sensor library log, not stamped in this session: " + line);
+}
+
+// The peer's own judgement at the end of a session: no protocol error, and
+// every bind the one offer a client may make (with the expected
+// authentication).
+void JudgePeer(Session& s) {
+  s.peer->Stop();
+  for (const std::string& e : s.peer->Get(&wire::Peer::errors)) s.Fail(0, "wire peer: " + e);
+  const auto binds = s.peer->Get(&wire::Peer::binds);
+  if (binds.empty()) s.Fail(0, "no bind reached the wire peer");
+  const std::string expected = kBind + (s.auth.empty() ? "" : " auth " + s.auth);
+  for (const std::string& bind : binds)
+    if (bind != expected) s.Fail(0, "expected " + expected + "\n         got " + bind);
 }
 
 int RunSession(const std::string& file, const std::string& name, int index,
@@ -433,6 +601,7 @@ int RunSession(const std::string& file, const std::string& name, int index,
   std::string error;
   Session s;
   s.stdoutPath = stdoutPath;
+  GetLocalTime(&s.started);
   int session = -1, steps = 0;
   for (const Scenario& scenario : Parse(ReadFileBytes(Widen(file)), &error)) {
     for (std::size_t i = 0; scenario.name == name && i < scenario.steps.size(); ++i) {
@@ -440,8 +609,10 @@ int RunSession(const std::string& file, const std::string& name, int index,
       const Tokens& t = step.line.tokens;
       session += t[0] == "host";
       if (std::max(session, 0) != index) continue;
-      // These wait for what the step before set off, in its window.
-      if (t[0] != "join" && !(t[0] == "sim" && t.size() > 1 && t[1] == "wait-calls")) Mark(s);
+      if (!Continues(t)) Mark(s);
+      for (const Line& e : step.expect)
+        if (e.tokens[0] == "pipe" && e.tokens.size() > 3 && s.peer)
+          s.peer->Queue(Unquote(e.tokens[3]));
       const DWORD started = GetTickCount();
       Tokens result;
       const std::string problem = Run(s, t, &result);
@@ -452,11 +623,14 @@ int RunSession(const std::string& file, const std::string& name, int index,
         break;
       }
       Settle(s, step);
-      Judge(s, step, result, elapsed);
+      const bool ends =
+          i + 1 == scenario.steps.size() || !Continues(scenario.steps[i + 1].line.tokens);
+      Judge(s, step, result, elapsed, ends);
     }
   }
   if (!steps)
     s.Fail(0, "no steps for session " + std::to_string(index) + " of " + name + " " + error);
+  if (s.peer) JudgePeer(s);
   if (s.worker.joinable()) s.worker.detach();  // still in the plug-in: ends with the process
   for (void* block : s.blocks) g_plugin.free(block);
   if (g_plugin.free) g_plugin.free(nullptr);
@@ -478,6 +652,10 @@ void Reset() {
     for (const wchar_t* name : {L"attention_state", L"attention_delay", L"attention__ability"})
       RegDeleteKeyValueW(hive, kKey, name);
   DeleteFileW(PluginLog().c_str());
+  DeleteFileW(SensorLog().c_str());
+  // The vendor's folder, as its installer leaves it: the sensor library makes
+  // only the two levels below it.
+  SHCreateDirectoryExW(nullptr, (CommonAppData() + L"\\Vantoq").c_str(), nullptr);
   DeleteFileW((ConfigFolder() + L"\\config.ini").c_str());
 }
 
@@ -488,6 +666,7 @@ class ScenarioCase : public testing::Test {
   void TestBody() override {
     Reset();
     const std::wstring dir = TempDir(L"scenario");
+    sessions_ = std::max(sessions_, 1);  // a scenario without "host" is one session
     for (int i = 0; i < sessions_ && !HasFailure(); ++i) {
       const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n,
                          report = dir + L"\\report" + n;

@@ -30,16 +30,25 @@ class Peer {
   // Ends the listener and the connections' threads (bounded: the process
   // ends with a message on stderr if one has not ended 30 s later).
   void Stop();
-  // Replies (queued before Start), handed out in the order requests arrive:
-  // "HEX" a response whose stub data is HEX; "fault XXXXXXXX" a fault PDU with
-  // that status; "cut N HEX" the response for HEX cut to its first N bytes,
-  // then the connection closed. With none left: a fault (nca_s_op_rng_error).
-  void Queue(const std::string& reply) { replies_.push_back(reply); }
+  // Replies, handed out in the order requests arrive: "HEX" a response whose
+  // stub data is HEX; "fault XXXXXXXX" a fault PDU with that status; "cut N
+  // HEX" the response for HEX cut to its first N bytes, then the connection
+  // closed. With none left: a fault (nca_s_op_rng_error).
+  void Queue(const std::string& reply) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    replies_.push_back(reply);
+  }
 
-  // After Stop(). binds: "bind ctx ID: ABSTRACT [TRANSFER, ...]", then " auth
-  // type T level L token HEX" (its credentials' first 12 bytes) when
-  // authenticated; requests: "OPNUM: STUB"; errors: protocol faults seen.
-  std::vector<std::string> binds, requests, errors;
+  // What the peer saw (copies, safe while it runs). binds: "bind ctx ID:
+  // ABSTRACT [TRANSFER, ...]", then " auth type T level L token HEX" (its
+  // credentials' first 12 bytes) when authenticated; requests: "OPNUM: STUB";
+  // errors: protocol faults seen.
+  using Seen = std::vector<std::string>;
+  Seen Get(Seen Peer::*list) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return this->*list;
+  }
+  Seen binds, requests, errors;
 
  private:
   void Spawn(std::function<void()> body);
