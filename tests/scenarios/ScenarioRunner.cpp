@@ -498,9 +498,9 @@ std::size_t Exceptions(const std::vector<Tokens>& lines) {
 }
 
 // Waits (10 s at most) until what the step set off on other threads matches
-// its lists. After the simulator's events, a wait or a join, what must not
-// happen can only be judged after a while: then until the log, the call record
-// and the callbacks have also been quiet for 300 ms.
+// its lists. After the simulator's or the peer's steps, a wait or a join,
+// what must not happen can only be judged after a while: then until the logs,
+// the calls, the requests and the callbacks have also been quiet for 300 ms.
 void Settle(Session& s, const Step& step) {
   const auto lists = Lists(step);
   const auto met = [&] {
@@ -510,7 +510,7 @@ void Settle(Session& s, const Step& step) {
   };
   for (int i = 0; i < 500 && !met(); ++i) Sleep(20);
   const std::string& w = step.line.tokens[0];
-  if (w != "sim" && w != "wait" && w != "join" && w != "storm") return;
+  if (w != "sim" && w != "peer" && w != "wait" && w != "join" && w != "storm") return;
   for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15;
        ++i, Sleep(20), before = now)
     quiet = (now = ReadFileBytes(PluginLog()).size() + ReadFileBytes(SensorLog()).size() +
