@@ -11,7 +11,7 @@ namespace {
 // The words that start a step, and those that start an expectation below one.
 const std::string kSteps =
     " config service write delete host qx_plugin_init qx_plugin_new action action-in-thread join"
-    " storm sim wait peer client ";
+    " storm sim peer client ";
 const std::string kExpectations =
     " result log sensorlog rpc pipe callback stdout reg service-state within no-extra-threads"
     " callbacks-match-fetches ";

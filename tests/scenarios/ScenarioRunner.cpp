@@ -443,8 +443,6 @@ std::string Run(Session& s, const Tokens& t, Tokens* result) {
     *result = Storm(static_cast<int>(Number(arg(1))));
   } else if (w == "sim") {
     if (!Sim(t)) return "the simulator did not do it (is one running?)";
-  } else if (w == "wait") {
-    Sleep(static_cast<DWORD>(Number(arg(1))));
   } else if (w == "peer" && arg(1) == "signal") {
     if (!s.attentionEvent || !SetEvent(s.attentionEvent)) return "no peer to signal for";
   } else if (w == "peer") {
@@ -498,7 +496,7 @@ std::size_t Exceptions(const std::vector<Tokens>& lines) {
 }
 
 // Waits (10 s at most) until what the step set off on other threads matches
-// its lists. After the simulator's or the peer's steps, a wait or a join,
+// its lists. After the simulator's or the peer's steps, a storm or a join,
 // what must not happen can only be judged after a while: then until the logs,
 // the calls, the requests and the callbacks have also been quiet for 300 ms.
 void Settle(Session& s, const Step& step) {
@@ -510,7 +508,7 @@ void Settle(Session& s, const Step& step) {
   };
   for (int i = 0; i < 500 && !met(); ++i) Sleep(20);
   const std::string& w = step.line.tokens[0];
-  if (w != "sim" && w != "peer" && w != "wait" && w != "join" && w != "storm") return;
+  if (w != "sim" && w != "peer" && w != "join" && w != "storm") return;
   for (std::size_t i = 0, quiet = 0, before = 0, now; i < 250 && quiet < 15;
        ++i, Sleep(20), before = now)
     quiet = (now = ReadFileBytes(PluginLog()).size() + ReadFileBytes(SensorLog()).size() +
