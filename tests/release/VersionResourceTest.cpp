@@ -1,8 +1,6 @@
-// The version resource of every shipped binary, read back the way Explorer and
-// installers read it: GetFileVersionInfoW and VerQueryValueW.
-//   release_version_tests [FOLDER]
-// FOLDER holds the shipped DLL and programs; by default this program's folder
-// (the build's bin/). check-package.sh runs it on the unpacked archive's bin/.
+// The version resource of every shipped binary (the stripped ones the
+// archive takes, in ship/bin), read back with GetFileVersionInfoW and
+// VerQueryValueW.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -15,8 +13,6 @@
 
 namespace {
 
-std::wstring g_folder;
-
 TEST(VersionResource, NamesTheProductVersionAndMaker) {
   const std::pair<std::wstring, DWORD> shipped[] = {{L"QXAttentionPlugin.dll", VFT_DLL},
                                                     {L"qxhost.exe", VFT_APP},
@@ -26,17 +22,16 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
   ASSERT_EQ(3, std::sscanf(QX_EXPECTED_VERSION, "%u.%u.%u", &major, &minor, &patch));
   for (const auto& [file, type] : shipped) {
     SCOPED_TRACE(testing::PrintToString(file));
-    std::vector<char> data(GetFileVersionInfoSizeW((g_folder + file).c_str(), nullptr));
+    const std::wstring path = testsupport::ExeDir() + L"..\\ship\\bin\\" + file;
+    std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), nullptr));
     ASSERT_FALSE(data.empty()) << "no version resource, error " << GetLastError();
-    ASSERT_TRUE(GetFileVersionInfoW((g_folder + file).c_str(), 0, static_cast<DWORD>(data.size()),
-                                    data.data()));
+    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(data.size()), data.data()));
     const auto query = [&](const std::wstring& key) {
       void* value = nullptr;
       UINT length = 0;
       return VerQueryValueW(data.data(), key.c_str(), &value, &length) && length ? value : nullptr;
     };
-    // The strings of the US English, Unicode block "040904b0", which the
-    // translation table names.
+    // The US English, Unicode strings, which the translation table names.
     const auto text = [&](const wchar_t* name) {
       const void* value = query(std::wstring(L"\\StringFileInfo\\040904b0\\") + name);
       return std::wstring(value ? static_cast<const wchar_t*>(value) : L"<missing>");
@@ -47,8 +42,7 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
     EXPECT_EQ(L"" QX_EXPECTED_VERSION, text(L"ProductVersion"));
     EXPECT_EQ(file, text(L"OriginalFilename"));
     EXPECT_NE(L"<missing>", text(L"FileDescription"));
-    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"))
-        << "the test variant's description";
+    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"));
     const auto* translation = static_cast<const WORD*>(query(L"\\VarFileInfo\\Translation"));
     ASSERT_NE(nullptr, translation);
     EXPECT_EQ(0x0409, translation[0]);
@@ -67,10 +61,3 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  g_folder = argc > 1 ? testsupport::Widen(argv[1]) + L"\\" : testsupport::ExeDir();
-  std::printf("version resources in %ls\n", g_folder.c_str());
-  return RUN_ALL_TESTS();
-}

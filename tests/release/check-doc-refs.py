@@ -1,16 +1,10 @@
 #!/usr/bin/env python3
-"""Fails when a document of the unpacked release archive names a file the
-archive lacks: usage check-doc-refs.py UNPACKED_ARCHIVE.
-
-The documents are the archive's *.md files, its headers and example sources.
-A reference is a path that starts with a folder of the archive or of the
-source tree (bin/, docs/, scripts/, tests/, build/, ...), or a bare file name
-of a kind the archive ships (.md .c .h .dll .exe .lib .a .pdb .debug .json
-.sh). Paths must exist in the archive (NAME, <...> and * are wildcards); bare
-names must be the name of some file in it. Files of Windows and of its tool
-chains are not
-references, nor are <headers> of the system or files a document's own
-command writes (-o FILE). Prints every missing reference with its place; exit 1 if any.
+"""check-doc-refs.py UNPACKED_ARCHIVE: fails when a document of the archive
+(*.md, headers, example sources) names a file the archive lacks. References:
+paths from a folder of the archive or the source tree, and bare names of the
+kinds the archive ships; NAME, <...> and * are wildcards. Windows's own
+files, <system headers> and what a document's command writes (-o FILE) are
+not references.
 """
 import fnmatch
 import os

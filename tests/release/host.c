@@ -1,13 +1,9 @@
 /*
- * A host in C against include/qx_plugin.h alone (no Windows headers, no C
- * runtime), built by three toolchains in check-package.sh: mingw-w64 gcc as
- * C89 and C11, loading the DLL (found on PATH) with LoadLibrary; the same
- * with -DQX_HOST_LINKED through lib/'s GNU import library; clang for the
- * MSVC target with lld-link through lib/'s MSVC import library. There "host
- * throw" sends a non-numeric "status": the GCC C++ exception leaving
- * qx_plugin_action reaches the host as structured exception 0x20474343; its
- * filter reports it and exits with 3, all such a host can safely do.
- * Prints the DLL it used and a line per check; exit code 0 when all passed.
+ * A host against include/qx_plugin.h alone (no Windows headers, no C
+ * runtime), built three ways by check-package.sh: LoadLibrary and
+ * GetProcAddress; -DQX_HOST_LINKED, through lib/'s GNU import library; for
+ * the MSVC target through QXAttentionPlugin.lib, where "host throw" shows the
+ * GCC C++ exception reaching its filter as 0x20474343 (exit code 3).
  */
 #include "qx_plugin.h"
 
