@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
 # Installs the logread package and decodes a sample log with it (as root):
 #   check-deb.sh dist/qx-logread_<version>_amd64.deb
-#   check-deb.sh --from-build build/native   (ctest release_deb)
-# The second makes the package with CPack, installs it and removes it again;
-# without root, dpkg and apt-get, or with qx-logread installed already, it
-# exits 77 (skipped) and says why.
+#   check-deb.sh --from-build build/native   (ctest release_deb: made with
+#     CPack, removed afterwards; skipped, exit 77, where it cannot run)
 set -euo pipefail
 usage="usage: check-deb.sh PACKAGE.deb | --from-build NATIVE_BUILD_DIR"
 work=$(mktemp -d)
@@ -13,13 +11,13 @@ export DEBIAN_FRONTEND=noninteractive
 fail() { echo "check-deb: FAILED: $*"; exit 1; }
 if [ "${1:-}" = --from-build ]; then
   skip() { echo "check-deb: SKIPPED: $*"; exit 77; }
-  [ "$(id -u)" -eq 0 ] || skip "not root: installing a package needs root"
+  [ "$(id -u)" -eq 0 ] || skip "installing a package needs root"
   command -v dpkg >/dev/null && command -v apt-get >/dev/null || skip "no dpkg and apt-get here"
   (cd "${2:?$usage}" && cpack -G DEB -B "$work/package" >"$work/cpack.log" 2>&1) \
     || { cat "$work/cpack.log"; fail "CPack made no package"; }
   exec 9>/var/lock/qx-check-deb.lock
   flock -w 600 9 || fail "another check-deb kept the lock for 600 s"
-  dpkg-query -W qx-logread >/dev/null 2>&1 && skip "qx-logread is installed on this machine already"
+  dpkg-query -W qx-logread >/dev/null 2>&1 && skip "qx-logread is installed already"
   trap 'apt-get purge -y -q qx-logread >/dev/null 2>&1; rm -rf "$work"' EXIT
   deb=$(echo "$work"/package/qx-logread_*_amd64.deb)
 else
@@ -31,8 +29,8 @@ apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=120 "$deb" 
   || { cat "$work/apt.log"; fail "the package did not install"; }
 echo "check-deb: installed $(dpkg-query -W -f='${Package} ${Version} (${Depends})' qx-logread)"
 
-# The frames made by hand (perl-base is on every Debian system): the byte
-# count in 4 bytes little-endian, then each byte as 255 - b.
+# Frames by hand (perl-base is everywhere): 4-byte little-endian length,
+# then each byte as 255 - b.
 cat > "$work/records.txt" <<'TXT'
 11-22 14:05:07:042 : [INF][04242] AttentionPlugin.cpp(170)  attention plugin init... 
 11-22 14:05:07:043 : [INF][04242] AttentionPlugin.cpp(341) resp: {"cmd":"get_attention","delay":10,"status":2}
