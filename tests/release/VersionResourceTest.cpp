@@ -1,8 +1,5 @@
-// The version resource of every shipped binary, read back the way Explorer and
-// installers read it: GetFileVersionInfoW and VerQueryValueW.
-//   release_version_tests [FOLDER]
-// FOLDER holds the shipped DLL and programs; by default this program's folder
-// (the build's bin/). check-package.sh runs it on the unpacked archive's bin/.
+// The version resources of the shipped binaries (ship/bin, what the
+// archive takes) through GetFileVersionInfoW and VerQueryValueW.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -15,28 +12,23 @@
 
 namespace {
 
-std::wstring g_folder;
-
 TEST(VersionResource, NamesTheProductVersionAndMaker) {
-  const std::pair<std::wstring, DWORD> shipped[] = {{L"QXAttentionPlugin.dll", VFT_DLL},
-                                                    {L"qxhost.exe", VFT_APP},
-                                                    {L"fusion-sim.exe", VFT_APP},
-                                                    {L"logread.exe", VFT_APP}};
   unsigned major = 0, minor = 0, patch = 0;
   ASSERT_EQ(3, std::sscanf(QX_EXPECTED_VERSION, "%u.%u.%u", &major, &minor, &patch));
-  for (const auto& [file, type] : shipped) {
+  for (std::wstring file :
+       {L"QXAttentionPlugin.dll", L"qxhost.exe", L"fusion-sim.exe", L"logread.exe"}) {
     SCOPED_TRACE(testing::PrintToString(file));
-    std::vector<char> data(GetFileVersionInfoSizeW((g_folder + file).c_str(), nullptr));
+    const DWORD type = file.ends_with(L".dll") ? VFT_DLL : VFT_APP;
+    const std::wstring path = testsupport::ExeDir() + L"..\\ship\\bin\\" + file;
+    std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), nullptr));
     ASSERT_FALSE(data.empty()) << "no version resource, error " << GetLastError();
-    ASSERT_TRUE(GetFileVersionInfoW((g_folder + file).c_str(), 0, static_cast<DWORD>(data.size()),
-                                    data.data()));
+    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(data.size()), data.data()));
     const auto query = [&](const std::wstring& key) {
       void* value = nullptr;
       UINT length = 0;
       return VerQueryValueW(data.data(), key.c_str(), &value, &length) && length ? value : nullptr;
     };
-    // The strings of the US English, Unicode block "040904b0", which the
-    // translation table names.
+    // The block the translation table names.
     const auto text = [&](const wchar_t* name) {
       const void* value = query(std::wstring(L"\\StringFileInfo\\040904b0\\") + name);
       return std::wstring(value ? static_cast<const wchar_t*>(value) : L"<missing>");
@@ -47,8 +39,7 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
     EXPECT_EQ(L"" QX_EXPECTED_VERSION, text(L"ProductVersion"));
     EXPECT_EQ(file, text(L"OriginalFilename"));
     EXPECT_NE(L"<missing>", text(L"FileDescription"));
-    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"))
-        << "the test variant's description";
+    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"));
     const auto* translation = static_cast<const WORD*>(query(L"\\VarFileInfo\\Translation"));
     ASSERT_NE(nullptr, translation);
     EXPECT_EQ(0x0409, translation[0]);
@@ -56,21 +47,12 @@ TEST(VersionResource, NamesTheProductVersionAndMaker) {
     // The fixed part agrees with the strings.
     const auto* fixed = static_cast<const VS_FIXEDFILEINFO*>(query(L"\\"));
     ASSERT_NE(nullptr, fixed);
-    EXPECT_EQ(0xFEEF04BDu, fixed->dwSignature);
     for (DWORD ms : {fixed->dwFileVersionMS, fixed->dwProductVersionMS})
       EXPECT_EQ((major << 16) | minor, ms);
     for (DWORD ls : {fixed->dwFileVersionLS, fixed->dwProductVersionLS}) EXPECT_EQ(patch << 16, ls);
     EXPECT_EQ(type, fixed->dwFileType);
-    EXPECT_EQ(static_cast<DWORD>(VOS_NT_WINDOWS32), fixed->dwFileOS);
     EXPECT_EQ(0u, fixed->dwFileFlags & VS_FF_DEBUG);
   }
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  g_folder = argc > 1 ? testsupport::Widen(argv[1]) + L"\\" : testsupport::ExeDir();
-  std::printf("version resources in %ls\n", g_folder.c_str());
-  return RUN_ALL_TESTS();
-}

@@ -1,16 +1,8 @@
 #!/usr/bin/env python3
-"""Fails when a document of the unpacked release archive names a file the
-archive lacks: usage check-doc-refs.py UNPACKED_ARCHIVE.
-
-The documents are the archive's *.md files, its headers and example sources.
-A reference is a path that starts with a folder of the archive or of the
-source tree (bin/, docs/, scripts/, tests/, build/, ...), or a bare file name
-of a kind the archive ships (.md .c .h .dll .exe .lib .a .pdb .debug .json
-.sh). Paths must exist in the archive (NAME, <...> and * are wildcards); bare
-names must be the name of some file in it. Files of Windows and of its tool
-chains are not
-references, nor are <headers> of the system or files a document's own
-command writes (-o FILE). Prints every missing reference with its place; exit 1 if any.
+"""check-doc-refs.py UNPACKED_ARCHIVE: fails when a document of the archive
+(*.md, *.h, *.c) names a file the archive lacks: a path from a folder of the
+archive or the source tree, or a bare name of a kind it ships (NAME, <...>
+and * are wildcards; not Windows's files, nor what a command writes: -o FILE).
 """
 import fnmatch
 import os
@@ -20,8 +12,7 @@ import sys
 ROOTS = ("bin include lib debug docs share examples symbols scripts tests tools build dist "
          "packaging plugin fusion log attention impl cmake bench fuzz").split()
 KINDS = "md c h dll exe lib a pdb debug json sh".split()
-OTHER_FILES = {"net.exe", "kernel32.dll", "ntdll.dll", "rpcrt4.dll", "advapi32.dll", "msvcrt.dll",
-               "dbghelp.dll", "cmd.exe", "sc.exe", "link.exe", "cl.exe", "symstore.exe"}
+OTHER_FILES = {"net.exe", "link.exe", "kernel32.dll", "ntdll.dll"}  # Windows's own
 BEFORE = r"(?<![\w$%\\.:/-])"
 PATH = BEFORE + r"((?:" + "|".join(ROOTS) + r")[/\\][\w.<>*/\\-]*)"
 BARE = BEFORE + r"([\w<>-][\w.<>-]*\.(?:" + "|".join(KINDS) + r"))(?![\w/-])"
@@ -54,15 +45,14 @@ for doc in sorted(docs):
     with open(os.path.join(root, doc), encoding="utf-8", errors="replace") as text:
         for number, line in enumerate(text, 1):
             made.update(os.path.basename(f) for f in re.findall(r"\s-o\s+(\S+)", line))
-            for ref in re.findall(PATH, line):
-                if not exists(ref):
-                    print(f"{doc}:{number}: names {ref}, which the archive lacks")
-                    missing += 1
+            bad = [ref for ref in re.findall(PATH, line) if not exists(ref)]
             for ref in re.findall(BARE, line):
                 if ref.lower() in OTHER_FILES or ref in made or (ref.startswith("<") and ">" not in ref):
                     continue
                 if not any(fnmatch.fnmatchcase(b, pattern(ref)) for b in basenames):
-                    print(f"{doc}:{number}: names {ref}, which the archive lacks")
-                    missing += 1
+                    bad.append(ref)
+            for ref in bad:
+                print(f"{doc}:{number}: names {ref}, which the archive lacks")
+            missing += len(bad)
 print(f"doc-refs: {len(docs)} documents, {missing} missing references")
 sys.exit(1 if missing else 0)

@@ -1,32 +1,20 @@
 /*
- * A host in C against include/qx_plugin.h alone (no Windows headers, no C
- * runtime), built by three toolchains in check-package.sh: mingw-w64 gcc as
- * C89 and C11, loading the DLL (found on PATH) with LoadLibrary; the same
- * with -DQX_HOST_LINKED through lib/'s GNU import library; clang for the
- * MSVC target with lld-link through lib/'s MSVC import library. There "host
- * throw" sends a non-numeric "status": the GCC C++ exception leaving
- * qx_plugin_action reaches the host as structured exception 0x20474343; its
- * filter reports it and exits with 3, all such a host can safely do.
- * Prints the DLL it used and a line per check; exit code 0 when all passed.
+ * A host against include/qx_plugin.h alone (no Windows headers, no C
+ * runtime), linked by check-package.sh through lib/'s GNU import library
+ * (gcc) and through QXAttentionPlugin.lib (clang for the MSVC target), where
+ * "host throw" shows the GCC exception reaching its filter as 0x20474343.
  */
 #include "qx_plugin.h"
 
-/* The few kernel32 functions it needs. */
-typedef void (*proc)(void);
 __declspec(dllimport) void *__stdcall GetStdHandle(unsigned long which);
 __declspec(dllimport) int __stdcall WriteFile(void *file, const void *data, unsigned long size,
                                               unsigned long *written, void *overlapped);
 __declspec(dllimport) void __stdcall ExitProcess(unsigned int code);
 __declspec(dllimport) const char *__stdcall GetCommandLineA(void);
 __declspec(dllimport) void *__stdcall LoadLibraryA(const char *name);
-__declspec(dllimport) proc __stdcall GetProcAddress(void *module, const char *name);
 __declspec(dllimport) unsigned long __stdcall GetModuleFileNameA(void *module, char *path,
                                                                  unsigned long size);
 
-static qx_plugin_new_fn plugin_new;
-static qx_plugin_init_fn plugin_init;
-static qx_plugin_action_fn plugin_action;
-static qx_plugin_delete_fn plugin_delete;
 static int failures = 0;
 
 static unsigned long length(const char *text) {
@@ -40,23 +28,24 @@ static int same(const char *a, const char *b) {
   return *a == *b;
 }
 
-static void say(const char *a, const char *b) {
+static void say(const char *text) {
   unsigned long written = 0;
-  WriteFile(GetStdHandle((unsigned long)-11), a, length(a), &written, 0);
-  WriteFile(GetStdHandle((unsigned long)-11), b, length(b), &written, 0);
+  WriteFile(GetStdHandle((unsigned long)-11), text, length(text), &written, 0);
 }
 
 static void check(int ok, const char *what, const char *detail) {
-  say(ok ? "ok   " : "FAIL ", what);
-  say(" ", detail);
+  say(ok ? "ok   " : "FAIL ");
+  say(what);
+  say(" ");
+  say(detail);
   failures += !ok;
 }
 
 static void expect(const char *action, const char *params, const char *expected) {
   char *result = 0;
-  int rc = plugin_action(action, params, &result);
-  check(rc == 0 && result != 0 && same(result, expected), action, result ? result : "(null)\n");
-  plugin_delete(result);
+  int rc = qx_plugin_action(action, params, &result);
+  check(rc == 0 && result != 0 && same(result, expected), action, result ? result : "\n");
+  qx_plugin_delete(result);
 }
 
 static int on_host_callback(const char *kind, const char *name, const char *json,
@@ -68,7 +57,7 @@ static int on_host_callback(const char *kind, const char *name, const char *json
 #ifdef _MSC_VER
 static int report_and_exit(unsigned long code) {
   if (code == 0x20474343ul) { /* what libgcc raises for a C++ throw */
-    say("filter: GCC C++ exception 0x20474343 left qx_plugin_action\n", "");
+    say("filter: GCC C++ exception 0x20474343 left qx_plugin_action\n");
     ExitProcess(3);
   }
   return 0; /* EXCEPTION_CONTINUE_SEARCH */
@@ -77,10 +66,10 @@ static int report_and_exit(unsigned long code) {
 static void throw_through(void) {
   char *result = 0;
   __try {
-    plugin_action(QX_ACTION_SET_ATTENTION_STATUS, "{\"F4010\":{\"status\":\"on\"}}", &result);
+    qx_plugin_action(QX_ACTION_SET_ATTENTION_STATUS, "{\"F4010\":{\"status\":\"on\"}}", &result);
   } __except (report_and_exit(_exception_code())) {
   }
-  say("FAIL no exception left qx_plugin_action\n", "");
+  say("FAIL no exception left qx_plugin_action\n");
   ExitProcess(1);
 }
 #endif
@@ -89,36 +78,23 @@ static int run(void) {
   const char *line = GetCommandLineA();
   char path[260];
   void *block;
-  void *module = LoadLibraryA(QX_PLUGIN_DLL_NAME); /* linked: already loaded, its handle */
-#if defined(_MSC_VER) || defined(QX_HOST_LINKED)
-  plugin_new = qx_plugin_new;
-  plugin_init = qx_plugin_init;
-  plugin_action = qx_plugin_action;
-  plugin_delete = qx_plugin_delete;
-#else
-  /* Through void (*)(void), the generic function pointer type. */
-  plugin_new = (qx_plugin_new_fn)GetProcAddress(module, "qx_plugin_new");
-  plugin_init = (qx_plugin_init_fn)GetProcAddress(module, "qx_plugin_init");
-  plugin_action = (qx_plugin_action_fn)GetProcAddress(module, "qx_plugin_action");
-  plugin_delete = (qx_plugin_delete_fn)GetProcAddress(module, "qx_plugin_delete");
-#endif
-  if (!plugin_new || !plugin_init || !plugin_action || !plugin_delete ||
-      !GetModuleFileNameA(module, path, 260))
-    return say("FAIL the plug-in or an export is missing\n", ""), 1;
-  say("plug-in ", path);
-  say("\n", "");
-  check(plugin_init(0, on_host_callback) == 0, "qx_plugin_init", "\n");
+  void *module = LoadLibraryA(QX_PLUGIN_DLL_NAME); /* already loaded: its handle */
+  if (!GetModuleFileNameA(module, path, 260)) return say("FAIL no plug-in loaded\n"), 1;
+  say("plug-in ");
+  say(path);
+  say("\n");
+  check(qx_plugin_init(0, on_host_callback) == 0, "qx_plugin_init", "\n");
 #ifdef _MSC_VER
   if (length(line) > 6 && same(line + length(line) - 6, " throw")) throw_through();
 #endif
   (void)line;
-  block = plugin_new(16);
+  block = qx_plugin_new(16);
   check(block != 0, "qx_plugin_new(16)", "\n");
-  plugin_delete(block);
-  plugin_delete(0);
+  qx_plugin_delete(block);
+  qx_plugin_delete(0);
   expect(QX_ACTION_GET_ATTENTION, 0, "{\"cmd\":\"get_attention\",\"delay\":-1,\"status\":-1}\n");
   expect(QX_ACTION_SET_ATTENTION_STATUS, "{\"F4010\":{\"status\":3}}", "{\"error_code\":1}\n");
-  say(failures == 0 ? "host: all checks passed\n" : "host: FAILED\n", "");
+  say(failures == 0 ? "host: all checks passed\n" : "host: FAILED\n");
   return failures != 0;
 }
 

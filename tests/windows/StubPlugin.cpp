@@ -1,7 +1,4 @@
-// A plug-in that does nothing: the four exports, an empty answer to every
-// action. qxhost's command-line cases run it, so that what they check (the
-// harness's arguments, exit codes and lifecycle warnings) needs no service
-// and changes nothing in the Wine prefix.
+// The four exports, every action answered with empty text: qxhost's cases.
 #include <cstddef>
 
 extern "C" {
