@@ -35,7 +35,9 @@ touch -d '2026-11-20 12:00' QXAttentionPlugin.log SensorLibLog.log
   jq -s -c 'group_by([.verdict.state, .verdict.reason, .verdict.code])
            | map({state: .[0].verdict.state, reason: .[0].verdict.reason,
                   code: .[0].verdict.code, machines: length})' logs/*/summary.json
-  jq -c '[.sessions[] | [.state, .reason, .code]]' logs/b/summary.json
+  # Each session's chain of causes (keys), its failures' codes, its sensor lines.
+  jq -c '.sessions[] | [.state, .code, (.causes | map(.key)), (.failures | map(.code)), .sensor_lines]' \
+    logs/b/summary.json
 
   echo "== lnav: formats"
   export HOME=$work/home
