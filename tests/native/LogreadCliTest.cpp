@@ -1,6 +1,6 @@
 // The logread tool run from the shell, as a support engineer runs it: the cases
 // of data/cases.txt and the follow scenarios of data/follow.txt, on files made
-// here (the frames from their definition, not by the logger's encoder).
+// here (the frames from their definition, checked against the logger's encoder).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <signal.h>
