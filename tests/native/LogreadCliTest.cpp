@@ -1,6 +1,6 @@
 // The logread tool run from the shell, as a support engineer runs it: the cases
 // of data/cases.txt and the follow scenarios of data/follow.txt, on files made
-// here (the frames from their definition, not by the logger's encoder).
+// here (the frames from their definition, checked against the logger's encoder).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <signal.h>
@@ -34,6 +34,7 @@ void Write(const fs::path& path, const std::string& bytes, bool append = false) 
 // A data file's bytes; "F*N": F's bytes N times over.
 std::string Data(const std::string& name) {
   const std::size_t star = name.find('*');
+  EXPECT_TRUE(fs::is_regular_file(kData / name.substr(0, star))) << "no data file " << name;
   std::string out;
   for (int n = star == std::string::npos ? 1 : std::stoi(name.substr(star + 1)); n > 0; --n)
     out += Read(kData / name.substr(0, star));
@@ -105,6 +106,19 @@ struct Tool {
   int code;
 };
 
+// Calls `row` with the columns ('|' between them) of each line of data file
+// `name` but blank and '#' lines, until a fatal failure.
+template <class Row>
+void ForEachRow(const std::string& name, Row row) {
+  std::istringstream in(Data(name));
+  std::string line;
+  for (int number = 1; std::getline(in, line) && !testing::Test::HasFatalFailure(); ++number) {
+    if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
+    SCOPED_TRACE(name + ":" + std::to_string(number) + ": " + line);
+    row(Split(line, '|'));
+  }
+}
+
 // The bytes an input of cases.txt stands for ("frames:F+hex:G").
 std::string Input(const std::string& entry) {
   std::string out;
@@ -112,6 +126,8 @@ std::string Input(const std::string& entry) {
     const std::string kind = part.substr(0, part.find(':')), arg = part.substr(part.find(':') + 1);
     if (kind == "raw" || kind == "hex" || kind == "bytes")
       out += kind == "raw" ? Data(arg) : Hex(kind == "hex" ? Data(arg) : arg);
+    else if (kind != "frames" && part != "empty")
+      ADD_FAILURE() << "no such input: " << part;
     std::istringstream lines(kind == "frames" ? Data(arg) : "");
     std::vector<std::string> records;  // an empty line is a line feed of the record before
     for (std::string line; std::getline(lines, line);)
@@ -126,31 +142,27 @@ std::string Input(const std::string& entry) {
 
 // Every case of cases.txt (its head tells the columns).
 TEST(LogreadCli, CasesOfTheTable) {
-  std::ifstream in(kData / "cases.txt");
-  std::string line;
-  for (int number = 1; std::getline(in, line); ++number) {
-    if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
-    const auto c = Split(line, '|');  // name, files, options, exit, stdout, stderr
-    SCOPED_TRACE("cases.txt:" + std::to_string(number) + ": " + c[0]);
-    ASSERT_EQ(6u, c.size());
+  ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
+    ASSERT_EQ(6u, c.size());  // name, files, options, exit, stdout, stderr
     Scratch dir;
     std::string args = c[2], input;  // inputs named input0.logdat ... in the tool's folder
-    for (std::size_t i = 0; i < Split(c[1], ';').size(); ++i) {
-      const std::string entry = Split(c[1], ';')[i], name = "input" + std::to_string(i) + ".logdat";
-      const bool stdin = entry.rfind("stdin=", 0) == 0;
+    const auto files = Split(c[1], ';');
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      const std::string name = "input" + std::to_string(i) + ".logdat";
+      const bool stdin = files[i].rfind("stdin=", 0) == 0;
       args += (stdin ? " - <" : " ") + name;
-      if (entry != "missing")
-        Write(dir.path / name, input = Input(stdin ? entry.substr(6) : entry));
+      if (files[i] != "missing")
+        Write(dir.path / name, input = Input(stdin ? files[i].substr(6) : files[i]));
     }
-    std::string expected = c[4] == "=input" ? input : "";
-    for (const auto& name : Split(c[4], '+'))
-      expected += c[4] == "-" || c[4] == "=input" ? "" : Data(name);
     const Tool tool(dir.path, args);
     const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
     EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << err;
+    std::string expected = c[4] == "=input" ? input : "";
+    for (const auto& name : Split(c[4], '+'))
+      expected += c[4] == "-" || c[4] == "=input" ? "" : Data(name);
     EXPECT_TRUE(out == expected) << "stdout differs:\n" << out;
     EXPECT_TRUE(c[5].empty() ? err.empty() : err.find(c[5]) != std::string::npos) << err;
-  }
+  });
 }
 
 // The bytes of a step of follow.txt: KIND "frame", "plain" or "hex" of TEXT,
@@ -184,20 +196,15 @@ bool ReadAgain(int watch, const std::string& name) {
   return true;
 }
 
-// The steps of follow.txt (its head tells them); each scenario is run step by step.
+// The steps of follow.txt (its head tells them), one after the other.
 const char kSteps[] = " scenario start write append remove rename read out err stdout stderr ";
 TEST(LogreadFollow, ScenariosOfTheScript) {
-  std::ifstream in(kData / "follow.txt");
   std::unique_ptr<Scratch> dir;
   std::unique_ptr<Tool> tool;  // declared last, so that it stops before its folder goes
   int watch = -1;              // the opens and closes in the folder
-  std::string line;
-  for (int number = 1; std::getline(in, line); ++number) {
-    if (line.find_first_not_of(" \t") == std::string::npos || line[0] == '#') continue;
-    SCOPED_TRACE("follow.txt:" + std::to_string(number) + ": " + line);
-    const std::vector<std::string> c = Split(line, '|');  // step, then FILE, KIND or NEW, TEXT
+  ForEachRow("follow.txt", [&](const std::vector<std::string>& c) {
     ASSERT_NE(std::string::npos, std::string(kSteps).find(" " + c[0] + " ")) << "no such step";
-    std::string text = c.back();
+    std::string text = c.back();  // after the step: FILE, KIND or NEW, TEXT
     for (std::size_t at; (at = text.find("\\n")) != std::string::npos;) text.replace(at, 2, "\n");
     if (c[0] == "scenario") {
       tool.reset(), dir = std::make_unique<Scratch>(), close(watch);
@@ -213,12 +220,15 @@ TEST(LogreadFollow, ScenariosOfTheScript) {
       ASSERT_TRUE(ReadAgain(watch, text)) << "logread did not read it again";
     }
     // The checks: out and err wait for TEXT, stdout and stderr compare all of it.
-    const bool wait = c[0] == "out" || c[0] == "err", whole = c[0] == "stdout" || c[0] == "stderr";
-    ASSERT_TRUE(!wait || tool->Holds(c[0], text)) << c[0] << ":\n" << Read(dir->path / c[0]);
-    if (whole) {
+    if (c[0] == "out" || c[0] == "err") {
+      ASSERT_FALSE(text.empty()) << "nothing to wait for";
+      ASSERT_TRUE(tool->Holds(c[0], text)) << c[0] << ":\n" << Read(dir->path / c[0]);
+    }
+    if (c[0] == "stdout" || c[0] == "stderr") {
       EXPECT_EQ(text, Read(dir->path / c[0].substr(3)));
     }
-  }
+  });
+  tool.reset();
   close(watch);
 }
 

@@ -13,28 +13,15 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-# The plug-in's sample as a .logdat file: each line one frame, an empty line
-# one more line feed of the record before it (python3 is a build dependency).
-python3 - "$data/session-plugin.txt" <<'PY' > QXAttentionPlugin.log.logdat
-import struct, sys
-records = []
-for line in open(sys.argv[1], encoding="utf-8").read().split("\n")[:-1]:
-    if line == "" and records:
-        records[-1] += "\n"
-    else:
-        records.append(line + "\n")
-for record in records:
-    text = record.encode()
-    sys.stdout.buffer.write(struct.pack("<I", len(text)) + bytes(255 - b for b in text))
-PY
+# The two sample logs under the names they have on a machine, dated: the
+# records' year follows from the modification time.
+cp "$data/session-plugin.txt" QXAttentionPlugin.log
 cp "$data/session-sensor.log" SensorLibLog.log
-# The year of the records follows from the files' modification time.
-touch -d '2026-11-20 12:00' QXAttentionPlugin.log.logdat SensorLibLog.log
-"$logread" QXAttentionPlugin.log.logdat > QXAttentionPlugin.log
+touch -d '2026-11-20 12:00' QXAttentionPlugin.log SensorLibLog.log
 
 {
   echo "== jq: records, warnings and errors, the resp record's message"
-  "$logread" --json QXAttentionPlugin.log.logdat SensorLibLog.log > records.jsonl
+  "$logread" --json QXAttentionPlugin.log SensorLibLog.log > records.jsonl
   jq -s 'length' records.jsonl
   jq -c 'select(.level == "WAR" or .level == "ERR") | [.file, .time, .level, .thread, .source, .line, .message]' records.jsonl
   jq -c 'select(.line == 341 and (.message | contains("cmd"))) | .message' records.jsonl
@@ -42,13 +29,15 @@ touch -d '2026-11-20 12:00' QXAttentionPlugin.log.logdat SensorLibLog.log
 
   echo "== jq: summary, and the fleet query of docs/logread.md over two machines"
   mkdir -p logs/a logs/b
-  "$logread" --summary --json QXAttentionPlugin.log.logdat SensorLibLog.log > logs/a/summary.json
+  "$logread" --summary --json QXAttentionPlugin.log SensorLibLog.log > logs/a/summary.json
   "$logread" --summary --json "$data/causes-plugin.txt" "$data/causes-sensor.log" > logs/b/summary.json
   jq -c '[.verdict.session, (.sessions | length), .sessions[0].inits[0].took_ms, .sessions[0].closes, (.sessions[-1].failures | map(.code))]' logs/a/summary.json
   jq -s -c 'group_by([.verdict.state, .verdict.reason, .verdict.code])
            | map({state: .[0].verdict.state, reason: .[0].verdict.reason,
                   code: .[0].verdict.code, machines: length})' logs/*/summary.json
-  jq -c '[.sessions[] | [.state, .reason, .code]]' logs/b/summary.json
+  # Each session's chain of causes (keys), its failures' codes, its sensor lines.
+  jq -c '.sessions[] | [.state, .code, (.causes | map(.key)), (.failures | map(.code)), .sensor_lines]' \
+    logs/b/summary.json
 
   echo "== lnav: formats"
   export HOME=$work/home
