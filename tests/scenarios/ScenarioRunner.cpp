@@ -268,7 +268,7 @@ std::vector<Tokens> SensorLogSince(const Session& s, std::size_t mark,
 
 std::vector<Tokens> PipeSince(const Session& s) {
   std::vector<Tokens> out;
-  const auto requests = s.peer ? s.peer->Get(&wire::Peer::requests) : wire::Peer::Seen();
+  const auto requests = s.peer ? s.peer->Get(s.peer->requests) : wire::Peer::Seen();
   for (std::size_t i = s.pipeMark; i < requests.size(); ++i) {
     const std::size_t colon = requests[i].find(": ");
     out.push_back({"pipe", requests[i].substr(0, colon), Quote(requests[i].substr(colon + 2))});
@@ -463,7 +463,7 @@ void Mark(Session& s) {
   s.stdoutMark = ReadFileBytes(s.stdoutPath).size();
   s.callbackMark = CallbackCount();
   s.sensorMark = ReadFileBytes(SensorLog()).size();
-  s.pipeMark = s.peer ? s.peer->Get(&wire::Peer::requests).size() : 0;
+  s.pipeMark = s.peer ? s.peer->Get(s.peer->requests).size() : 0;
 }
 
 // The lists of lines (log, sensorlog, rpc, pipe, callback, stdout) the step's
@@ -586,8 +586,8 @@ void Judge(Session& s, const Step& step, const Tokens& result, DWORD elapsedMs, 
 // authentication).
 void JudgePeer(Session& s) {
   s.peer->Stop();
-  for (const std::string& e : s.peer->Get(&wire::Peer::errors)) s.Fail(0, "wire peer: " + e);
-  const auto binds = s.peer->Get(&wire::Peer::binds);
+  for (const std::string& e : s.peer->Get(s.peer->errors)) s.Fail(0, "wire peer: " + e);
+  const auto binds = s.peer->Get(s.peer->binds);
   if (binds.empty()) s.Fail(0, "no bind reached the wire peer");
   const std::string expected = kBind + (s.auth.empty() ? "" : " auth " + s.auth);
   for (const std::string& bind : binds)

@@ -44,9 +44,9 @@ class Peer {
   // credentials' first 12 bytes) when authenticated; requests: "OPNUM: STUB";
   // errors: protocol faults seen.
   using Seen = std::vector<std::string>;
-  Seen Get(Seen Peer::*list) {
+  Seen Get(const Seen& list) {  // one of the three below
     std::lock_guard<std::mutex> hold(mutex_);
-    return this->*list;
+    return list;
   }
   Seen binds, requests, errors;
 
