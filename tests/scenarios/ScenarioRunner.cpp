@@ -668,12 +668,17 @@ class ScenarioCase : public testing::Test {
     for (int i = 0; i < sessions_ && !HasFailure(); ++i) {
       const std::wstring n = std::to_wstring(i), out = dir + L"\\stdout" + n,
                          report = dir + L"\\report" + n;
-      const int code = WaitChild(
-          StartSelf(L"session", {Widen(file_), Widen(name_), n, out}, out, report), 300000);
+      const HANDLE child = StartSelf(L"session", {Widen(file_), Widen(name_), n, out}, out, report);
+      if (!child) {
+        ADD_FAILURE() << "session " << i + 1 << ": its process did not start (error "
+                      << GetLastError() << ")";
+        break;
+      }
+      const int code = WaitChild(child, 300000);
       const std::string text = ReadFileBytes(report);
       if (code != 0 || text.find("session passed") == std::string::npos)
-        ADD_FAILURE() << "session " << i + 1 << " of " << sessions_
-                      << (code == -1 ? " (killed after 300 s)" : "") << ":\n"
+        ADD_FAILURE() << "session " << i + 1 << " of " << sessions_ << " (exit code " << code
+                      << (code == -1 ? ", or killed after 300 s" : "") << "):\n"
                       << text;
     }
     Reset();
