@@ -289,8 +289,8 @@ std::vector<Tokens> SimCalls() {
     for (std::uint32_t i = 0; i < c.dataLen && i < kFusionSimMaxBytes; ++i)
       std::sprintf(hex + 2 * i, "%02x", c.data[i]);
     if (*hex) t.push_back(hex);
-    std::sprintf(hex, "0x%x", static_cast<unsigned>(c.result));
-    if (!c.answered || c.result) t.insert(t.end(), {"->", c.answered ? hex : "pending"});
+    if (!c.answered || c.result)
+      t.insert(t.end(), {"->", c.answered ? Hex(static_cast<std::uint32_t>(c.result)) : "pending"});
     out.push_back(t);
   }
   return out;
