@@ -47,14 +47,11 @@ std::string Frame(const std::string& text) {
   for (char c : text) out += static_cast<char>(255 - static_cast<unsigned char>(c));
   return out;
 }
-// The bytes written in hex in `text`; '#' starts a comment up to the line's end.
+// The bytes written in hex in `text`.
 std::string Hex(const std::string& text) {
   std::string out;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line.substr(0, line.find('#')));
-    for (std::string word; words >> word;) out += static_cast<char>(std::stoi(word, nullptr, 16));
-  }
+  std::istringstream words(text);
+  for (std::string word; words >> word;) out += static_cast<char>(std::stoi(word, nullptr, 16));
   return out;
 }
 std::vector<std::string> Split(const std::string& text, char separator) {
