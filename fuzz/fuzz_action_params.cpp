@@ -1,11 +1,9 @@
 // libFuzzer target: the parameters of the two "set_" actions and the action
 // names. The input is the parameter text the host hands over (an embedded
-// zero ends it, as at the boundary). For "status" and "delay" it goes through
-// what the action does (read the document, check "F4010", convert the member,
-// check the range, build the response) under the sanitizers. A member jsoncpp
-// cannot convert to an integer raises Json::LogicError, which the plug-in lets
-// go to the host on purpose; no other exception may escape. The readings of
-// particular documents are judged by the boundary scenarios.
+// zero ends it, as at the boundary). A member jsoncpp cannot convert to an
+// integer raises Json::LogicError, which the plug-in lets go to the host on
+// purpose; no other exception may escape. What particular documents read as
+// is judged by the boundary scenarios.
 #include <json/json.h>
 
 #include <cstdint>
@@ -20,9 +18,7 @@ namespace {
 
 constexpr int kPoison = static_cast<int>(0xDEADBEEFu);
 
-// One "set_" action over `params`: a read that fails or throws leaves the
-// value untouched; the range check takes exactly [low, high]; the response
-// document holds the values it was built from.
+// One "set_" action over `params`, as the plug-in runs it.
 void RunSetAction(const char* params, const char* member, bool (*in_range)(int), int low,
                   int high) {
   int value = kPoison;
