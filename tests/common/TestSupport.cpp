@@ -9,11 +9,14 @@
 
 namespace testsupport {
 
-std::wstring ExeDir() {
+namespace {
+std::wstring Self() {
   wchar_t self[MAX_PATH] = {};
-  const std::wstring path(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
-  return path.substr(0, path.find_last_of(L"\\/") + 1);
+  return std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH));
 }
+}  // namespace
+
+std::wstring ExeDir() { return Self().substr(0, Self().find_last_of(L"\\/") + 1); }
 
 HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutFile,
                     const std::wstring& stderrFile) {
@@ -45,9 +48,7 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
 
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
                  const std::wstring& stdoutFile, const std::wstring& stderrFile) {
-  wchar_t self[MAX_PATH] = {};
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  std::wstring command = L"\"" + std::wstring(self) + L"\" --role " + role;
+  std::wstring command = L"\"" + Self() + L"\" --role " + role;
   for (const auto& a : args) command += L" \"" + a + L"\"";
   return StartProcess(command, stdoutFile, stderrFile);
 }

@@ -33,7 +33,6 @@ echo "check-deb: installed $(dpkg-query -W -f='${Package} ${Version} (${Depends}
 # then each byte as 255 - b.
 cat > "$work/records.txt" <<'TXT'
 11-22 14:05:07:042 : [INF][04242] AttentionPlugin.cpp(170)  attention plugin init... 
-11-22 14:05:07:043 : [INF][04242] AttentionPlugin.cpp(341) resp: {"cmd":"get_attention","delay":10,"status":2}
 11-22 14:05:07:051 : [WAR][00017] AttentionFuntion.cpp(212) Grüße, 注意
 TXT
 perl -ne 'print pack("V", length($_)), ~$_' "$work/records.txt" > "$work/sample.logdat"

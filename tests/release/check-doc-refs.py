@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """check-doc-refs.py UNPACKED_ARCHIVE: fails when a document of the archive
-(*.md, *.h, *.c) names a file the archive lacks: a path from a folder of the
-archive or the source tree, or a bare name of a kind it ships (NAME, <...>
-and * are wildcards; not Windows's files, nor what a command writes: -o FILE).
+(*.md, *.h, *.c) names a file it lacks: a path from a folder of the archive
+or the source tree, or a bare name of a kind it ships. NAME, <...> and * are
+wildcards; Windows's files and what a command writes (-o FILE) are skipped.
 """
 import fnmatch
 import os
@@ -31,11 +31,10 @@ def pattern(ref):
 
 
 def exists(ref):
-    ref = ref.replace("\\", "/").rstrip(".,;:)")
-    glob = pattern(ref)
-    if ref.endswith("/"):
-        return any(fnmatch.fnmatchcase(f, glob + "*") for f in files)
-    return any(fnmatch.fnmatchcase(f, glob) or fnmatch.fnmatchcase(f, glob + "/*") for f in files)
+    glob = pattern(ref.replace("\\", "/").rstrip(".,;:)"))
+    if glob.endswith("/"):  # a folder
+        glob += "*"
+    return any(fnmatch.fnmatchcase(f, glob) for f in files)
 
 
 docs = [f for f in files if f.endswith((".md", ".h", ".c"))]

@@ -1,8 +1,11 @@
 /*
  * A host against include/qx_plugin.h alone (no Windows headers, no C
  * runtime), linked by check-package.sh through lib/'s GNU import library
- * (gcc) and through QXAttentionPlugin.lib (clang for the MSVC target), where
- * "host throw" shows the GCC exception reaching its filter as 0x20474343.
+ * (gcc) and through QXAttentionPlugin.lib (clang for the MSVC target).
+ * It calls the four exports and prints the answer to status 3. Exit code:
+ * 0 passed, 1 init failed, 2 status 3 not refused with error_code 1. The
+ * MSVC build then sends a string status: 3 when the GCC exception reached
+ * its filter as 0x20474343, 4 when none left qx_plugin_action.
  */
 #include "qx_plugin.h"
 
@@ -10,43 +13,6 @@ __declspec(dllimport) void *__stdcall GetStdHandle(unsigned long which);
 __declspec(dllimport) int __stdcall WriteFile(void *file, const void *data, unsigned long size,
                                               unsigned long *written, void *overlapped);
 __declspec(dllimport) void __stdcall ExitProcess(unsigned int code);
-__declspec(dllimport) const char *__stdcall GetCommandLineA(void);
-__declspec(dllimport) void *__stdcall LoadLibraryA(const char *name);
-__declspec(dllimport) unsigned long __stdcall GetModuleFileNameA(void *module, char *path,
-                                                                 unsigned long size);
-
-static int failures = 0;
-
-static unsigned long length(const char *text) {
-  unsigned long n = 0;
-  while (text[n] != '\0') ++n;
-  return n;
-}
-
-static int same(const char *a, const char *b) {
-  while (*a != '\0' && *a == *b) ++a, ++b;
-  return *a == *b;
-}
-
-static void say(const char *text) {
-  unsigned long written = 0;
-  WriteFile(GetStdHandle((unsigned long)-11), text, length(text), &written, 0);
-}
-
-static void check(int ok, const char *what, const char *detail) {
-  say(ok ? "ok   " : "FAIL ");
-  say(what);
-  say(" ");
-  say(detail);
-  failures += !ok;
-}
-
-static void expect(const char *action, const char *params, const char *expected) {
-  char *result = 0;
-  int rc = qx_plugin_action(action, params, &result);
-  check(rc == 0 && result != 0 && same(result, expected), action, result ? result : "\n");
-  qx_plugin_delete(result);
-}
 
 static int on_host_callback(const char *kind, const char *name, const char *json,
                             qx_uintptr_t reserved, qx_int32_t flags) {
@@ -54,52 +20,37 @@ static int on_host_callback(const char *kind, const char *name, const char *json
   return 0;
 }
 
-#ifdef _MSC_VER
-static int report_and_exit(unsigned long code) {
-  if (code == 0x20474343ul) { /* what libgcc raises for a C++ throw */
-    say("filter: GCC C++ exception 0x20474343 left qx_plugin_action\n");
-    ExitProcess(3);
-  }
-  return 0; /* EXCEPTION_CONTINUE_SEARCH */
+static int run(void) {
+  static const char expected[] = "{\"error_code\":1}\n";
+  const char *status_3 = "{\"F4010\":{\"status\":3}}";
+  char *result = 0;
+  unsigned long n = 0, written = 0;
+  int same = 1;
+  if (qx_plugin_init(0, on_host_callback) != 0) return 1;
+  qx_plugin_delete(qx_plugin_new(16));
+  if (qx_plugin_action(QX_ACTION_SET_ATTENTION_STATUS, status_3, &result) != 0 || !result) return 2;
+  for (; result[n] != '\0'; ++n) same = same && result[n] == expected[n];
+  WriteFile(GetStdHandle((unsigned long)-11), result, n, &written, 0);
+  qx_plugin_delete(result);
+  return same && n == sizeof expected - 1 ? 0 : 2;
 }
 
-static void throw_through(void) {
+#ifdef _MSC_VER
+static int filter(unsigned long code) {
+  if (code == 0x20474343ul) ExitProcess(3); /* what libgcc raises for a C++ throw */
+  return 0;                                 /* EXCEPTION_CONTINUE_SEARCH */
+}
+
+void mainCRTStartup(void) {
   char *result = 0;
+  int failed = run();
+  if (failed) ExitProcess(failed);
   __try {
     qx_plugin_action(QX_ACTION_SET_ATTENTION_STATUS, "{\"F4010\":{\"status\":\"on\"}}", &result);
-  } __except (report_and_exit(_exception_code())) {
+  } __except (filter(_exception_code())) {
   }
-  say("FAIL no exception left qx_plugin_action\n");
-  ExitProcess(1);
+  ExitProcess(4);
 }
-#endif
-
-static int run(void) {
-  const char *line = GetCommandLineA();
-  char path[260];
-  void *block;
-  void *module = LoadLibraryA(QX_PLUGIN_DLL_NAME); /* already loaded: its handle */
-  if (!GetModuleFileNameA(module, path, 260)) return say("FAIL no plug-in loaded\n"), 1;
-  say("plug-in ");
-  say(path);
-  say("\n");
-  check(qx_plugin_init(0, on_host_callback) == 0, "qx_plugin_init", "\n");
-#ifdef _MSC_VER
-  if (length(line) > 6 && same(line + length(line) - 6, " throw")) throw_through();
-#endif
-  (void)line;
-  block = qx_plugin_new(16);
-  check(block != 0, "qx_plugin_new(16)", "\n");
-  qx_plugin_delete(block);
-  qx_plugin_delete(0);
-  expect(QX_ACTION_GET_ATTENTION, 0, "{\"cmd\":\"get_attention\",\"delay\":-1,\"status\":-1}\n");
-  expect(QX_ACTION_SET_ATTENTION_STATUS, "{\"F4010\":{\"status\":3}}", "{\"error_code\":1}\n");
-  say(failures == 0 ? "host: all checks passed\n" : "host: FAILED\n");
-  return failures != 0;
-}
-
-#ifdef _MSC_VER
-void mainCRTStartup(void) { ExitProcess(run()); }
 #else
 int main(void) { return run(); }
 #endif

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace wire {
 namespace {
@@ -16,11 +15,9 @@ enum : std::uint8_t {
   kFault = 3,
   kBind = 11,
   kBindAck = 12,
-  kBindNak = 13,
-  kAuth3 = 16
+  kBindNak = 13
 };
-enum : std::uint8_t { kFirstFrag = 0x01, kLastFrag = 0x02, kObjectUuid = 0x80 };
-constexpr std::uint16_t kOurMaxFrag = 4280;
+enum : std::uint8_t { kFirstFrag = 0x01, kLastFrag = 0x02 };
 constexpr char kNdr20[] = "8a885d04-1ceb-11c9-9fe8-08002b104860 v2.0";
 
 std::uint16_t Get16(const Bytes& b, std::size_t at) {
@@ -53,6 +50,14 @@ std::string SyntaxId(const Bytes& b, std::size_t at) {
   return text;
 }
 
+// "06000000 04000000": pairs of digits, blanks ignored.
+Bytes FromHex(const std::string& text) {
+  Bytes out;
+  for (std::size_t i = 0; (i = text.find_first_not_of(' ', i)) != std::string::npos; i += 2)
+    out.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
 HANDLE NewInstance(const std::wstring& path, DWORD first) {
   return CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | first,
                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, PIPE_UNLIMITED_INSTANCES,
@@ -71,13 +76,6 @@ bool Peer::Send(HANDLE pipe, Bytes pdu, std::size_t cutAt) {
   return Io(pipe, false, pdu.data(), static_cast<DWORD>(pdu.size()), &written) && cutAt == SIZE_MAX;
 }
 
-Bytes FromHex(const std::string& text) {
-  Bytes out;  // pairs of digits, blanks between them
-  for (std::size_t i = 0; (i = text.find_first_not_of(' ', i)) != std::string::npos; i += 2)
-    out.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
 std::string ToHex(const Bytes& bytes) {
   std::string out;
   char two[4];
@@ -94,6 +92,7 @@ bool Peer::Start(const std::wstring& name) {
   HANDLE first = NewInstance(path_, FILE_FLAG_FIRST_PIPE_INSTANCE);
   if (first == INVALID_HANDLE_VALUE) return false;
   Spawn([this, first] { Listen(first); });
+  for (int i = 1; i < 4; ++i) Spawn([this] { Listen(NewInstance(path_, 0)); });
   return true;
 }
 
@@ -150,56 +149,31 @@ void Peer::Error(const std::string& text) {
 }
 
 // Four instances wait for clients at once, so that a client that connects
-// again at once (after a reply cut short) finds one however late this thread
-// runs; each client gets a thread, and its instance a successor.
-void Peer::Listen(HANDLE first) {
-  struct Waiting {
-    HANDLE pipe;
-    OVERLAPPED o = {};
-    bool now = false;  // connected before ConnectNamedPipe
-  };
-  std::vector<std::unique_ptr<Waiting>> waiting;  // OVERLAPPED must not move
-  const auto listen = [&](HANDLE pipe) {
-    if (pipe == INVALID_HANDLE_VALUE)
-      return Error("CreateNamedPipe failed: " + std::to_string(GetLastError())), false;
-    auto w = std::make_unique<Waiting>();
-    w->pipe = pipe;
-    w->o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    w->now = ConnectNamedPipe(pipe, &w->o) || GetLastError() == ERROR_PIPE_CONNECTED;
-    if (!w->now && GetLastError() != ERROR_IO_PENDING)
-      return Error("ConnectNamedPipe failed: " + std::to_string(GetLastError())), false;
-    if (w->now) SetEvent(w->o.hEvent);
-    waiting.push_back(std::move(w));
-    return true;
-  };
-  bool ok = listen(first);
-  for (int i = 1; ok && i < 4; ++i) ok = listen(NewInstance(path_, 0));
-  while (ok) {
-    std::vector<HANDLE> events = {stop_};
-    for (const auto& w : waiting) events.push_back(w->o.hEvent);
-    const DWORD got =
-        WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE) -
-        WAIT_OBJECT_0;
-    if (got == 0 || got >= events.size()) break;  // stopped
-    const std::unique_ptr<Waiting> w = std::move(waiting[got - 1]);
-    waiting.erase(waiting.begin() + (got - 1));
-    DWORD ignored = 0;
-    CloseHandle(w->o.hEvent);
-    if (w->now || GetOverlappedResult(w->pipe, &w->o, &ignored, FALSE)) {
-      const HANDLE pipe = w->pipe;
-      Spawn([this, pipe] { Serve(pipe); });
-    } else {
-      Error("ConnectNamedPipe failed: " + std::to_string(GetLastError()));
-      CloseHandle(w->pipe);
-    }
-    ok = listen(NewInstance(path_, 0));
+// again at once (after a reply cut short) finds one however late a thread
+// runs. Each waits on a thread of its own, which starts a successor as a
+// client connects, then serves that client.
+void Peer::Listen(HANDLE pipe) {
+  if (pipe == INVALID_HANDLE_VALUE)
+    return Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
+  OVERLAPPED o = {};
+  o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  DWORD ignored = 0;
+  // ERROR_PIPE_CONNECTED: the client came before ConnectNamedPipe.
+  bool connected = ConnectNamedPipe(pipe, &o) || GetLastError() == ERROR_PIPE_CONNECTED;
+  if (!connected && GetLastError() == ERROR_IO_PENDING) {
+    const HANDLE both[] = {o.hEvent, stop_};
+    if (WaitForMultipleObjects(2, both, FALSE, INFINITE) != WAIT_OBJECT_0) CancelIo(pipe);
+    connected = GetOverlappedResult(pipe, &o, &ignored, TRUE);
   }
-  for (const auto& w : waiting) {
-    DWORD ignored = 0;
-    if (!w->now) CancelIo(w->pipe), GetOverlappedResult(w->pipe, &w->o, &ignored, TRUE);
-    CloseHandle(w->o.hEvent);
-    CloseHandle(w->pipe);
+  const DWORD error = GetLastError();
+  CloseHandle(o.hEvent);
+  if (connected) {
+    Spawn([this] { Listen(NewInstance(path_, 0)); });
+    return Serve(pipe);
   }
+  if (WaitForSingleObject(stop_, 0) != WAIT_OBJECT_0)
+    Error("ConnectNamedPipe failed: " + std::to_string(error));
+  CloseHandle(pipe);
 }
 
 // Reads bytes as they come (a PDU may span reads, or a read hold several) and
@@ -227,15 +201,13 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   const std::uint16_t authLength = Get16(pdu, 10);
   const std::uint32_t callId = Get32(pdu, 12);
   if (pdu[0] != 5 || pdu[1] != 0 || pdu[4] != 0x10) return Error("header " + ToHex(pdu)), false;
-  // The auth_verifier, when there is one: 8 bytes of sec_trailer (auth_type,
-  // auth_level, auth_pad_length, reserved, context id) and the credentials;
-  // the pad before it belongs to the body.
-  std::size_t end = pdu.size();
-  if (authLength && end < 16u + 8u + authLength)
-    return Error("auth_length " + std::to_string(authLength)), false;
-  if (authLength)
-    end -= authLength + 8 + std::min<std::size_t>(pdu[end - authLength - 6], end - authLength - 8);
-  const std::uint8_t* trailer = authLength ? &pdu[pdu.size() - authLength - 8] : nullptr;
+  // The auth_verifier, when there is one (on a bind, which is refused): 8
+  // bytes of sec_trailer (auth_type, auth_level, auth_pad_length, reserved,
+  // context id), then the credentials.
+  const std::size_t verifier = authLength ? 8u + authLength : 0;
+  if (pdu.size() < 16 + verifier) return Error("auth_length " + std::to_string(authLength)), false;
+  const std::size_t end = pdu.size() - verifier;
+  const std::uint8_t* trailer = authLength ? &pdu[end] : nullptr;
 
   if (ptype == kBind) {
     // max_xmit_frag, max_recv_frag, assoc_group_id, then p_cont_list_t: per
@@ -259,8 +231,7 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
       // p_result_t: acceptance with the transfer syntax, or a provider
       // rejection (2, reason 2: transfer syntaxes not supported).
       Put32(results, ndr20 ? 0 : 0x00020002);
-      Bytes syntax(20);
-      if (ndr20) syntax.assign(pdu.begin() + ndr20, pdu.begin() + ndr20 + 20);
+      const Bytes syntax = ndr20 ? Bytes(&pdu[ndr20], &pdu[ndr20] + 20) : Bytes(20);
       results.insert(results.end(), syntax.begin(), syntax.end());
     }
     if (trailer) {
@@ -274,8 +245,10 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
     // type not recognised), protocol versions supported: 5.0.
     if (trailer) return Send(pipe, Header(kBindNak, callId, {8, 0, 1, 5, 0}));
     Bytes ack = Header(kBindAck, callId);
-    Put32(ack, std::min(Get16(pdu, 18), kOurMaxFrag), 2);
-    Put32(ack, std::min(Get16(pdu, 16), kOurMaxFrag), 2);
+    // The client's fragment sizes, its receive size as ours to send: the
+    // PDUs here are small.
+    Put32(ack, Get16(pdu, 18), 2);
+    Put32(ack, Get16(pdu, 16), 2);
     Put32(ack, Get32(pdu, 20) ? Get32(pdu, 20) : nextGroup_++);
     // sec_addr: the port the client reached, with its NUL; padding to 4; the results.
     const std::string port("\\PIPE\\Vantoq.SensorFusion.EndPoint_edc08f", 42);
@@ -288,16 +261,15 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   }
 
   if (ptype == kRequest) {
-    // alloc_hint, p_cont_id, opnum, [object UUID], stub data: in one
-    // fragment, as these requests are small.
-    const std::size_t at = 24 + ((flags & kObjectUuid) ? 16 : 0);
-    if (end < at || (flags & (kFirstFrag | kLastFrag)) != (kFirstFrag | kLastFrag))
+    // alloc_hint, p_cont_id, opnum, stub data: in one fragment, as these
+    // requests are small, and with no object UUID (no other flag).
+    if (end < 24 || flags != (kFirstFrag | kLastFrag))
       return Error("short or fragmented request " + ToHex(pdu)), false;
     std::string reply = "fault 1c010002";  // nca_s_op_rng_error
     {
       std::lock_guard<std::mutex> hold(mutex_);
       requests.push_back(std::to_string(Get16(pdu, 22)) + ": " +
-                         ToHex(Bytes(pdu.begin() + at, pdu.begin() + end)));
+                         ToHex(Bytes(pdu.begin() + 24, pdu.begin() + end)));
       if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
     }
     // alloc_hint, p_cont_id, cancel_count, reserved; then the stub data, or
@@ -313,7 +285,7 @@ bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
     out.insert(out.end(), data.begin(), data.end());
     return Send(pipe, out, cutAt);
   }
-  if (ptype != kAuth3) Error("unexpected PDU type " + std::to_string(ptype));
+  Error("unexpected PDU type " + std::to_string(ptype));
   return true;
 }
 

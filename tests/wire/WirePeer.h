@@ -19,8 +19,7 @@
 namespace wire {
 
 using Bytes = std::vector<std::uint8_t>;
-Bytes FromHex(const std::string& text);  // "06000000 04000000": blanks ignored
-std::string ToHex(const Bytes& bytes);   // a blank after every 4 bytes
+std::string ToHex(const Bytes& bytes);  // a blank after every 4 bytes
 
 class Peer {
  public:
