@@ -1,12 +1,8 @@
 // `scenario_runner FILE.scn`: each scenario of the file is a GoogleTest case,
 // which puts the machine into its known state (README.md) and runs each "host"
-// session as a new process of this program (`--role session FILE NAME N STDOUT`),
-// a fresh host process for the plug-in and the fusion client. A session loads
-// the DLL (or calls the client linked in here), plays the simulator or the raw
-// wire peer (tests/wire), runs the steps, compares after each step what
-// happened with the expectations below it, and reports the differences on
-// standard error. On every run it also judges the sensor library log's
-// stamps, its exception lines and, with the peer, every bind.
+// session as a new process of this program (`--role session FILE NAME N STDOUT`).
+// A session runs the steps, compares after each what happened with the
+// expectations below it, and reports the differences on standard error.
 #include <gtest/gtest.h>
 #include <shlobj.h>
 #include <windows.h>
