@@ -28,9 +28,7 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
       *text += c;
       continue;
     }
-    static const std::string kEscapes = "n\nt\tr\r";  // "\n" is a line feed, ...
-    const std::size_t escape = kEscapes.find(c = line[++at]);
-    if (c == 'x') {
+    if ((c = line[++at]) == 'x') {
       *text += static_cast<char>(std::strtol(line.substr(at + 1, 2).c_str(), nullptr, 16));
       at += 2;
     } else if (c == '*') {  // "\*5000[": 5000 times "["
@@ -39,7 +37,7 @@ bool ReadText(const std::string& line, std::size_t& at, std::string* text) {
       at = static_cast<std::size_t>(end - line.c_str());
       if (at < line.size()) text->append(static_cast<std::size_t>(count), line[at]);
     } else {
-      *text += escape != std::string::npos && escape % 2 == 0 ? kEscapes[escape + 1] : c;
+      *text += c == 'n' ? '\n' : c;  // "\\" is "\", "\`" is "`"
     }
   }
   return false;

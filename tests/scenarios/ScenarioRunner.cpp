@@ -1,12 +1,8 @@
 // `scenario_runner FILE.scn`: each scenario of the file is a GoogleTest case,
 // which puts the machine into its known state (README.md) and runs each "host"
-// session as a new process of this program (`--role session FILE NAME N STDOUT`),
-// a fresh host process for the plug-in and the fusion client. A session loads
-// the DLL (or calls the client linked in here), plays the simulator or the raw
-// wire peer (tests/wire), runs the steps, compares after each step what
-// happened with the expectations below it, and reports the differences on
-// standard error. On every run it also judges the sensor library log's
-// stamps, its exception lines and, with the peer, every bind.
+// session as a new process of this program (`--role session FILE NAME N STDOUT`).
+// A session runs the steps, compares after each what happened with the
+// expectations below it, and reports the differences on standard error.
 #include <gtest/gtest.h>
 #include <shlobj.h>
 #include <windows.h>
@@ -61,9 +57,10 @@ HKEY Hive(const std::string& name) {
   return name == "HKLM" ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
 }
 long long Number(const std::string& token) { return std::strtoll(token.c_str(), nullptr, 0); }
-int Procedure(const std::string& name) {  // -1: "all"
-  const auto op = std::find(kProcedures, kProcedures + kFusionSimOpnums, name) - kProcedures;
-  return op < kFusionSimOpnums ? static_cast<int>(op) : -1;
+// A procedure's opnum; another word gives one the simulator refuses.
+int Procedure(const std::string& name) {
+  return static_cast<int>(std::find(kProcedures, kProcedures + kFusionSimOpnums, name) -
+                          kProcedures);
 }
 
 DWORD ThreadCount() {
@@ -117,16 +114,6 @@ std::vector<Tokens> CallbacksSince(std::size_t mark) {
 }
 std::size_t CallbackCount() { return CallbacksSince(0).size(); }
 
-// The fusion client's sensor callback ("client register"): the id and the
-// record's first 4 bytes.
-void OnSensorData(void*, std::int32_t id, void* data) {
-  const auto* bytes = static_cast<const std::uint8_t*>(data);
-  std::lock_guard<std::mutex> lock(g_lock);
-  g_callbacks.push_back(
-      {"callback", GetCurrentThreadId() == g_hostThread ? "host-thread" : "event-thread", "sensor",
-       std::to_string(id), bytes ? Quote(wire::ToHex(wire::Bytes(bytes, bytes + 4))) : "null"});
-}
-
 std::string Hex(std::uint32_t v) {
   char text[16];
   return std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(v)), text;
@@ -144,7 +131,6 @@ bool Client(const Tokens& t, Tokens* result) {
   std::int32_t rc = 0;
   if (call == "open-log") return SensorLibLogOpen(), true;
   if (call == "write-log") return SensorLibLogWrite("%s", arg.c_str()), true;
-  if (call == "register") return RegisterSensorDataCallback(OnSensorData, nullptr), true;
   if (call == "bind")
     rc = BindFusionService();
   else if (call == "GetFusionStatus")
@@ -168,8 +154,7 @@ Tokens RunAction(const Tokens& t) {
   char* result = kPoison;
   int rc = 0;
   try {
-    rc = g_plugin.action(name.c_str(), t.size() > 2 && t[2] != "null" ? params.c_str() : nullptr,
-                         &result);
+    rc = g_plugin.action(name.c_str(), t.size() > 2 ? params.c_str() : nullptr, &result);
   } catch (const std::exception& e) {
     return {"result", "throws", Quote(e.what())};
   }
@@ -370,8 +355,8 @@ bool Sim(const Tokens& t) {
   if (what == "unforce") return FusionSimClearForced(Procedure(arg(2)));
   if (what == "reply-delay")
     return FusionSimSetReplyDelay(static_cast<std::uint32_t>(Number(arg(2))));
-  if (what == "hold") return FusionSimHoldReplies(arg(2) == "on");
-  if (what == "event") return FusionSimDropAttentionEvent(arg(2) == "drop");
+  if (what == "hold") return FusionSimHoldReplies(true);
+  if (what == "event" && arg(2) == "back") return FusionSimDropAttentionEvent(false);
   if (what == "wait-calls")
     return FusionSimWaitCalls(static_cast<std::uint32_t>(Number(arg(2))), 10000);
   if (what == "force")  // "once": the simulator lifts it as it answers
