@@ -76,8 +76,8 @@ void FuzzDecoder(std::string_view file, std::mt19937_64& rng) {
   decoder.Reset();  // forgets everything: the same bytes decode the same way again
   Decode(file, all_at_once, decoder);
   // Pieces of 0 to 16 bytes or up to a quarter of the input, as drawn.
-  Decode(
-      file, [&] { return rng() & 1 ? rng() % 17 : rng() % (file.size() / 4 + 1); }, pieces);
+  const auto drawn = [&] { return rng() & 1 ? rng() % 17 : rng() % (file.size() / 4 + 1); };
+  Decode(file, drawn, pieces);
 }
 
 // Five bytes decide, and a decision never changes as more bytes come.
