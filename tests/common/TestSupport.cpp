@@ -16,7 +16,10 @@ std::wstring Self() {
 }
 }  // namespace
 
-std::wstring ExeDir() { return Self().substr(0, Self().find_last_of(L"\\/") + 1); }
+std::wstring ExeDir() {
+  const std::wstring self = Self();
+  return self.substr(0, self.find_last_of(L"\\/") + 1);
+}
 
 HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutFile,
                     const std::wstring& stderrFile) {
