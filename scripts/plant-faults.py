@@ -167,9 +167,12 @@ def run(cmd, cwd, log):
     return proc.returncode, proc.stdout
 
 
+TREES = ("build/win", "build/native")
+
+
 def build(log):
     jobs = os.environ.get("QX_JOBS", str(os.cpu_count() or 1))
-    for tree in ("build/win", "build/native"):
+    for tree in TREES:
         rc, _ = run(["cmake", "--build", tree, "-j", jobs], ROOT, log)
         if rc != 0:
             return False
@@ -179,7 +182,7 @@ def build(log):
 def failures(log):
     """Runs both test suites; returns the failing ctest entries and GoogleTest cases."""
     failed = []
-    for tree in ("build/native", "build/win"):
+    for tree in sorted(TREES, reverse=True):
         _, out = run(["ctest", "--output-on-failure"], ROOT / tree, log)
         entries = re.findall(r"^\s*\d+ - (\S+) \(", out, re.M)
         cases = sorted(set(re.findall(r"^\[  FAILED  \] ([A-Za-z0-9_/]+\.[A-Za-z0-9_/]+)", out, re.M)))
@@ -192,6 +195,8 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--only", help="comma-separated fault numbers (1-based)")
     ap.add_argument("--list", action="store_true", help="list the faults and exit")
+    ap.add_argument("--trees", help="comma-separated build trees to rebuild and test"
+                    " (default: build/win,build/native; build/native alone for logread's faults)")
     ap.add_argument("--markdown", help="write a markdown table of the results to this file")
     ap.add_argument("--log", default=str(ROOT / "build" / "plant-faults.log"),
                     help="where the build and test output goes (default: build/plant-faults.log)")
@@ -201,6 +206,9 @@ def main():
         for n, (what, _) in enumerate(FAULTS, 1):
             print(f"{n:2}. {what}")
         return 0
+    global TREES
+    if args.trees:
+        TREES = tuple(args.trees.split(","))
     chosen = range(1, len(FAULTS) + 1)
     if args.only:
         try:
@@ -212,7 +220,7 @@ def main():
         if bad:
             print(f"plant-faults: no fault {bad[0]} (1..{len(FAULTS)})", file=sys.stderr)
             return 2
-    for tree in ("build/win", "build/native"):
+    for tree in TREES:
         if not (ROOT / tree / "CMakeCache.txt").exists():
             print(f"plant-faults: {tree} is not configured; run scripts/build.sh first", file=sys.stderr)
             return 2
