@@ -1,9 +1,6 @@
-// libFuzzer target: the parameters of the two "set_" actions and the action
-// names. The input is the parameter text the host hands over (an embedded
-// zero ends it, as at the boundary). A member jsoncpp cannot convert to an
-// integer raises Json::LogicError, which the plug-in lets go to the host on
-// purpose; no other exception may escape. What particular documents read as
-// is judged by the boundary scenarios.
+// libFuzzer target: the input as the parameter text of the two "set_" actions
+// (ending at an embedded zero, as at the boundary) and as an action name. Only
+// Json::LogicError, let go to the host on purpose, may escape.
 #include <json/json.h>
 
 #include <cstdint>

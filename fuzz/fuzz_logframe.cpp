@@ -1,11 +1,6 @@
-// libFuzzer target: the ".logdat" frame decoder, the log-form detection and
-// the record splitter and parser. The input is used
-//  1. as the bytes of a log file, decoded whole, again after Reset and in
-//     pieces of sizes drawn from the input: each decoding is judged against
-//     the file's bytes, and its first bytes decide the log's form for good;
-//  2. as plain log text of either form, split into records in drawn pieces:
-//     the records give the input back, and a record that does not parse is
-//     kept whole as its message.
+// libFuzzer target: the input as a ".logdat" file (decoded whole, after Reset
+// and in drawn pieces, each judged against the file's bytes), as the first
+// bytes that decide the log's form, and as plain log text split into records.
 #include <cstdint>
 #include <random>
 #include <string>

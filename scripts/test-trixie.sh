@@ -8,18 +8,11 @@
 #   scripts/test-trixie.sh --run 'COMMAND'   any command in the checkout, in the root
 #   scripts/test-trixie.sh --shell           an interactive shell there
 #
-# Needs root (debootstrap, chroot and bind mounts). The first run makes the
-# root with debootstrap and installs the project's packages in it with
-# scripts/install-deps.sh (a few minutes); later runs reuse it.
-#
-# Inside the root the checkout has the same path as outside, but its build/
-# folder is build/trixie of the checkout: the Debian 13 trees (gcc 14, Wine 10)
-# never mix with the Debian 12 ones. Wine runs only inside the root, with the
-# root's own Wine, /tmp and prefixes; the machine's Wine is not used.
-# Everything mounted is unmounted on exit.
-#
-# Environment: QX_TRIXIE_ROOT (default /var/tmp/qx-trixie),
-#              QX_TRIXIE_MIRROR (default http://deb.debian.org/debian).
+# Needs root. The first run makes the root (debootstrap, then
+# scripts/install-deps.sh in it); later runs reuse it. The checkout keeps its
+# path inside, but its build/ there is build/trixie: the Debian 13 trees (gcc 14,
+# Wine 10) never mix with the Debian 12 ones, and only the root's Wine runs.
+# Environment: QX_TRIXIE_ROOT (default /var/tmp/qx-trixie), QX_TRIXIE_MIRROR.
 set -euo pipefail
 checkout=$(cd "$(dirname "$0")/.." && pwd -P)
 root=${QX_TRIXIE_ROOT:-/var/tmp/qx-trixie}
@@ -123,9 +116,7 @@ case "$mode" in
     ;;
   all) in_root scripts/test.sh || status=$? ;;
   run) in_root "$run_cmd" || status=$? ;;
-  shell) chroot "$root" /usr/bin/env -i HOME=/root TERM="${TERM:-dumb}" LANG=C.UTF-8 \
-           PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-           bash -c "cd '$checkout' && exec bash -i" 8>&- 9>&- || status=$? ;;
+  shell) in_root 'exec bash -i' || status=$? ;;
 esac
 owner=$(stat -c %u:%g "$checkout")
 [ "$owner" = 0:0 ] || chown -R "$owner" "$build"
