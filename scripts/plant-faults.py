@@ -11,6 +11,9 @@ interrupted; the last step rebuilds the unchanged tree.
 
   scripts/plant-faults.py                 all faults (about 3 minutes each)
   scripts/plant-faults.py --only 3,7      some of them
+  scripts/plant-faults.py --only 4 --trees build/win --targets logger_test --tests logger
+                                          one tree, some targets, the ctest entries
+                                          matching a regex
   scripts/plant-faults.py --list          the faults, without running anything
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
@@ -112,6 +115,24 @@ FAULTS = [
      [("attention/AttentionFuntion.cpp",
        "g_attentionWorking = 1;",
        "g_attentionWorking = result == 0;")]),
+    ("the log mutex dropped around the size check, the writer 2 s slow to its hundredth record",
+     [("log/Logger.cpp",
+       "if (m_mutex) WaitForSingleObject(m_mutex, INFINITE);  // abandoned counts as taken\n"
+       "  try {\n    if (m_sizeCheck && ++g_recordCounter % 100 == 0) CheckSize();",
+       "if (m_sizeCheck && ++g_recordCounter % 100 == 0) CheckSize();\n"
+       "  if (m_mutex) WaitForSingleObject(m_mutex, INFINITE);\n  try {"),
+      ("tests/log/logger_test.cpp",
+       "!NoteMutexWaits() || !step(go)) return 3;",
+       "!NoteMutexWaits() || !step(go)) return 3;\n  Sleep(2000);")]),
+    ("the contention test's ctest entry selecting no test (a filter typo)",
+     [("tests/log/CMakeLists.txt", "--gtest_filter=LogContention.*)", "--gtest_filter=LogContentoin.*)")]),
+    ("logread's cases under Wine selecting no test (a filter typo)",
+     [("tests/native/wine-cases.sh", "--gtest_filter=LogreadCli.CasesOfTheTable",
+       "--gtest_filter=LogreadCli.CasesOfTheTabel")]),
+    ("the contention test's writers but the first writing a log of their own",
+     [("tests/log/logger_test.cpp", 'children.push_back(StartSelf(L"writer", args));',
+       'children.push_back(StartSelf(L"writer", w ? std::vector<std::wstring>{args[0] + L"-own",'
+       ' args[1], args[2], args[3], args[4]} : args));')]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
@@ -168,12 +189,14 @@ def run(cmd, cwd, log):
 
 
 TREES = ("build/win", "build/native")
+CTEST = ["ctest", "--output-on-failure"]
+TARGETS = []
 
 
 def build(log):
     jobs = os.environ.get("QX_JOBS", str(os.cpu_count() or 1))
     for tree in TREES:
-        rc, _ = run(["cmake", "--build", tree, "-j", jobs], ROOT, log)
+        rc, _ = run(["cmake", "--build", tree, "-j", jobs] + TARGETS, ROOT, log)
         if rc != 0:
             return False
     return True
@@ -183,7 +206,7 @@ def failures(log):
     """Runs both test suites; returns the failing ctest entries and GoogleTest cases."""
     failed = []
     for tree in sorted(TREES, reverse=True):
-        _, out = run(["ctest", "--output-on-failure"], ROOT / tree, log)
+        _, out = run(CTEST, ROOT / tree, log)
         entries = re.findall(r"^\s*\d+ - (\S+) \(", out, re.M)
         cases = sorted(set(re.findall(r"^\[  FAILED  \] ([A-Za-z0-9_/]+\.[A-Za-z0-9_/]+)", out, re.M)))
         failed += [(tree, e) for e in entries]
@@ -197,6 +220,8 @@ def main():
     ap.add_argument("--list", action="store_true", help="list the faults and exit")
     ap.add_argument("--trees", help="comma-separated build trees to rebuild and test"
                     " (default: build/win,build/native; build/native alone for logread's faults)")
+    ap.add_argument("--targets", help="comma-separated build targets (default: all)")
+    ap.add_argument("--tests", help="run only the ctest entries matching this regex (ctest -R)")
     ap.add_argument("--markdown", help="write a markdown table of the results to this file")
     ap.add_argument("--log", default=str(ROOT / "build" / "plant-faults.log"),
                     help="where the build and test output goes (default: build/plant-faults.log)")
@@ -209,6 +234,10 @@ def main():
     global TREES
     if args.trees:
         TREES = tuple(args.trees.split(","))
+    if args.tests:
+        CTEST.extend(["-R", args.tests])
+    if args.targets:
+        TARGETS.extend(["--target"] + args.targets.split(","))
     chosen = range(1, len(FAULTS) + 1)
     if args.only:
         try:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <shlobj.h>
 
+#include <cstring>
 #include <map>
 #include <regex>
 #include <string>
@@ -74,31 +75,69 @@ TEST(Write, PlainRecordsAndTheLevelFilter) {
   NoConfig();
 }
 
-// A writer (--role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER): BEFORE
-// records, then ready; when told, AFTER more.
-constexpr wchar_t kGo[] = L"qxtest-log-go", kReady[] = L"qxtest-log-ready";
+// A writer (--role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER): BEFORE records,
+// then ready; on "go", AFTER more; then, when the test made "last", ready
+// again and on "last" one record more. Its waits for the log mutex after
+// "go" set "waiting" first.
+constexpr wchar_t kGo[] = L"qxtest-log-go", kLast[] = L"qxtest-log-last",
+                  kWaiting[] = L"qxtest-log-waiting", kReady[] = L"qxtest-log-ready";
+HANDLE g_waiting;
+DWORD(WINAPI* g_wait)(HANDLE, DWORD);
+DWORD WINAPI NoteWait(HANDLE handle, DWORD ms) {
+  if (g_waiting && handle == Log().mutex()) SetEvent(g_waiting);
+  return g_wait(handle, ms);
+}
+
+// Points this program's import of WaitForSingleObject (the logger's too, a
+// static library) at NoteWait.
+bool NoteMutexWaits() {
+  auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
+  const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(
+      base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  auto* import = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(
+      base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+  for (; import->Name; ++import) {
+    auto* name = reinterpret_cast<const IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
+    auto* slot = reinterpret_cast<void**>(base + import->FirstThunk);
+    for (DWORD old; name->u1.AddressOfData; ++name, ++slot)
+      if (!IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal) &&
+          !std::strcmp(
+              reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + name->u1.AddressOfData)->Name,
+              "WaitForSingleObject") &&
+          VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &old)) {
+        g_wait = reinterpret_cast<decltype(g_wait)>(*slot);
+        *slot = reinterpret_cast<void*>(NoteWait);
+        return true;
+      }
+  }
+  return false;
+}
 
 int RoleWriter(char** arg) {
   Log().Setup(nullptr, Widen(arg[0]).c_str(), std::atoi(arg[1]), std::atoi(arg[2]), 1);
   for (int i = std::atoi(arg[3]); i > 0; --i) QX_LOG(LogInfo, 4, L"before");
-  HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, kGo);
+  HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, kGo), last = OpenEventW(SYNCHRONIZE, FALSE, kLast);
   HANDLE ready = OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, kReady);
-  if (!Log().mutex() || !go || !ready || !ReleaseSemaphore(ready, 1, nullptr) ||
-      WaitForSingleObject(go, 30000) != WAIT_OBJECT_0)
-    return 3;
-  for (int i = 0, n = std::atoi(arg[4]); i < n; ++i)
+  g_waiting = OpenEventW(EVENT_MODIFY_STATE, FALSE, kWaiting);
+  const auto step = [ready](HANDLE event) {
+    return ReleaseSemaphore(ready, 1, nullptr) &&
+           WaitForSingleObject(event, 600000) == WAIT_OBJECT_0;
+  };
+  const int n = std::atoi(arg[4]);
+  if (!Log().mutex() || !go || !ready || !NoteMutexWaits() || !step(go)) return 3;
+  for (int i = 0; i < n; ++i)
     QX_LOG(LogInfo, 42, L"writer %lu record %d", GetCurrentProcessId(), i);
+  if (last && !step(last)) return 3;
+  if (last) QX_LOG(LogInfo, 42, L"writer %lu record %d", GetCurrentProcessId(), n);
   return 0;
 }
 
-// Starts `n` writers and waits until they are ready.
-std::vector<HANDLE> Writers(int n, const std::vector<std::wstring>& args) {
-  HANDLE ready = CreateSemaphoreW(nullptr, 0, n, kReady);
+// Starts `n` writers (with `ready` made for them) and waits until they are.
+std::vector<HANDLE> Writers(int n, const std::vector<std::wstring>& args, HANDLE ready) {
   std::vector<HANDLE> children;
   for (int w = 0; w < n; ++w) children.push_back(StartSelf(L"writer", args));
   for (HANDLE child : children)
     EXPECT_TRUE(child && WaitForSingleObject(ready, 30000) == WAIT_OBJECT_0) << "not ready";
-  CloseHandle(ready);
   return children;
 }
 
@@ -128,25 +167,27 @@ TEST(SizeCheck, EveryHundredthRecordAndAtSetup) {
 }
 
 // A writer's hundredth record waits for the log mutex, held here with the
-// file open (no delete sharing), then deletes the full file. A check made
-// outside the mutex fails to delete it within the second held here.
+// file open (no delete sharing) until the writer waits for it, then deletes
+// the full file. A check made outside the mutex came before and failed.
 TEST(SizeCheck, WaitsForTheLogMutex) {
   const std::wstring path = TempDir(L"held") + L"\\held.log";
-  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo);
-  const std::vector<HANDLE> writer = Writers(1, {path, L"100", L"0", L"99", L"1"});
+  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo),
+         ready = CreateSemaphoreW(nullptr, 0, 1, kReady),
+         waiting = CreateEventW(nullptr, TRUE, FALSE, kWaiting);
+  const std::vector<HANDLE> writer = Writers(1, {path, L"100", L"0", L"99", L"1"}, ready);
   HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\VQMLOG_held.log");
   ASSERT_TRUE(mutex && WaitForSingleObject(mutex, 10000) == WAIT_OBJECT_0);
   HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                             nullptr, OPEN_EXISTING, 0, nullptr);
   SetEvent(go);
-  Sleep(1000);
+  EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(waiting, 30000));
   CloseHandle(file);
   ReleaseMutex(mutex);
   EXPECT_EQ(0, WaitChild(writer[0], 30000));
   const std::string text = ReadFileBytes(path);
   EXPECT_EQ(std::string::npos, text.find(") before\n")) << text;
   EXPECT_NE(std::string::npos, text.find(") writer ")) << text;
-  for (HANDLE h : {go, mutex}) CloseHandle(h);
+  for (HANDLE h : {go, ready, waiting, mutex}) CloseHandle(h);
 }
 
 TEST(Setup, SizeLimitAndTheMutex) {
@@ -237,12 +278,17 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   const int writers = EnvInt("QX_LOG_WRITERS", 4), count = EnvInt("QX_LOG_RECORDS", 10000);
   const int maxSize = EnvInt("QX_LOG_MAX_SIZE", 65536);
   const std::wstring path = TempDir(L"log-contention") + L"\\contention.log";
-  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo);
+  HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo),
+         last = CreateEventW(nullptr, TRUE, FALSE, kLast),
+         ready = CreateSemaphoreW(nullptr, 0, writers, kReady);
   const std::vector<HANDLE> children =
-      Writers(writers, {path, std::to_wstring(maxSize), L"1", L"0", std::to_wstring(count)});
+      Writers(writers, {path, std::to_wstring(maxSize), L"1", L"0", std::to_wstring(count)}, ready);
   SetEvent(go);
+  for (int w = 0; w < writers; ++w)
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(ready, 600000)) << "records not written";
+  SetEvent(last);  // each writer's last record comes after every other's records
   for (HANDLE child : children) EXPECT_EQ(0, WaitChild(child, 600000));
-  CloseHandle(go);
+  for (HANDLE h : {go, last, ready}) CloseHandle(h);
 
   const std::string bytes = ReadFileBytes(path + L".logdat");
   logframe::FrameDecoder decoder;
@@ -258,11 +304,12 @@ TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
     ASSERT_TRUE(std::regex_match(r.text, m, shape)) << r.offset << ": " << r.text;
     byWriter[std::stoi(m[1].str())].push_back(std::stoi(m[2].str()));
   }
-  // Since the last deletion: each writer's records gapless to its last.
+  // Since the last deletion: every writer, its records gapless to its last.
+  EXPECT_EQ(static_cast<std::size_t>(writers), byWriter.size());
   for (const auto& [pid, numbers] : byWriter) {
     for (std::size_t i = 1; i < numbers.size(); ++i)
       ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "writer " << pid << " lost records";
-    EXPECT_EQ(count - 1, numbers.back()) << "writer " << pid;
+    EXPECT_EQ(count, numbers.back()) << "writer " << pid;
   }
   // Checked every 100 records of each writer.
   const std::size_t frame = bytes.size() / records.size();
