@@ -10,6 +10,7 @@
 // size limit. Builds for Windows and natively for Linux, where collected logs
 // are usually read.
 #include "Console.h"
+#include "LogFolders.h"
 #include "LogInput.h"
 #include "RecordFilter.h"
 #include "RecordWriter.h"
@@ -95,8 +96,12 @@ constexpr char kFooter[] =
     "\n"
     "Folders and compressed files: a folder given as FILE stands for the logs\n"
     "inside it (at any depth) named QXAttentionPlugin.log.logdat,\n"
-    "QXAttentionPlugin.log or SensorLibLog.log, each also with \".gz\"; a file\n"
-    "compressed with gzip is read as it is decompressed.\n"
+    "QXAttentionPlugin.log, SensorLibLog.log, PROGRAM.log.logdat or PROGRAM.exe.log\n"
+    "(a host that wrote before setting the log up), each also with \".gz\"; a file\n"
+    "compressed with gzip is read as it is decompressed. A subfolder that cannot be\n"
+    "read is reported (exit 1) and the rest is read. A folder of several machines'\n"
+    "folders: the records are merged, each line naming its file (whose path names\n"
+    "the machine's folder); --summary takes one machine's folder.\n"
     "\n"
     "Torn and corrupt files: a frame cut short at the end of a file (the logger was\n"
     "stopped between its two writes, or the file was deleted at its size limit\n"
@@ -147,53 +152,6 @@ struct Options {
   long long lines = -1;
   FilterOptions filters;
 };
-
-std::string Utf8(const fs::path& path) {
-  const std::u8string text = path.u8string();
-  return std::string(text.begin(), text.end());
-}
-
-// The logs that this system writes, as a folder of collected logs holds
-// them (plain or gzip-compressed).
-bool IsLogName(std::string name) {
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name.size() > 3 && name.compare(name.size() - 3, 3, ".gz") == 0) name.resize(name.size() - 3);
-  return name == "qxattentionplugin.log.logdat" || name == "qxattentionplugin.log" ||
-         name == "sensorliblog.log";
-}
-
-// Puts the logs inside each folder given in place of the folder: the
-// plug-in's first, then the sensor library's, each in path order.
-std::string ExpandFolders(std::vector<std::string>& files) {
-  std::vector<std::string> out;
-  for (const std::string& given : files) {
-    std::error_code error;
-    const fs::path folder(std::u8string(given.begin(), given.end()));
-    if (given == "-" || !fs::is_directory(folder, error)) {
-      out.push_back(given);
-      continue;
-    }
-    std::vector<std::string> plugin, sensor;
-    for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
-         it.increment(error)) {
-      const std::string name = Utf8(it->path().filename());
-      if (!it->is_regular_file(error) || !IsLogName(name)) continue;
-      std::string path = Utf8(it->path());
-      (std::tolower(static_cast<unsigned char>(name[0])) == 's' ? sensor : plugin).push_back(path);
-    }
-    if (error) return given + ": cannot read the folder: " + error.message();
-    if (plugin.empty() && sensor.empty())
-      return given +
-             ": no log in this folder (QXAttentionPlugin.log.logdat, "
-             "QXAttentionPlugin.log, SensorLibLog.log, or the same with .gz)";
-    std::sort(plugin.begin(), plugin.end());
-    std::sort(sensor.begin(), sensor.end());
-    out.insert(out.end(), plugin.begin(), plugin.end());
-    out.insert(out.end(), sensor.begin(), sensor.end());
-  }
-  files = std::move(out);
-  return {};
-}
 
 bool ParseForm(const std::string& text, FormatChoice& choice) {
   if (text == "auto")
@@ -336,7 +294,14 @@ int Run(int argc, char** argv) {
   }
 
   std::vector<FormatChoice> forms;
-  std::string error = ExpandFolders(o.files);
+  FoundLogs found;
+  std::string error = FindLogs(o.files, found);
+  if (error.empty()) {
+    // The records of several machines are merged like any files: each line
+    // names its file, whose path names the machine's folder.
+    o.files = found.Files();
+    if (o.files.empty()) error = "no log could be read in the folders given";
+  }
   if (error.empty()) error = FormsOfFiles(o, forms);
   if (error.empty()) error = o.filters.Check();
   if (error.empty() && o.follow) {
@@ -348,8 +313,16 @@ int Run(int argc, char** argv) {
   }
   if (error.empty() && o.summary && o.lines >= 0)
     error = "-n picks records to print; --summary reads them all";
+  if (error.empty() && o.summary && found.machines.size() > 1) {
+    error = "--summary sums up one machine; the folders given hold the logs of " +
+            std::to_string(found.machines.size()) + ":";
+    for (const auto& machine : found.machines)
+      error +=
+          "\n  " + (machine.folder.empty() ? std::string("(the files named)") : machine.folder);
+  }
   if (!error.empty()) return Usage(error);
   SetQuiet(o.quiet);
+  for (const auto& folder : found.unreadable) Error("", folder);
 
   Timeline timeline;
   timeline.SetYear(o.year);
@@ -399,6 +372,7 @@ int Run(int argc, char** argv) {
   }
   if (o.follow) return timeline.Follow(*sink);
   int code = timeline.Merge(*sink);
+  if (!found.unreadable.empty()) code = Worse(code, kExitIo);
   if (summary) {
     if (o.json)
       summary->PrintJson();
