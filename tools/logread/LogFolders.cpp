@@ -22,7 +22,8 @@ std::string Lower(std::string text) {
 }
 
 bool EndsWith(const std::string& text, const std::string& tail) {
-  return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+  return text.size() >= tail.size() &&
+         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 bool IsSensorLog(const std::string& name) { return Lower(name).rfind("sensorliblog.log", 0) == 0; }
@@ -30,8 +31,10 @@ bool IsSensorLog(const std::string& name) { return Lower(name).rfind("sensorlibl
 // The machine's folder of a log in `dir` (relative to the folder given):
 // `dir` less the folders the logger keeps its logs in, from the innermost.
 fs::path MachineFolder(const fs::path& dir) {
-  static const char* const kLayout[][2] = {
-      {"logs", nullptr}, {"quillomatic", "sensorfusion"}, {"vantoq", nullptr}, {"programdata", nullptr}};
+  static const char* const kLayout[][2] = {{"logs", nullptr},
+                                           {"quillomatic", "sensorfusion"},
+                                           {"vantoq", nullptr},
+                                           {"programdata", nullptr}};
   std::vector<fs::path> parts(dir.begin(), dir.end());
   while (!parts.empty() && parts.back().empty()) parts.pop_back();
   for (const auto& names : kLayout) {
@@ -86,7 +89,8 @@ bool IsLogName(std::string name) {
 
 std::vector<std::string> FoundLogs::Files() const {
   std::vector<std::string> out;
-  for (const auto& machine : machines) out.insert(out.end(), machine.files.begin(), machine.files.end());
+  for (const auto& machine : machines)
+    out.insert(out.end(), machine.files.begin(), machine.files.end());
   return out;
 }
 
@@ -124,13 +128,15 @@ std::string FindLogs(const std::vector<std::string>& given, FoundLogs& found) {
       });
       MachineLogs machine;
       machine.folder = Utf8((folder / relative).lexically_normal());
-      if (machine.folder.size() > 1 && (machine.folder.back() == '/' || machine.folder.back() == '\\'))
+      if (machine.folder.size() > 1 &&
+          (machine.folder.back() == '/' || machine.folder.back() == '\\'))
         machine.folder.pop_back();
       for (const fs::path& file : files) machine.files.push_back(Utf8(file));
       found.machines.push_back(std::move(machine));
     }
   }
-  if (!named.files.empty()) found.machines.insert(found.machines.begin() + named_at, std::move(named));
+  if (!named.files.empty())
+    found.machines.insert(found.machines.begin() + named_at, std::move(named));
   return {};
 }
 

@@ -26,6 +26,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #ifdef _WIN32
@@ -151,7 +152,67 @@ struct Options {
   int year = 0;
   long long lines = -1;
   FilterOptions filters;
+  // The values of the options taken once, as given, to be checked by hand.
+  std::vector<std::string> since, until, colours, times, years, counts;
 };
+
+// One value of an option taken once: the last of `values` in `value`; an
+// empty string, or the error of an option given more than once.
+std::string Once(const char* name, const std::vector<std::string>& values, std::string& value) {
+  if (values.size() > 1)
+    return std::string(name) + " is given " + std::to_string(values.size()) +
+           " times; give it once";
+  if (!values.empty()) value = values[0];
+  return {};
+}
+
+// A whole number from `low` to `high` in `text`.
+bool Whole(const std::string& text, long long low, long long high, long long& value) {
+  if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  value = std::stoll(text);
+  return value >= low && value <= high;
+}
+
+// Checks and takes the options given once; an empty string or the error.
+std::string TakeSingles(Options& o) {
+  std::string error, lines, year;
+  for (auto [name, values, value] : {std::tuple{"--since", &o.since, &o.filters.since},
+                                     {"--until", &o.until, &o.filters.until},
+                                     {"--color", &o.colours, &o.colour},
+                                     {"--time", &o.times, &o.time},
+                                     {"--year", &o.years, &year},
+                                     {"-n", &o.counts, &lines}})
+    if (error = Once(name, *values, *value); !error.empty()) return error;
+  if (o.colour != "auto" && o.colour != "always" && o.colour != "never")
+    return "--color takes auto, always or never, not \"" + o.colour + "\"";
+  if (o.time != "record" && o.time != "iso")
+    return "--time takes record or iso, not \"" + o.time + "\"";
+  long long n = 0;
+  if (!year.empty()) {
+    if (!Whole(year, 1970, 9999, n))
+      return "--year takes a year from 1970 to 9999, not \"" + year + "\"";
+    o.year = static_cast<int>(n);
+  }
+  if (!lines.empty()) {
+    if (!Whole(lines, 0, 1000000000000000LL, n))
+      return "-n takes a number of records, 0 or more, not \"" + lines + "\"";
+    o.lines = n;
+  }
+  return {};
+}
+
+// CLI11's own errors, in logread's words.
+std::string ParseFailure(const CLI::ParseError& e) {
+  const std::string what = e.what(), name = e.get_name();
+  const std::string tail =
+      what.substr(what.rfind(": ") == std::string::npos ? 0 : what.rfind(": ") + 2);
+  if (what.find("not expected") != std::string::npos) return "unknown option or argument: " + tail;
+  if (name == "RequiredError")
+    return "no FILE given: name a log file, a folder of logs, or - for standard input";
+  if (name == "ArgumentMismatch") return what.substr(0, what.find(':')) + " needs a value";
+  return what;
+}
 
 bool ParseForm(const std::string& text, FormatChoice& choice) {
   if (text == "auto")
@@ -229,14 +290,16 @@ int Run(int argc, char** argv) {
       ->type_name("TAG[,TAG...]")
       ->delimiter(',')
       ->allow_extra_args(false);
-  app.add_option("--since", o.filters.since,
-                 "only records at or after this time: \"MM-DD hh:mm[:ss]\", \"YYYY-MM-DD[ "
+  app.add_option("--since", o.since,
+                 "only records at or after this time: \"MM-DD[ hh:mm[:ss]]\", \"YYYY-MM-DD[ "
                  "hh:mm[:ss]]\", today, yesterday, now, or relative to now: -30m, -1h, -2d")
-      ->type_name("TIME");
-  app.add_option("--until", o.filters.until,
+      ->type_name("TIME")
+      ->allow_extra_args(false);
+  app.add_option("--until", o.until,
                  "only records before the end of this time (the whole minute, second or day "
                  "that it names)")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->allow_extra_args(false);
   app.add_option("--thread", o.filters.threads, "only records of these thread ids")
       ->type_name("ID[,ID...]")
       ->delimiter(',')
@@ -248,31 +311,32 @@ int Run(int argc, char** argv) {
       ->delimiter(',')
       ->allow_extra_args(false);
   app.add_option("-g,--grep", o.filters.grep,
-                 "only records whose message matches this regular expression (ECMAScript); "
-                 "without capitals in it, in either case")
-      ->type_name("REGEX");
-  app.add_option("-n,--lines", o.lines,
+                 "only records whose message matches this regular expression (see below); "
+                 "one without capitals of its own matches either case; several: any of them")
+      ->type_name("REGEX")
+      ->allow_extra_args(false);
+  app.add_option("-n,--lines", o.counts,
                  "only the last N records (after the filters); with -f, the last N before "
                  "following")
       ->type_name("N")
-      ->check(CLI::NonNegativeNumber);
-  app.add_option("--year", o.year,
+      ->allow_extra_args(false);
+  app.add_option("--year", o.years,
                  "the year of the newest record of each file (default: the year that the "
                  "file's modification time gives)")
       ->type_name("YYYY")
-      ->check(CLI::Range(1970, 9999));
-  app.add_option("--time", o.time,
+      ->allow_extra_args(false);
+  app.add_option("--time", o.times,
                  "record: times as the records write them (no year); iso: each line also "
                  "starts with the time and its year, \"2026-11-14T09:05:07.042\"")
       ->type_name("FORM")
-      ->check(CLI::IsMember({"record", "iso"}));
+      ->allow_extra_args(false);
   app.add_flag("--json", o.json, "JSON Lines: one object per record (with --summary, one object)");
   app.add_flag("--summary", o.summary, "sum the records up per process session");
-  app.add_option("--color", o.colour,
+  app.add_option("--color", o.colours,
                  "colour records by level: auto (on a terminal, unless NO_COLOR is set), always "
                  "or never")
       ->type_name("WHEN")
-      ->check(CLI::IsMember({"auto", "always", "never"}));
+      ->allow_extra_args(false);
   app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
   app.set_version_flag("--version", "logread " QX_VERSION, "print the version and exit");
   app.add_option("FILE", o.files,
@@ -290,8 +354,9 @@ int Run(int argc, char** argv) {
     std::printf("%s\n", e.what());
     return FlushOutput() ? kExitOk : kExitIo;
   } catch (const CLI::ParseError& e) {
-    return Usage(e.what());
+    return Usage(ParseFailure(e));
   }
+  if (std::string error = TakeSingles(o); !error.empty()) return Usage(error);
 
   std::vector<FormatChoice> forms;
   FoundLogs found;
@@ -330,11 +395,13 @@ int Run(int argc, char** argv) {
     timeline.Add(
         std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
 
-  // NO_COLOR (any value but empty) turns the automatic colour off.
+  // NO_COLOR (any value but empty) and TERM=dumb turn the automatic colour off.
   const char* no_colour = std::getenv("NO_COLOR");
+  const char* term = std::getenv("TERM");
   const bool colour = !o.json && !o.summary &&
-                      (o.colour == "always" || (o.colour == "auto" && !(no_colour && *no_colour) &&
-                                                StdoutIsColourTerminal()));
+                      (o.colour == "always" ||
+                       (o.colour == "auto" && !(no_colour && *no_colour) &&
+                        !(term && std::string(term) == "dumb") && StdoutIsColourTerminal()));
   std::unique_ptr<Summary> summary;
   std::unique_ptr<RecordSink> writer;
   RecordSink* sink = nullptr;
