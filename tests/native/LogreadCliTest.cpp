@@ -80,14 +80,18 @@ const std::string kStamp = "touch -d '2026-11-20 12:00' input* 2>/dev/null; ";
 // output and error in dir/out and dir/err: run to its end, or in the
 // background until the object goes.
 struct Tool {
-  Tool(const fs::path& dir, const std::string& args, bool background = false) : dir(dir) {
+  // `before`: shell commands run after the inputs are stamped (and their
+  // own stamps); `runner`: a command that runs logread (another user's).
+  Tool(const fs::path& dir, const std::string& args, bool background = false,
+       const std::string& before = "", const std::string& runner = "")
+      : dir(dir) {
     // A tool that allocates what a corrupt length field announces dies here,
     // not only on a machine short of memory (the sanitizers need more).
     const std::string limit = QX_SANITIZED || kWine ? "" : "ulimit -v 65536 && ";
     // The inputs' years follow from their modification time: a fixed one.
-    const int status = std::system(("cd '" + dir.string() + "' && { " + limit + kStamp +
-                                    "exec timeout 30 " + kLogread + " " + args + " >out 2>err" +
-                                    (background ? " & echo $! >pid" : "") + "; }")
+    const int status = std::system(("cd '" + dir.string() + "' && { " + limit + kStamp + before +
+                                    "exec timeout 30 " + runner + kLogread + " " + args +
+                                    " >out 2>err" + (background ? " & echo $! >pid" : "") + "; }")
                                        .c_str());
     code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -142,16 +146,35 @@ TEST(LogreadCli, CasesOfTheTable) {
   ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
     ASSERT_EQ(6u, c.size());  // name, files, options, exit, stdout, stderr
     Scratch dir;
-    std::string args = c[2], input;  // inputs named input0.logdat ... in the tool's folder
-    const auto files = Split(c[1], ';');
-    for (std::size_t i = 0; i < files.size(); ++i) {
-      const std::string name = "input" + std::to_string(i) + ".logdat";
-      const bool stdin = files[i].rfind("stdin=", 0) == 0;
-      args += (stdin ? " - <" : " ") + name;
-      if (files[i] != "missing")
-        Write(dir.path / name, input = Input(stdin ? files[i].substr(6) : files[i]));
+    std::string args = c[2], input, before, runner;  // inputs named input0.logdat ...
+    int count = 0;
+    for (std::string file : Split(c[1], ';')) {
+      const std::size_t at = file.find('@'), eq = file.find('=');
+      std::string stamp = at == std::string::npos ? "" : file.substr(at + 1);
+      file = file.substr(0, at);
+      std::string name = "input" + std::to_string(count++) + ".logdat";
+      const bool stdin = file.rfind("stdin=", 0) == 0, placed = !stdin && eq != std::string::npos;
+      if (placed) {  // PATH=INPUT: a file in a folder, named by the options
+        name = file.substr(0, eq);
+        file = file.substr(eq + 1);
+        if (stamp.empty()) stamp = "2026-11-20 12:00";
+        fs::create_directories((dir.path / name).parent_path());
+      } else {
+        args += (stdin ? " - <" : " ") + name;
+      }
+      if (!stamp.empty() && file != "locked") before += "touch -d '" + stamp + "' '" + name + "'; ";
+      if (file == "locked") {  // a folder logread may not read
+        if (kWine) return;     // Wine runs as the prefix's owner: no other user
+        fs::create_directories(dir.path / name);
+        fs::permissions(dir.path / name, fs::perms::none);
+        fs::permissions(dir.path,
+                        fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+        if (geteuid() == 0) runner = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+      } else if (file != "missing") {
+        Write(dir.path / name, input = Input(stdin ? file.substr(6) : file));
+      }
     }
-    const Tool tool(dir.path, args);
+    const Tool tool(dir.path, args, false, before, runner);
     const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
     EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << err;
     std::string expected = c[4] == "=input" ? input : "";

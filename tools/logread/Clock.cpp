@@ -187,8 +187,11 @@ Civil LocalNow() {
 }
 
 int YearEndingBy(const logrecord::Time& time, Civil reference) {
-  const int year = FromCivil(reference).year;
-  return ToCivil(year, time) > reference + kDay ? year - 1 : year;
+  // The year after the reference's counts too: a record of 01-01 00:28 in a
+  // file modified 12-31 23:10 (or read in a time zone behind the writer's).
+  int year = FromCivil(reference).year + 1;
+  while (ToCivil(year, time) > reference + kDay) --year;
+  return year;
 }
 
 std::string ParseTimeLimit(std::string_view s, Civil now, TimeLimit& limit) {
@@ -239,11 +242,13 @@ std::string ParseTimeLimit(std::string_view s, Civil now, TimeLimit& limit) {
     limit.start = ToCivil(p);
     return {};
   }
-  // "MM-DD hh:mm[:ss]", the records' own form, without a year.
+  // "MM-DD[ hh:mm[:ss]]", the records' own form, without a year; the date
+  // alone is that whole day.
   at = 0;
+  limit.span = kDay;
   if (!(Digits(s, at, 2, p.month) && Char(s, at, '-') && Digits(s, at, 2, p.day) &&
-        (Char(s, at, ' ') || Char(s, at, 'T')) && ClockTime(s, at, p, limit.span, false) &&
-        at == s.size()))
+        (at == s.size() || ((Char(s, at, ' ') || Char(s, at, 'T')) &&
+                            ClockTime(s, at, p, limit.span, false) && at == s.size()))))
     return "not a time";
   if (std::string error = CheckParts(p, 0); !error.empty()) return error;
   limit.yearless = true;

@@ -44,7 +44,7 @@ int YearEndingBy(const logrecord::Time& time, Civil reference);
 int DaysInMonth(int year, int month);
 
 // A value of --since or --until:
-//   "MM-DD hh:mm[:ss]"                  year-less, as the records write it
+//   "MM-DD[ hh:mm[:ss]]"                year-less, as the records write it
 //   "YYYY-MM-DD[ hh:mm[:ss[.mmm]]]"     also with "T" between date and time
 //   "today", "yesterday", "now"
 //   "-N<unit>..." relative to now        units s, m, h, d: "-1h", "-30m", "-1h30m"

@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kTags[] = {"ERR", "WAR", "INF", "TRA", "DBG", "NONE", "untagged"};
 constexpr char kTimeForms[] =
-    "\"MM-DD hh:mm[:ss]\", \"YYYY-MM-DD[ hh:mm[:ss]]\", today, yesterday, now or -N(s|m|h|d)";
+    "\"MM-DD[ hh:mm[:ss]]\", \"YYYY-MM-DD[ hh:mm[:ss]]\", today, yesterday, now or -N(s|m|h|d)";
 
 bool SameText(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
@@ -28,12 +28,13 @@ bool Number(std::string_view text, long long& value) {
   return ec == std::errc() && ptr == end;
 }
 
-// A pattern without capitals matches either case, as in journalctl.
-std::regex::flag_type GrepFlags(const std::string& pattern) {
-  const bool capitals =
-      std::any_of(pattern.begin(), pattern.end(), [](unsigned char c) { return std::isupper(c); });
-  return std::regex::ECMAScript | std::regex::optimize |
-         (capitals ? std::regex::flag_type() : std::regex::icase);
+// The patterns of -g; each without capitals of its own matches either case,
+// as in journalctl. An empty string, or what is wrong with one of them.
+std::string CompileGrep(const std::vector<std::string>& patterns, Matcher& matcher) {
+  for (const std::string& pattern : patterns)
+    if (std::string error = matcher.Add(pattern, !HasCapital(pattern)); !error.empty())
+      return "-g \"" + pattern + "\": " + error;
+  return {};
 }
 
 }  // namespace
@@ -58,11 +59,8 @@ std::string FilterOptions::Check() const {
   for (const auto& thread : threads)
     if (!Number(thread, n)) return "--thread takes thread ids (numbers), not \"" + thread + "\"";
   if (!grep.empty()) {
-    try {
-      std::regex(grep, GrepFlags(grep));
-    } catch (const std::regex_error& e) {
-      return "--grep: \"" + grep + "\" is not a regular expression (" + e.what() + ")";
-    }
+    Matcher matcher;
+    if (std::string error = CompileGrep(grep, matcher); !error.empty()) return error;
   }
   return {};
 }
@@ -77,8 +75,10 @@ RecordFilter::RecordFilter(const Timeline& timeline, const FilterOptions& option
     long long n = 0;
     if (Number(thread, n)) threads_.push_back(n);
   }
-  if (!options_.grep.empty())
-    grep_ = std::make_unique<std::regex>(options_.grep, GrepFlags(options_.grep));
+  if (!options_.grep.empty()) {
+    grep_ = std::make_unique<Matcher>();
+    CompileGrep(options_.grep, *grep_);
+  }
 }
 
 std::string RecordFilter::Place() {
@@ -139,7 +139,13 @@ bool RecordFilter::Matches(const Record& r) const {
                      }))
       return false;
   }
-  if (grep_ && !std::regex_search(f.message.begin(), f.message.end(), *grep_)) return false;
+  if (grep_) {
+    // A message's own line end is not part of it for "$".
+    std::string_view message = f.message;
+    while (!message.empty() && (message.back() == '\n' || message.back() == '\r'))
+      message.remove_suffix(1);
+    if (!grep_->Search(message)) return false;
+  }
   return true;
 }
 

@@ -2,11 +2,11 @@
 // it matches every filter given (and any value of a filter given several).
 #pragma once
 
+#include "Matcher.h"
 #include "Timeline.h"
 
 #include <cstdint>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,7 +17,7 @@ struct FilterOptions {
   std::string since, until;          // ParseTimeLimit's forms (Clock.h), empty when not given
   std::vector<std::string> threads;  // thread ids, compared as numbers
   std::vector<std::string> sources;  // source names, with or without extension
-  std::string grep;                  // a regular expression searched in the message
+  std::vector<std::string> grep;     // regular expressions (Matcher.h), any of which is found
 
   bool any() const;
   bool time() const { return !since.empty() || !until.empty(); }
@@ -47,7 +47,7 @@ class RecordFilter : public RecordSink {
   FilterOptions options_;
   RecordSink& next_;
   std::vector<long long> threads_;
-  std::unique_ptr<std::regex> grep_;
+  std::unique_ptr<Matcher> grep_;
   Civil since_, until_;
   bool told_ = false;  // the note on an empty window has been given
   long long passed_ = 0;

@@ -41,6 +41,14 @@ void Timeline::Add(std::unique_ptr<LogSource> source) {
   lanes_.push_back(std::move(lane));
 }
 
+namespace {
+
+// How much older than its file the newest record may be before its year is
+// said to be a guess: a month.
+constexpr std::int64_t kGuessGap = 31 * logrecord::kDayMs;
+
+}  // namespace
+
 Civil Timeline::Place(const logrecord::Time& time) const {
   const Civil reference = have_range_ ? last_ : LocalNow();
   return ToCivil(YearEndingBy(time, reference), time);
@@ -122,8 +130,18 @@ void Timeline::Load() {
     if (scan) {
       if (!scan->count.any) continue;
       Anchor(*lane, scan->last, scan->count.steps, scan->modified ? scan->modified : LocalNow());
+      const Civil newest = ToCivil(lane->base_year + scan->count.steps, scan->last);
       Widen(ToCivil(lane->base_year, scan->first));
-      Widen(ToCivil(lane->base_year + scan->count.steps, scan->last));
+      Widen(newest);
+      // A file changed long after its newest record (copied, touched): its
+      // modification time says little of the year, and a year earlier would
+      // fit the records as well.
+      if (!year_ && scan->modified && scan->modified - newest > kGuessGap)
+        Note(lane->source->name(),
+             "the newest record, " + IsoTime(newest) + ", is " +
+                 std::to_string((scan->modified - newest) / logrecord::kDayMs) +
+                 " days older than the file (" + IsoTime(scan->modified) +
+                 "): its year is a guess; --year YYYY gives the year of the newest record");
       continue;
     }
     // Standard input: held whole, dated from now.

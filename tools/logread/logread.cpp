@@ -10,6 +10,7 @@
 // size limit. Builds for Windows and natively for Linux, where collected logs
 // are usually read.
 #include "Console.h"
+#include "LogFolders.h"
 #include "LogInput.h"
 #include "RecordFilter.h"
 #include "RecordWriter.h"
@@ -25,6 +26,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #ifdef _WIN32
@@ -95,8 +97,12 @@ constexpr char kFooter[] =
     "\n"
     "Folders and compressed files: a folder given as FILE stands for the logs\n"
     "inside it (at any depth) named QXAttentionPlugin.log.logdat,\n"
-    "QXAttentionPlugin.log or SensorLibLog.log, each also with \".gz\"; a file\n"
-    "compressed with gzip is read as it is decompressed.\n"
+    "QXAttentionPlugin.log, SensorLibLog.log, PROGRAM.log.logdat or PROGRAM.exe.log\n"
+    "(a host that wrote before setting the log up), each also with \".gz\"; a file\n"
+    "compressed with gzip is read as it is decompressed. A subfolder that cannot be\n"
+    "read is reported (exit 1) and the rest is read. A folder of several machines'\n"
+    "folders: the records are merged, each line naming its file (whose path names\n"
+    "the machine's folder); --summary takes one machine's folder.\n"
     "\n"
     "Torn and corrupt files: a frame cut short at the end of a file (the logger was\n"
     "stopped between its two writes, or the file was deleted at its size limit\n"
@@ -146,53 +152,66 @@ struct Options {
   int year = 0;
   long long lines = -1;
   FilterOptions filters;
+  // The values of the options taken once, as given, to be checked by hand.
+  std::vector<std::string> since, until, colours, times, years, counts;
 };
 
-std::string Utf8(const fs::path& path) {
-  const std::u8string text = path.u8string();
-  return std::string(text.begin(), text.end());
-}
-
-// The logs that this system writes, as a folder of collected logs holds
-// them (plain or gzip-compressed).
-bool IsLogName(std::string name) {
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name.size() > 3 && name.compare(name.size() - 3, 3, ".gz") == 0) name.resize(name.size() - 3);
-  return name == "qxattentionplugin.log.logdat" || name == "qxattentionplugin.log" ||
-         name == "sensorliblog.log";
-}
-
-// Puts the logs inside each folder given in place of the folder: the
-// plug-in's first, then the sensor library's, each in path order.
-std::string ExpandFolders(std::vector<std::string>& files) {
-  std::vector<std::string> out;
-  for (const std::string& given : files) {
-    std::error_code error;
-    const fs::path folder(std::u8string(given.begin(), given.end()));
-    if (given == "-" || !fs::is_directory(folder, error)) {
-      out.push_back(given);
-      continue;
-    }
-    std::vector<std::string> plugin, sensor;
-    for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
-         it.increment(error)) {
-      const std::string name = Utf8(it->path().filename());
-      if (!it->is_regular_file(error) || !IsLogName(name)) continue;
-      std::string path = Utf8(it->path());
-      (std::tolower(static_cast<unsigned char>(name[0])) == 's' ? sensor : plugin).push_back(path);
-    }
-    if (error) return given + ": cannot read the folder: " + error.message();
-    if (plugin.empty() && sensor.empty())
-      return given +
-             ": no log in this folder (QXAttentionPlugin.log.logdat, "
-             "QXAttentionPlugin.log, SensorLibLog.log, or the same with .gz)";
-    std::sort(plugin.begin(), plugin.end());
-    std::sort(sensor.begin(), sensor.end());
-    out.insert(out.end(), plugin.begin(), plugin.end());
-    out.insert(out.end(), sensor.begin(), sensor.end());
-  }
-  files = std::move(out);
+// One value of an option taken once: the last of `values` in `value`; an
+// empty string, or the error of an option given more than once.
+std::string Once(const char* name, const std::vector<std::string>& values, std::string& value) {
+  if (values.size() > 1)
+    return std::string(name) + " is given " + std::to_string(values.size()) +
+           " times; give it once";
+  if (!values.empty()) value = values[0];
   return {};
+}
+
+// A whole number from `low` to `high` in `text`.
+bool Whole(const std::string& text, long long low, long long high, long long& value) {
+  if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  value = std::stoll(text);
+  return value >= low && value <= high;
+}
+
+// Checks and takes the options given once; an empty string or the error.
+std::string TakeSingles(Options& o) {
+  std::string error, lines, year;
+  for (auto [name, values, value] : {std::tuple{"--since", &o.since, &o.filters.since},
+                                     {"--until", &o.until, &o.filters.until},
+                                     {"--color", &o.colours, &o.colour},
+                                     {"--time", &o.times, &o.time},
+                                     {"--year", &o.years, &year},
+                                     {"-n", &o.counts, &lines}})
+    if (error = Once(name, *values, *value); !error.empty()) return error;
+  if (o.colour != "auto" && o.colour != "always" && o.colour != "never")
+    return "--color takes auto, always or never, not \"" + o.colour + "\"";
+  if (o.time != "record" && o.time != "iso")
+    return "--time takes record or iso, not \"" + o.time + "\"";
+  long long n = 0;
+  if (!year.empty()) {
+    if (!Whole(year, 1970, 9999, n))
+      return "--year takes a year from 1970 to 9999, not \"" + year + "\"";
+    o.year = static_cast<int>(n);
+  }
+  if (!lines.empty()) {
+    if (!Whole(lines, 0, 1000000000000000LL, n))
+      return "-n takes a number of records, 0 or more, not \"" + lines + "\"";
+    o.lines = n;
+  }
+  return {};
+}
+
+// CLI11's own errors, in logread's words.
+std::string ParseFailure(const CLI::ParseError& e) {
+  const std::string what = e.what(), name = e.get_name();
+  const std::string tail =
+      what.substr(what.rfind(": ") == std::string::npos ? 0 : what.rfind(": ") + 2);
+  if (what.find("not expected") != std::string::npos) return "unknown option or argument: " + tail;
+  if (name == "RequiredError")
+    return "no FILE given: name a log file, a folder of logs, or - for standard input";
+  if (name == "ArgumentMismatch") return what.substr(0, what.find(':')) + " needs a value";
+  return what;
 }
 
 bool ParseForm(const std::string& text, FormatChoice& choice) {
@@ -271,14 +290,16 @@ int Run(int argc, char** argv) {
       ->type_name("TAG[,TAG...]")
       ->delimiter(',')
       ->allow_extra_args(false);
-  app.add_option("--since", o.filters.since,
-                 "only records at or after this time: \"MM-DD hh:mm[:ss]\", \"YYYY-MM-DD[ "
+  app.add_option("--since", o.since,
+                 "only records at or after this time: \"MM-DD[ hh:mm[:ss]]\", \"YYYY-MM-DD[ "
                  "hh:mm[:ss]]\", today, yesterday, now, or relative to now: -30m, -1h, -2d")
-      ->type_name("TIME");
-  app.add_option("--until", o.filters.until,
+      ->type_name("TIME")
+      ->allow_extra_args(false);
+  app.add_option("--until", o.until,
                  "only records before the end of this time (the whole minute, second or day "
                  "that it names)")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->allow_extra_args(false);
   app.add_option("--thread", o.filters.threads, "only records of these thread ids")
       ->type_name("ID[,ID...]")
       ->delimiter(',')
@@ -290,31 +311,32 @@ int Run(int argc, char** argv) {
       ->delimiter(',')
       ->allow_extra_args(false);
   app.add_option("-g,--grep", o.filters.grep,
-                 "only records whose message matches this regular expression (ECMAScript); "
-                 "without capitals in it, in either case")
-      ->type_name("REGEX");
-  app.add_option("-n,--lines", o.lines,
+                 "only records whose message matches this regular expression (see below); "
+                 "one without capitals of its own matches either case; several: any of them")
+      ->type_name("REGEX")
+      ->allow_extra_args(false);
+  app.add_option("-n,--lines", o.counts,
                  "only the last N records (after the filters); with -f, the last N before "
                  "following")
       ->type_name("N")
-      ->check(CLI::NonNegativeNumber);
-  app.add_option("--year", o.year,
+      ->allow_extra_args(false);
+  app.add_option("--year", o.years,
                  "the year of the newest record of each file (default: the year that the "
                  "file's modification time gives)")
       ->type_name("YYYY")
-      ->check(CLI::Range(1970, 9999));
-  app.add_option("--time", o.time,
+      ->allow_extra_args(false);
+  app.add_option("--time", o.times,
                  "record: times as the records write them (no year); iso: each line also "
                  "starts with the time and its year, \"2026-11-14T09:05:07.042\"")
       ->type_name("FORM")
-      ->check(CLI::IsMember({"record", "iso"}));
+      ->allow_extra_args(false);
   app.add_flag("--json", o.json, "JSON Lines: one object per record (with --summary, one object)");
   app.add_flag("--summary", o.summary, "sum the records up per process session");
-  app.add_option("--color", o.colour,
+  app.add_option("--color", o.colours,
                  "colour records by level: auto (on a terminal, unless NO_COLOR is set), always "
                  "or never")
       ->type_name("WHEN")
-      ->check(CLI::IsMember({"auto", "always", "never"}));
+      ->allow_extra_args(false);
   app.add_flag("-q,--quiet", o.quiet, "no notes on standard error (errors are still reported)");
   app.set_version_flag("--version", "logread " QX_VERSION, "print the version and exit");
   app.add_option("FILE", o.files,
@@ -332,11 +354,19 @@ int Run(int argc, char** argv) {
     std::printf("%s\n", e.what());
     return FlushOutput() ? kExitOk : kExitIo;
   } catch (const CLI::ParseError& e) {
-    return Usage(e.what());
+    return Usage(ParseFailure(e));
   }
+  if (std::string error = TakeSingles(o); !error.empty()) return Usage(error);
 
   std::vector<FormatChoice> forms;
-  std::string error = ExpandFolders(o.files);
+  FoundLogs found;
+  std::string error = FindLogs(o.files, found);
+  if (error.empty()) {
+    // The records of several machines are merged like any files: each line
+    // names its file, whose path names the machine's folder.
+    o.files = found.Files();
+    if (o.files.empty()) error = "no log could be read in the folders given";
+  }
   if (error.empty()) error = FormsOfFiles(o, forms);
   if (error.empty()) error = o.filters.Check();
   if (error.empty() && o.follow) {
@@ -348,8 +378,16 @@ int Run(int argc, char** argv) {
   }
   if (error.empty() && o.summary && o.lines >= 0)
     error = "-n picks records to print; --summary reads them all";
+  if (error.empty() && o.summary && found.machines.size() > 1) {
+    error = "--summary sums up one machine; the folders given hold the logs of " +
+            std::to_string(found.machines.size()) + ":";
+    for (const auto& machine : found.machines)
+      error +=
+          "\n  " + (machine.folder.empty() ? std::string("(the files named)") : machine.folder);
+  }
   if (!error.empty()) return Usage(error);
   SetQuiet(o.quiet);
+  for (const auto& folder : found.unreadable) Error("", folder);
 
   Timeline timeline;
   timeline.SetYear(o.year);
@@ -357,11 +395,13 @@ int Run(int argc, char** argv) {
     timeline.Add(
         std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
 
-  // NO_COLOR (any value but empty) turns the automatic colour off.
+  // NO_COLOR (any value but empty) and TERM=dumb turn the automatic colour off.
   const char* no_colour = std::getenv("NO_COLOR");
+  const char* term = std::getenv("TERM");
   const bool colour = !o.json && !o.summary &&
-                      (o.colour == "always" || (o.colour == "auto" && !(no_colour && *no_colour) &&
-                                                StdoutIsColourTerminal()));
+                      (o.colour == "always" ||
+                       (o.colour == "auto" && !(no_colour && *no_colour) &&
+                        !(term && std::string(term) == "dumb") && StdoutIsColourTerminal()));
   std::unique_ptr<Summary> summary;
   std::unique_ptr<RecordSink> writer;
   RecordSink* sink = nullptr;
@@ -399,6 +439,7 @@ int Run(int argc, char** argv) {
   }
   if (o.follow) return timeline.Follow(*sink);
   int code = timeline.Merge(*sink);
+  if (!found.unreadable.empty()) code = Worse(code, kExitIo);
   if (summary) {
     if (o.json)
       summary->PrintJson();
