@@ -366,7 +366,7 @@ int Run(int argc, char** argv) {
   std::unique_ptr<RecordSink> writer;
   RecordSink* sink = nullptr;
   if (o.summary) {
-    summary = std::make_unique<Summary>(timeline);
+    summary = std::make_unique<Summary>(timeline, o.json);
     sink = summary.get();
   } else {
     if (o.json)
@@ -399,12 +399,7 @@ int Run(int argc, char** argv) {
   }
   if (o.follow) return timeline.Follow(*sink);
   int code = timeline.Merge(*sink);
-  if (summary) {
-    if (o.json)
-      summary->PrintJson();
-    else
-      summary->PrintText();
-  }
+  if (summary) code = summary->Print();
   if (!FlushOutput()) {
     std::fprintf(stderr, "logread: cannot write to standard output\n");
     return kExitIo;
