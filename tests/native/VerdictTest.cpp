@@ -27,30 +27,45 @@ void Set(logread::Facts& f, const std::string& word) {
     (key == "start_fault" ? f.start_faults : f.init_faults) = {c};
     return;
   }
-  std::map<std::string, bool*> flags = {
-      {"from_init", &f.from_init}, {"plugin_records", &f.plugin_records},
-      {"plugin_log", &f.plugin_log}, {"sensor_log", &f.sensor_log},
-      {"sensor_init", &f.sensor_init}, {"init", &f.init}, {"closed", &f.closed},
-      {"cache_word_known", &f.cache_word_known}, {"ability_before_init", &f.ability_before_init},
-      {"action_before_init", &f.action_before_init}, {"init_twice", &f.init_twice},
-      {"action_after_close", &f.action_after_close}};
-  std::map<std::string, int*> ints = {{"ability", &f.ability}, {"cache_flag", &f.cache_flag},
+  std::map<std::string, bool*> flags = {{"from_init", &f.from_init},
+                                        {"plugin_records", &f.plugin_records},
+                                        {"plugin_log", &f.plugin_log},
+                                        {"sensor_log", &f.sensor_log},
+                                        {"sensor_init", &f.sensor_init},
+                                        {"init", &f.init},
+                                        {"closed", &f.closed},
+                                        {"cache_word_known", &f.cache_word_known},
+                                        {"ability_before_init", &f.ability_before_init},
+                                        {"action_before_init", &f.action_before_init},
+                                        {"init_twice", &f.init_twice},
+                                        {"action_after_close", &f.action_after_close}};
+  std::map<std::string, int*> ints = {{"ability", &f.ability},       {"cache_flag", &f.cache_flag},
                                       {"cache_word", &f.cache_word}, {"check_ret", &f.check_ret},
-                                      {"enabled", &f.enabled}, {"start", &f.start}};
+                                      {"enabled", &f.enabled},       {"start", &f.start}};
   std::map<std::string, std::optional<long long>*> optionals = {
-      {"query", &f.query}, {"answer", &f.answer}, {"init_fusion", &f.init_fusion},
-      {"registry_status", &f.registry_status}, {"status", &f.status}};
-  if (flags.count(key)) *flags[key] = value == "1";
-  else if (ints.count(key)) *ints[key] = static_cast<int>(Number(value));
-  else if (optionals.count(key)) *optionals[key] = Number(value);
-  else if (key == "sensor_lines") f.sensor_lines = Number(value);
-  else if (key == "check_state") f.check_state = static_cast<unsigned>(Number(value));
-  else if (key == "start_code") f.start_code = Number(value);
+      {"query", &f.query},
+      {"answer", &f.answer},
+      {"init_fusion", &f.init_fusion},
+      {"registry_status", &f.registry_status},
+      {"status", &f.status}};
+  if (flags.count(key))
+    *flags[key] = value == "1";
+  else if (ints.count(key))
+    *ints[key] = static_cast<int>(Number(value));
+  else if (optionals.count(key))
+    *optionals[key] = Number(value);
+  else if (key == "sensor_lines")
+    f.sensor_lines = Number(value);
+  else if (key == "check_state")
+    f.check_state = static_cast<unsigned>(Number(value));
+  else if (key == "start_code")
+    f.start_code = Number(value);
   else if (key == "commands") {
     f.commands.clear();
     std::istringstream codes(value);
     for (std::string c; std::getline(codes, c, '/');) f.commands.push_back(std::stoi(c));
-  } else FAIL() << "no such fact: " << key;
+  } else
+    FAIL() << "no such fact: " << key;
 }
 
 TEST(Verdict, CausesOfTheTable) {
@@ -61,8 +76,7 @@ TEST(Verdict, CausesOfTheTable) {
     if (line.empty() || line[0] == '#') continue;
     std::vector<std::string> c;
     std::istringstream cols(line + "|");
-    for (std::string col; std::getline(cols, col, '|');)
-      c.push_back(Trim(col));
+    for (std::string col; std::getline(cols, col, '|');) c.push_back(Trim(col));
     ASSERT_EQ(5u, c.size()) << line;
     if (c[0] == "base") {
       base = c[1];

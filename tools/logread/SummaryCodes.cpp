@@ -78,7 +78,8 @@ std::string ErrorAdvice(long long code) {
     case 1727:
     case 1753:
     case 1820:
-      return "start the service: \"net start " QX_SERVICE_NAME "\" as administrator (\"sc query " QX_SERVICE_NAME "\" shows its state)";
+      return "start the service: \"net start " QX_SERVICE_NAME
+             "\" as administrator (\"sc query " QX_SERVICE_NAME "\" shows its state)";
     case 5:
       return "the service refuses this user: check the service's account and the rights on its "
              "pipe";
@@ -121,7 +122,7 @@ std::string ErrorName(long long code) {
     case 1717:
       return "interface unknown to the server (another version of the service)";
     case 1722:
-      return "server unavailable: the service is not running";
+      return "server unavailable: nothing answers on the service's pipe";
     case 1723:
       return "server too busy";
     case 1726:

@@ -123,9 +123,8 @@ int Summary::Print() {
 std::string Summary::SessionText(const Session& s, const Verdict& v) const {
   std::ostringstream out;
   const Facts& st = s.state;
-  out << "\nSession " << s.number << ": "
-      << (s.timed ? FormatTime(s.first_time) : std::string("?")) << " to "
-      << (s.timed ? FormatTime(s.last_time) : std::string("?")) << ", " << s.records
+  out << "\nSession " << s.number << ": " << (s.timed ? FormatTime(s.first_time) : std::string("?"))
+      << " to " << (s.timed ? FormatTime(s.last_time) : std::string("?")) << ", " << s.records
       << " records";
   if (!st.from_init)
     out << " (before any \" attention plugin init... \" record: the start is not in these files)";
@@ -176,8 +175,8 @@ std::string Summary::SessionText(const Session& s, const Verdict& v) const {
       << (s.failures.empty() ? (st.sensor_lines ? " none\n" : " none in the plug-in's log\n")
                              : "\n");
   for (const Failure& f : s.failures) {
-    out << "    " << (f.first.time.empty() ? std::string(18, ' ') : f.first.time) << "  "
-        << f.text << "\n"
+    out << "    " << (f.first.time.empty() ? std::string(18, ' ') : f.first.time) << "  " << f.text
+        << "\n"
         << "    " << std::string(18, ' ') << "  -> " << f.meaning;
     if (f.count > 1) out << " (" << f.count << " times, last " << f.last.time << ")";
     out << "\n";
@@ -188,8 +187,8 @@ std::string Summary::SessionText(const Session& s, const Verdict& v) const {
 int Summary::PrintText() {
   std::ostringstream out;
   if (!newest_) {
-    out << "Verdict: UNKNOWN: no session " << (sessions_ == 0 ? "in these files" : "in the time window")
-        << " [no_session]\n";
+    out << "Verdict: UNKNOWN: no session "
+        << (sessions_ == 0 ? "in these files" : "in the time window") << " [no_session]\n";
   } else {
     const Verdict& v = newest_->verdict;
     out << "Verdict: attention " << Upper(v.state) << " in the newest session (session "

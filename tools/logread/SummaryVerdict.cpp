@@ -12,8 +12,8 @@ namespace {
 constexpr char kAbilityKey[] = "HKLM\\SOFTWARE\\Vantoq\\Quillomatic";
 constexpr char kUserKey[] = "HKCU\\SOFTWARE\\Vantoq\\Quillomatic";
 constexpr char kStartService[] =
-    "start the service: \"net start " QX_SERVICE_NAME "\" as administrator (\"sc query " QX_SERVICE_NAME
-    "\" shows its state)";
+    "start the service: \"net start " QX_SERVICE_NAME
+    "\" as administrator (\"sc query " QX_SERVICE_NAME "\" shows its state)";
 constexpr char kGiveSensorLog[] =
     "give SensorLibLog.log too (%ProgramData%\\Vantoq\\SensorFusion\\Logs): it holds the codes "
     "behind the failures";
@@ -44,7 +44,8 @@ class Builder {
   bool CheckNotRunning() const { return f_.check_ret == 0 && f_.check_state != 4; }
   // "net.exe start" failed on a service the check did not find running.
   bool StartFailed() const {
-    return (CheckNotRunning() || CheckNotFound()) && !f_.commands.empty() && f_.commands.back() != 0;
+    return (CheckNotRunning() || CheckNotFound()) && !f_.commands.empty() &&
+           f_.commands.back() != 0;
   }
 
   // The root of a failed remote call: the sensor library's exception or
@@ -62,9 +63,10 @@ class Builder {
         Add("service_start_failed", f_.commands.back(),
             check + "; net.exe start " QX_SERVICE_NAME " exited " +
                 std::to_string(f_.commands.back()));
-        return Root("off", "service_start_failed",
-                    "the service does not start: look at its event log entries (\"sc qc " QX_SERVICE_NAME
-                    "\" shows the program it runs)");
+        return Root(
+            "off", "service_start_failed",
+            "the service does not start: look at its event log entries (\"sc qc " QX_SERVICE_NAME
+            "\" shows the program it runs)");
       }
       return v;
     };
@@ -86,11 +88,12 @@ class Builder {
         case codes::ErrorClass::kNoAnswer:
           if (!service().category.empty()) return v;
           if (!check.empty()) Add("service_check", std::nullopt, check);
-          return Root("off", "service_not_answering",
-                      f_.check_ret == 0 && f_.check_state == 4
-                          ? "the service runs but does not answer: restart it (\"net stop " QX_SERVICE_NAME
-                            "\", then \"net start " QX_SERVICE_NAME "\") as administrator"
-                          : kStartService);
+          return Root(
+              "off", "service_not_answering",
+              f_.check_ret == 0 && f_.check_state == 4
+                  ? "the service runs but does not answer: restart it (\"net stop " QX_SERVICE_NAME
+                    "\", then \"net start " QX_SERVICE_NAME "\") as administrator"
+                  : kStartService);
       }
     }
     if (!service().category.empty()) return v;
@@ -127,10 +130,12 @@ Verdict Decide(const Facts& f) {
     b.Add("no_plugin_log", std::nullopt,
           f.plugin_log ? "no record of the plug-in in this session"
                        : "no plug-in log among the files");
-    if (!f.init_faults.empty()) b.Add(f.init_faults.back().key, f.init_faults.back().code,
-                                      "the sensor library's last failure: " + f.init_faults.back().text);
-    return b.Root("unknown", "no_plugin_log",
-                  "give QXAttentionPlugin.log.logdat too (%ProgramData%\\Vantoq\\Quillomatic\\logs)");
+    if (!f.init_faults.empty())
+      b.Add(f.init_faults.back().key, f.init_faults.back().code,
+            "the sensor library's last failure: " + f.init_faults.back().text);
+    return b.Root(
+        "unknown", "no_plugin_log",
+        "give QXAttentionPlugin.log.logdat too (%ProgramData%\\Vantoq\\Quillomatic\\logs)");
   }
   if (!f.init) {
     if (!f.from_init) {
@@ -149,7 +154,8 @@ Verdict Decide(const Facts& f) {
                                  : kGiveSensorLog);
     }
     b.Add("no_init", std::nullopt, "no \"init\" action: the host did not set attention up");
-    return b.Root("unknown", f.ability_before_init || f.action_before_init ? "action_before_init" : "no_init",
+    return b.Root("unknown",
+                  f.ability_before_init || f.action_before_init ? "action_before_init" : "no_init",
                   "the host must send \"init\" after qx_plugin_init, before any other action");
   }
   if (f.ability < 0) {
@@ -160,7 +166,8 @@ Verdict Decide(const Facts& f) {
   if (f.ability == 0) {
     b.Add("ability", 0, "ability 0");
     if (f.init_fusion && *f.init_fusion != 0) {
-      b.Add("init_fusion_failed", *f.init_fusion, "InitFusion failed " + codes::Hex(*f.init_fusion));
+      b.Add("init_fusion_failed", *f.init_fusion,
+            "InitFusion failed " + codes::Hex(*f.init_fusion));
       return b.CallFailed(f.init_faults);
     }
     if (f.cache_flag == 1 && f.cache_word != 1) {
@@ -227,7 +234,8 @@ Verdict Decide(const Facts& f) {
                       std::string(kUserKey));
   }
   if (status != 2) {
-    b.Add("switched_off", status, "status " + std::to_string(status) + ": the host switched it off");
+    b.Add("switched_off", status,
+          "status " + std::to_string(status) + ": the host switched it off");
     Verdict& off = b.Root("off", "switched_off",
                           "nothing is wrong: the user or the host chose off "
                           "(set_attention_status 2 switches it on)");

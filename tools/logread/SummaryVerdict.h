@@ -23,13 +23,13 @@ struct Cause {
 
 // What the records of one session say about attention.
 struct Facts {
-  bool from_init = false;        // the session starts at " attention plugin init... "
-  bool plugin_records = false;   // the plug-in's log has records in it
-  bool plugin_log = true;        // a plug-in log is among the files
-  bool sensor_log = false;       // a sensor library log is among the files
-  long sensor_lines = 0;         // the sensor library's lines in this session
-  bool sensor_init = false;      // one of them shows the client being set up
-  bool init = false;             // an "init" began
+  bool from_init = false;                // the session starts at " attention plugin init... "
+  bool plugin_records = false;           // the plug-in's log has records in it
+  bool plugin_log = true;                // a plug-in log is among the files
+  bool sensor_log = false;               // a sensor library log is among the files
+  long sensor_lines = 0;                 // the sensor library's lines in this session
+  bool sensor_init = false;              // one of them shows the client being set up
+  bool init = false;                     // an "init" began
   int ability = -1;                      // "ability: %d" of "init"
   int cache_flag = -1, cache_word = 0;   // "CheckAttentionAbility  begin reg=%d dw:%d"
   bool cache_word_known = false;         // that record was written (DBG)
