@@ -31,6 +31,10 @@ touch -d '2026-11-20 12:00' QXAttentionPlugin.log SensorLibLog.log
   "$logread" --summary --json "$data/causes-plugin.txt" "$data/causes-sensor.log" > logs/b/summary.json || echo "exit $?"
   jq -s -c 'group_by(.verdict.category) | map({category: .[0].verdict.category, machines: length})' \
     logs/*/summary.json
+  # A fleet in one command: a folder of machines' folders, a JSON line each.
+  "$logread" --summary --json "$data/sessions" 2>/dev/null > fleet.jsonl || echo "exit $?"
+  jq -s -c 'group_by(.verdict.category) | map({category: .[0].verdict.category, machines: length})' \
+    fleet.jsonl
   # Each session's chain of causes (keys), its failures' codes, its sensor lines.
   jq -c '.sessions[] | [.state, .code, (.causes | map(.key)), (.failures | map(.code)), .sensor_lines]' \
     logs/b/summary.json

@@ -71,6 +71,8 @@ class Summary : public RecordSink {
   // The command line's filters (placed on the timeline before the records
   // come), or none.
   void SetFilter(const RecordFilter* filter) { filter_ = filter; }
+  // The machine's folder the files came from ("": the files were named).
+  void SetMachine(std::string folder) { machine_ = std::move(folder); }
   void Write(const Record& record) override;
 
   // Writes the report; returns the verdict's exit status (SummaryVerdict.h).
@@ -151,6 +153,7 @@ class Summary : public RecordSink {
   const Timeline& timeline_;
   const bool json_;
   const RecordFilter* filter_ = nullptr;
+  std::string machine_;
   bool sensor_file_ = false;        // a sensor library log is among the files
   bool plugin_file_ = false;        // a plug-in log is among the files
   std::optional<Session> session_;  // the session being read

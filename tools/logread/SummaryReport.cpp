@@ -186,6 +186,7 @@ std::string Summary::SessionText(const Session& s, const Verdict& v) const {
 
 int Summary::PrintText() {
   std::ostringstream out;
+  if (!machine_.empty()) out << "Machine: " << machine_ << "\n";
   if (!newest_) {
     out << "Verdict: UNKNOWN: no session "
         << (sessions_ == 0 ? "in these files" : "in the time window") << " [no_session]\n";
@@ -289,7 +290,8 @@ std::string Summary::SessionJson(const Session& s, const Verdict& verdict) const
   return Compact(v);
 }
 
-// {"files":[...],"verdict":{...},"sessions":[ then the kept sessions, then ]}.
+// {"machine":...,"files":[...],"verdict":{...},"sessions":[ then the kept
+// sessions, then ]}.
 int Summary::PrintJson() {
   Json::Value files(Json::arrayValue);
   for (std::size_t i = 0; i < timeline_.size(); ++i) {
@@ -322,7 +324,10 @@ int Summary::PrintJson() {
     verdict["do"] = todo;
     verdict["exit"] = v.exit;
   }
-  Emit("{\"files\":" + Compact(files) + ",\"verdict\":" + Compact(verdict) + ",\"sessions\":[");
+  const Json::Value machine =
+      machine_.empty() ? Json::Value() : Json::Value(CleanMessage(machine_));
+  Emit("{\"machine\":" + Compact(machine) + ",\"files\":" + Compact(files) +
+       ",\"verdict\":" + Compact(verdict) + ",\"sessions\":[");
   return 0;
 }
 

@@ -10,6 +10,7 @@
 // size limit. Builds for Windows and natively for Linux, where collected logs
 // are usually read.
 #include "Console.h"
+#include "LogFolders.h"
 #include "LogInput.h"
 #include "RecordFilter.h"
 #include "RecordWriter.h"
@@ -80,8 +81,9 @@ constexpr char kFooter[] =
     "  sensor library's lines and version, and every failure with its code named.\n"
     "  Sessions come from every record: --level, --thread and --source choose what\n"
     "  is listed, --since and --until the sessions shown (those overlapping the\n"
-    "  window). With --json, one JSON object on one line (files, verdict, sessions;\n"
-    "  times with the year), for fleet queries.\n"
+    "  window). With --json, one JSON object on one line (machine, files, verdict,\n"
+    "  sessions; times with the year), for fleet queries. Exit status: 4 attention\n"
+    "  off for a cause the records show, 5 they cannot tell (see logread.md).\n"
     "\n"
     "Time: the records carry no year. A file only grows forward in time: a\n"
     "record whose month comes before the month of the record before it starts a\n"
@@ -95,8 +97,13 @@ constexpr char kFooter[] =
     "\n"
     "Folders and compressed files: a folder given as FILE stands for the logs\n"
     "inside it (at any depth) named QXAttentionPlugin.log.logdat,\n"
-    "QXAttentionPlugin.log or SensorLibLog.log, each also with \".gz\"; a file\n"
-    "compressed with gzip is read as it is decompressed.\n"
+    "QXAttentionPlugin.log, SensorLibLog.log, PROGRAM.log.logdat or PROGRAM.exe.log\n"
+    "(a host that wrote before setting the log up), each also with \".gz\"; a file\n"
+    "compressed with gzip is read as it is decompressed. A subfolder that cannot be\n"
+    "read is reported (exit 1) and the rest is read. A folder of several machines'\n"
+    "folders: the records are merged, each line naming its file (whose path names\n"
+    "the machine's folder); --summary sums up each machine on its own (one JSON\n"
+    "line each with --json, \"machine\" naming its folder).\n"
     "\n"
     "Torn and corrupt files: a frame cut short at the end of a file (the logger was\n"
     "stopped between its two writes, or the file was deleted at its size limit\n"
@@ -147,53 +154,6 @@ struct Options {
   long long lines = -1;
   FilterOptions filters;
 };
-
-std::string Utf8(const fs::path& path) {
-  const std::u8string text = path.u8string();
-  return std::string(text.begin(), text.end());
-}
-
-// The logs that this system writes, as a folder of collected logs holds
-// them (plain or gzip-compressed).
-bool IsLogName(std::string name) {
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name.size() > 3 && name.compare(name.size() - 3, 3, ".gz") == 0) name.resize(name.size() - 3);
-  return name == "qxattentionplugin.log.logdat" || name == "qxattentionplugin.log" ||
-         name == "sensorliblog.log";
-}
-
-// Puts the logs inside each folder given in place of the folder: the
-// plug-in's first, then the sensor library's, each in path order.
-std::string ExpandFolders(std::vector<std::string>& files) {
-  std::vector<std::string> out;
-  for (const std::string& given : files) {
-    std::error_code error;
-    const fs::path folder(std::u8string(given.begin(), given.end()));
-    if (given == "-" || !fs::is_directory(folder, error)) {
-      out.push_back(given);
-      continue;
-    }
-    std::vector<std::string> plugin, sensor;
-    for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
-         it.increment(error)) {
-      const std::string name = Utf8(it->path().filename());
-      if (!it->is_regular_file(error) || !IsLogName(name)) continue;
-      std::string path = Utf8(it->path());
-      (std::tolower(static_cast<unsigned char>(name[0])) == 's' ? sensor : plugin).push_back(path);
-    }
-    if (error) return given + ": cannot read the folder: " + error.message();
-    if (plugin.empty() && sensor.empty())
-      return given +
-             ": no log in this folder (QXAttentionPlugin.log.logdat, "
-             "QXAttentionPlugin.log, SensorLibLog.log, or the same with .gz)";
-    std::sort(plugin.begin(), plugin.end());
-    std::sort(sensor.begin(), sensor.end());
-    out.insert(out.end(), plugin.begin(), plugin.end());
-    out.insert(out.end(), sensor.begin(), sensor.end());
-  }
-  files = std::move(out);
-  return {};
-}
 
 bool ParseForm(const std::string& text, FormatChoice& choice) {
   if (text == "auto")
@@ -252,6 +212,66 @@ PathString NativePath(const std::string& name) {
 int Usage(const std::string& error) {
   std::fprintf(stderr, "logread: %s\nTry \"logread --help\".\n", error.c_str());
   return kExitIo;
+}
+
+constexpr int kUsageError = -1;
+
+// Reads `files` (of one machine, with --summary) and writes them out as the
+// options say; the exit status, or kUsageError after a usage error's message.
+int Read(const Options& o, const std::vector<std::string>& files,
+         const std::vector<FormatChoice>& forms, const std::string* machine) {
+  Timeline timeline;
+  timeline.SetYear(o.year);
+  for (std::size_t i = 0; i < files.size(); ++i)
+    timeline.Add(std::make_unique<LogSource>(NativePath(files[i]), files[i], forms[i], o.follow));
+
+  // NO_COLOR (any value but empty) turns the automatic colour off.
+  const char* no_colour = std::getenv("NO_COLOR");
+  const bool colour = !o.json && !o.summary &&
+                      (o.colour == "always" || (o.colour == "auto" && !(no_colour && *no_colour) &&
+                                                StdoutIsColourTerminal()));
+  std::unique_ptr<Summary> summary;
+  std::unique_ptr<RecordSink> writer;
+  RecordSink* sink = nullptr;
+  if (o.summary) {
+    summary = std::make_unique<Summary>(timeline, o.json);
+    if (machine) summary->SetMachine(*machine);
+    sink = summary.get();
+  } else {
+    if (o.json)
+      writer = std::make_unique<JsonWriter>(timeline);
+    else if (files.size() == 1 && !o.filters.any() && o.time == "record")
+      writer = std::make_unique<RawWriter>(colour);
+    else
+      writer = std::make_unique<LineWriter>(timeline, colour, o.time == "iso");
+    sink = writer.get();
+  }
+  std::unique_ptr<TailWriter> tail;
+  if (o.lines >= 0) {
+    tail = std::make_unique<TailWriter>(static_cast<std::size_t>(o.lines), *sink);
+    sink = tail.get();
+  }
+  std::unique_ptr<RecordFilter> filter;
+  if (o.filters.any()) {
+    filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
+    // The summary reads every record, so that filters never split a session,
+    // and asks the filter which records to list and which sessions to show.
+    if (summary)
+      summary->SetFilter(filter.get());
+    else
+      sink = filter.get();
+  }
+
+  if (!o.follow) timeline.Load();
+  if (filter) {
+    if (std::string window = filter->Place(); !window.empty()) {
+      Usage(window);
+      return kUsageError;
+    }
+  }
+  if (o.follow) return timeline.Follow(*sink);
+  const int code = timeline.Merge(*sink);
+  return summary ? summary->Print() : code;
 }
 
 int Run(int argc, char** argv) {
@@ -336,7 +356,14 @@ int Run(int argc, char** argv) {
   }
 
   std::vector<FormatChoice> forms;
-  std::string error = ExpandFolders(o.files);
+  FoundLogs found;
+  std::string error = FindLogs(o.files, found);
+  if (error.empty()) {
+    // The records of several machines are merged like any files: each line
+    // names its file, whose path names the machine's folder.
+    o.files = found.Files();
+    if (o.files.empty()) error = "no log could be read in the folders given";
+  }
   if (error.empty()) error = FormsOfFiles(o, forms);
   if (error.empty()) error = o.filters.Check();
   if (error.empty() && o.follow) {
@@ -350,56 +377,27 @@ int Run(int argc, char** argv) {
     error = "-n picks records to print; --summary reads them all";
   if (!error.empty()) return Usage(error);
   SetQuiet(o.quiet);
+  for (const auto& folder : found.unreadable) Error("", folder);
 
-  Timeline timeline;
-  timeline.SetYear(o.year);
-  for (std::size_t i = 0; i < o.files.size(); ++i)
-    timeline.Add(
-        std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
-
-  // NO_COLOR (any value but empty) turns the automatic colour off.
-  const char* no_colour = std::getenv("NO_COLOR");
-  const bool colour = !o.json && !o.summary &&
-                      (o.colour == "always" || (o.colour == "auto" && !(no_colour && *no_colour) &&
-                                                StdoutIsColourTerminal()));
-  std::unique_ptr<Summary> summary;
-  std::unique_ptr<RecordSink> writer;
-  RecordSink* sink = nullptr;
+  int code = kExitOk;
   if (o.summary) {
-    summary = std::make_unique<Summary>(timeline, o.json);
-    sink = summary.get();
+    // One summary per machine (a JSON line each), the most serious status.
+    std::size_t first = 0;
+    for (const auto& machine : found.machines) {
+      const std::size_t n = machine.files.size();
+      const std::vector<std::string> files(o.files.begin() + first, o.files.begin() + first + n);
+      const std::vector<FormatChoice> machine_forms(forms.begin() + first,
+                                                    forms.begin() + first + n);
+      first += n;
+      code = std::max(code, Read(o, files, machine_forms, &machine.folder));
+      if (code == kUsageError) return kExitIo;
+    }
   } else {
-    if (o.json)
-      writer = std::make_unique<JsonWriter>(timeline);
-    else if (o.files.size() == 1 && !o.filters.any() && o.time == "record")
-      writer = std::make_unique<RawWriter>(colour);
-    else
-      writer = std::make_unique<LineWriter>(timeline, colour, o.time == "iso");
-    sink = writer.get();
+    code = Read(o, o.files, forms, nullptr);
+    if (code == kUsageError) return kExitIo;
   }
-  std::unique_ptr<TailWriter> tail;
-  if (o.lines >= 0) {
-    tail = std::make_unique<TailWriter>(static_cast<std::size_t>(o.lines), *sink);
-    sink = tail.get();
-  }
-  std::unique_ptr<RecordFilter> filter;
-  if (o.filters.any()) {
-    filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
-    // The summary reads every record, so that filters never split a session,
-    // and asks the filter which records to list and which sessions to show.
-    if (summary)
-      summary->SetFilter(filter.get());
-    else
-      sink = filter.get();
-  }
-
-  if (!o.follow) timeline.Load();
-  if (filter) {
-    if (std::string window = filter->Place(); !window.empty()) return Usage(window);
-  }
-  if (o.follow) return timeline.Follow(*sink);
-  int code = timeline.Merge(*sink);
-  if (summary) code = summary->Print();
+  if (!found.unreadable.empty())
+    code = o.summary ? std::max<int>(code, kExitIo) : Worse(code, kExitIo);
   if (!FlushOutput()) {
     std::fprintf(stderr, "logread: cannot write to standard output\n");
     return kExitIo;
