@@ -22,7 +22,7 @@ cmake --build build/fuzz -j "$jobs" --target qx_fuzz
 work=build/fuzz/fuzz/fuzz-work
 status=0
 summary=()
-for target in fuzz_logframe fuzz_action_params; do
+for target in fuzz_logframe fuzz_action_params fuzz_logread_summary; do
   exe=build/fuzz/fuzz/$target
   inputs=(fuzz/corpus/$target)
   [ -d fuzz/regressions/$target ] && inputs+=(fuzz/regressions/$target)

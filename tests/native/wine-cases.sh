@@ -12,7 +12,7 @@ fi
 prefix=$(mktemp -d)/prefix
 "$src/scripts/wine-prefix.sh" create "$prefix" || exit 1
 QX_LOGREAD="wine $exe" WINEPREFIX=$prefix WINEDEBUG=-all LC_ALL=C.UTF-8 \
-  "$tests" --gtest_filter=LogreadCli.CasesOfTheTable
+  "$tests" --gtest_filter=LogreadCli.CasesOfTheTable:LogreadCli.SummaryOfRecordedSessions
 status=$?
 "$src/scripts/wine-prefix.sh" stop "$prefix"
 rm -rf "$(dirname "$prefix")"
