@@ -12,6 +12,7 @@
 
 #include "FusionClient.h"
 #include "Logger.h"
+#include "ServiceNames.h"
 
 namespace {
 
@@ -22,8 +23,8 @@ constexpr wchar_t kProductKey[] = L"SOFTWARE\\Vantoq\\Quillomatic";
 constexpr wchar_t kAbilityValue[] = L"attention__ability";  // two underscores
 
 // Status word of the service.
-constexpr std::uint32_t kStatusStopped = 0x10000000;
-constexpr std::uint32_t kStatusActive = 0x10000001;
+constexpr std::uint32_t kStatusStopped = QX_STATUS_SUPPORTED_STOPPED;
+constexpr std::uint32_t kStatusActive = QX_STATUS_SUPPORTED_ACTIVE;
 constexpr std::uint32_t kStatusNotSupported = 0;
 constexpr std::uint32_t kNoAnswer = 0xFFFFFFFF;
 

@@ -10,16 +10,17 @@
 #include "AttentionFuntion.h"
 #include "CommonHelper.h"
 #include "Logger.h"
+#include "ServiceNames.h"
 
 namespace {
 
 // Same source name as the rest of the controller.
 constexpr wchar_t kLogSource[] = L"AttentionFuntion";
 
-constexpr wchar_t kServiceName[] = L"VantoqSensorFusion";
+constexpr wchar_t kServiceName[] = QX_SERVICE_NAME_W;
 constexpr wchar_t kNetCommand[] = L"net.exe";
 constexpr wchar_t kStopTofService[] = L"stop tof service";
-constexpr wchar_t kStartFusionService[] = L"start VantoqSensorFusion";
+constexpr wchar_t kStartFusionService[] = L"start " QX_SERVICE_NAME_W;
 constexpr wchar_t kStopFusionServ[] = L"stop SensorFusionServ";
 
 constexpr wchar_t kProductKey[] = L"SOFTWARE\\Vantoq\\Quillomatic";

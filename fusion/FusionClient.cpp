@@ -7,6 +7,7 @@
 #include "FusionRpc.h"
 #include "FusionSehGuard.h"
 #include "SensorLibLog.h"
+#include "ServiceNames.h"
 
 #include <process.h>
 
@@ -186,7 +187,7 @@ std::int32_t BindFusionService() {
   RPC_STATUS status = RpcStringBindingComposeW(
       nullptr, reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")), nullptr,
       reinterpret_cast<RPC_WSTR>(
-          const_cast<wchar_t*>(L"\\pipe\\Vantoq.SensorFusion.EndPoint_edc08f")),
+          const_cast<wchar_t*>(QX_SERVICE_ENDPOINT_W)),
       nullptr, &g_fusion.stringBinding);
   if (status == RPC_S_OK)
     status = RpcBindingFromStringBindingW(g_fusion.stringBinding, &g_fusion.bindingHandle);

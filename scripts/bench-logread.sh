@@ -119,11 +119,14 @@ echo "  (the filter keeps $kept of $records records: the JSON writer's worst cas
 big_run "merged, --level WAR,untagged, --json:" "$logread" --level WAR,untagged --json a.logdat b.logdat SensorLibLog.log
 big_run "merged, --summary:" "$logread" --summary a.logdat b.logdat SensorLibLog.log
 
-# Every file is read whole before the merge (its years depend on its newest
-# record): the peak memory of the merged run.
-peak=$(python3 -c '
+# The peak resident memory of a run (MiB): the merge and the summaries.
+# The summary's exit status tells its verdict, so it is not checked here.
+peak() {
+  python3 -c '
 import resource, subprocess, sys
-subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, check=True)
-print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss // 1024)' \
-  "$logread" a.logdat b.logdat SensorLibLog.log)
-echo "merged, one line each: peak resident memory $peak MiB"
+subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL)
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss // 1024)' "$@"
+}
+echo "merged, one line each: peak resident memory $(peak "$logread" a.logdat b.logdat SensorLibLog.log) MiB"
+echo "--summary: peak resident memory $(peak "$logread" --summary a.logdat b.logdat SensorLibLog.log) MiB"
+echo "--summary --json: peak resident memory $(peak "$logread" --summary --json a.logdat b.logdat SensorLibLog.log) MiB"

@@ -185,6 +185,31 @@ TEST(LogreadCli, CasesOfTheTable) {
   });
 }
 
+// The summary of sessions the plug-in recorded under Wine (data/sessions,
+// scripts/record-sessions.sh), as text and as JSON: the exit status, the
+// verdict's category, and the lines that carry the cause.
+TEST(LogreadCli, SummaryOfRecordedSessions) {
+  ForEachRow("sessions.txt", [](const std::vector<std::string>& c) {
+    ASSERT_EQ(5u, c.size());  // folder, options, exit, category, texts
+    Scratch dir;
+    const std::string folder = c[0].substr(0, c[0].find('/'));
+    fs::copy(kData / "sessions" / folder, dir.path / folder, fs::copy_options::recursive);
+    const Tool text(dir.path, "--summary " + c[1] + " " + c[0]);
+    const std::string out = Read(dir.path / "out");
+    EXPECT_EQ(std::stoi(c[2]), text.code) << out << Read(dir.path / "err");
+    for (const auto& line : Split(c[4], ';'))
+      EXPECT_EQ(line[0] == '!', out.find(line.substr(line[0] == '!')) == std::string::npos)
+          << line << " in:\n"
+          << out;
+    const Tool json(dir.path, "--summary --json " + c[1] + " " + c[0]);
+    const std::string verdict = Read(dir.path / "out");
+    EXPECT_EQ(std::stoi(c[2]), json.code);
+    const std::size_t at = verdict.find("\"verdict\":");
+    EXPECT_EQ("\"category\":\"" + c[3] + "\"",
+              verdict.substr(verdict.find("\"category\":", at), 13 + c[3].size()));
+  });
+}
+
 // The bytes of a step of follow.txt: KIND "frame", "plain" or "hex" of TEXT,
 // "[:N]" after it the first N of them, "[N:]" all but the first N.
 std::string Bytes(const std::string& kind, const std::string& text) {

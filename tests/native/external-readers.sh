@@ -26,11 +26,15 @@ touch -d '2026-11-20 12:00' QXAttentionPlugin.log SensorLibLog.log
 
   echo "== jq: summary, and the fleet query of docs/logread.md over two machines"
   mkdir -p logs/a logs/b
-  "$logread" --summary --json QXAttentionPlugin.log SensorLibLog.log > logs/a/summary.json
-  "$logread" --summary --json "$data/causes-plugin.txt" "$data/causes-sensor.log" > logs/b/summary.json
-  jq -s -c 'group_by([.verdict.state, .verdict.reason, .verdict.code])
-           | map({state: .[0].verdict.state, reason: .[0].verdict.reason,
-                  code: .[0].verdict.code, machines: length})' logs/*/summary.json
+  # The exit status tells the verdict: 4 attention off for a cause shown.
+  "$logread" --summary --json QXAttentionPlugin.log SensorLibLog.log > logs/a/summary.json || echo "exit $?"
+  "$logread" --summary --json "$data/causes-plugin.txt" "$data/causes-sensor.log" > logs/b/summary.json || echo "exit $?"
+  jq -s -c 'group_by(.verdict.category) | map({category: .[0].verdict.category, machines: length})' \
+    logs/*/summary.json
+  # A fleet in one command: a folder of machines' folders, a JSON line each.
+  "$logread" --summary --json "$data/sessions" 2>/dev/null > fleet.jsonl || echo "exit $?"
+  jq -s -c 'group_by(.verdict.category) | map({category: .[0].verdict.category, machines: length})' \
+    fleet.jsonl
   # Each session's chain of causes (keys), its failures' codes, its sensor lines.
   jq -c '.sessions[] | [.state, .code, (.causes | map(.key)), (.failures | map(.code)), .sensor_lines]' \
     logs/b/summary.json

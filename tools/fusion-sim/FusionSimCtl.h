@@ -38,8 +38,10 @@
 #include <string>
 #include <vector>
 
-constexpr wchar_t kFusionSimServiceName[] = L"VantoqSensorFusion";
-constexpr wchar_t kFusionSimEndpoint[] = L"\\pipe\\Vantoq.SensorFusion.EndPoint_edc08f";
+#include "ServiceNames.h"
+
+constexpr wchar_t kFusionSimServiceName[] = QX_SERVICE_NAME_W;
+constexpr wchar_t kFusionSimEndpoint[] = QX_SERVICE_ENDPOINT_W;
 constexpr wchar_t kFusionSimStateName[] = L"Global\\Vantoq.SensorFusionSim.State";
 constexpr wchar_t kFusionSimMutexName[] = L"Global\\Vantoq.SensorFusionSim.Lock";
 constexpr wchar_t kFusionSimCommandName[] = L"Global\\Vantoq.SensorFusionSim.Command";

@@ -234,12 +234,32 @@ void LogSource::StartOver() {
                                                   : logframe::LogFormat::kLogdat;
   splitter_ = logrecord::RecordSplitter(form());
   status_ = kExitOk;
+  line_.clear();
+  text_offset_ = nul_bytes_ = nul_runs_ = first_nul_ = 0;
+  cut_lines_ = foreign_lines_ = first_foreign_ = 0;
+  in_nul_run_ = false;
 }
 
 bool LogSource::OpenForReading() {
   opened_ = true;
   buffer_.resize(kChunk);
-  if (name_ == "-") return true;
+  if (name_ == "-") {
+    // Standard input goes through zlib too, which passes text that is not
+    // gzip through as it is: a .gz file may come on standard input.
+#ifdef _WIN32
+    const int fd = _dup(_fileno(stdin));
+#else
+    const int fd = dup(fileno(stdin));
+#endif
+    gz_ = fd < 0 ? nullptr : gzdopen(fd, "rb");
+    if (!gz_) {
+      Error(name_, "cannot read standard input");
+      status_ = kExitIo;
+      return false;
+    }
+    gzbuffer(static_cast<gzFile>(gz_), 128 * 1024);
+    return true;
+  }
   file_ = std::make_unique<InputFile>();
   std::string error;
   bool missing = false;
@@ -321,14 +341,7 @@ bool LogSource::ReadMore(std::vector<std::string>& records) {
     return false;
   }
   std::size_t got = 0;
-  if (name_ == "-") {
-    got = std::fread(buffer_.data(), 1, buffer_.size(), stdin);
-    if (got < buffer_.size() && std::ferror(stdin)) {
-      Error(name_, "cannot read standard input");
-      status_ = kExitIo;
-      done_ = true;
-    }
-  } else if (gz_) {
+  if (gz_) {
     const int n =
         gzread(static_cast<gzFile>(gz_), buffer_.data(), static_cast<unsigned>(buffer_.size()));
     if (n < 0) {
@@ -342,6 +355,9 @@ bool LogSource::ReadMore(std::vector<std::string>& records) {
       done_ = true;
     } else {
       got = static_cast<std::size_t>(n);
+      int code = Z_OK;
+      if (n == 0) gzerror(static_cast<gzFile>(gz_), &code);
+      gz_truncated_ = code == Z_BUF_ERROR;  // "unexpected end of file"
     }
   } else {
     std::string error;
@@ -381,8 +397,18 @@ int LogSource::Finish(std::vector<std::string>& records) {
     Decode(head.data(), head.size(), records);
   }
   // Plain text read before an error is handed back all the same.
-  if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.Flush(records);
+  int text = kExitOk;
+  if (format_known_ && format_ != logframe::LogFormat::kLogdat) {
+    if (choice_ == FormatChoice::kAuto) text = EndText();
+    splitter_.Flush(records);
+  }
   if (status_ != kExitOk) return status_;
+  if (gz_truncated_) {
+    Note(name_, "the compressed stream ends early: the end of the file is missing (" +
+                    std::to_string(offset_) + " bytes unpacked)");
+    return kExitTorn;
+  }
+  if (text != kExitOk) return text;
   if (format_ == logframe::LogFormat::kLogdat && decoder_.has_partial_frame()) {
     std::string text = "torn last frame at offset " + std::to_string(decoder_.frame_offset()) +
                        ": " + std::to_string(decoder_.pending_bytes()) + " of ";
@@ -489,7 +515,11 @@ bool LogSource::Consume(const char* data, std::size_t size, std::vector<std::str
 
 bool LogSource::Decode(const char* data, std::size_t size, std::vector<std::string>& records) {
   if (format_ != logframe::LogFormat::kLogdat) {
-    splitter_.Feed(data, size, records);
+    // A form forced on the command line copies the file as it is.
+    if (choice_ == FormatChoice::kAuto)
+      TakeText(data, size, records);
+    else
+      splitter_.Feed(data, size, records);
     return true;
   }
   frames_.clear();
@@ -501,6 +531,72 @@ bool LogSource::Decode(const char* data, std::size_t size, std::vector<std::stri
     return false;
   }
   return true;
+}
+
+void LogSource::TakeText(const char* data, std::size_t size, std::vector<std::string>& records) {
+  for (std::size_t i = 0; i < size;) {
+    if (data[i] == '\0') {
+      std::size_t end = i;
+      while (end < size && data[end] == '\0') ++end;
+      if (!in_nul_run_) {
+        if (nul_runs_++ == 0) first_nul_ = text_offset_;
+        if (!line_.empty()) ++cut_lines_;  // the line the NUL bytes cut off
+        line_.clear();
+      }
+      in_nul_run_ = end == size;
+      nul_bytes_ += end - i;
+      text_offset_ += end - i;
+      i = end;
+      continue;
+    }
+    in_nul_run_ = false;
+    std::size_t end = i;
+    while (end < size && data[end] != '\n' && data[end] != '\0') ++end;
+    const bool whole = end < size && data[end] == '\n';
+    line_.append(data + i, end - i + (whole ? 1 : 0));
+    text_offset_ += end - i + (whole ? 1 : 0);
+    i = end + (whole ? 1 : 0);
+    if (whole) TakeLine(records);
+  }
+}
+
+void LogSource::TakeLine(std::vector<std::string>& records) {
+  const std::string_view line = line_;
+  const bool empty = line == "\n" || line == "\r\n";
+  if (empty || logrecord::StartsRecord(form(), line)) {
+    splitter_.Feed(line_.data(), line_.size(), records);
+  } else {
+    if (foreign_lines_++ == 0) first_foreign_ = text_offset_ - line_.size();
+    splitter_.FlushLines(records);
+    records.push_back(line_);
+  }
+  line_.clear();
+}
+
+int LogSource::EndText() {
+  int status = kExitOk;
+  if (!line_.empty()) {
+    Note(name_, "last line has no line end: " + std::to_string(line_.size()) + " bytes at offset " +
+                    std::to_string(text_offset_ - line_.size()) + " ignored");
+    line_.clear();
+    status = kExitTorn;
+  }
+  if (nul_runs_) {
+    Note(name_, std::to_string(nul_bytes_) + " NUL bytes in " + std::to_string(nul_runs_) +
+                    (nul_runs_ == 1 ? " run" : " runs") + " skipped (the first at offset " +
+                    std::to_string(first_nul_) + ")" +
+                    (cut_lines_ ? ", " + std::to_string(cut_lines_) +
+                                      " unfinished line(s) before them ignored"
+                                : ""));
+    status = kExitTorn;
+  }
+  if (foreign_lines_) {
+    Note(name_, std::to_string(foreign_lines_) +
+                    " line(s) that are not records (the first at offset " +
+                    std::to_string(first_foreign_) + ")");
+    status = kExitTorn;
+  }
+  return status;
 }
 
 }  // namespace logread

@@ -81,6 +81,15 @@ class LogSource {
   void StartOver();
   bool Consume(const char* data, std::size_t size, std::vector<std::string>& records);
   bool Decode(const char* data, std::size_t size, std::vector<std::string>& records);
+  // Plain text, guarded against damage: whole lines go to the splitter; a NUL
+  // run is skipped with the unfinished line before it; a line that neither
+  // starts a record nor is the empty line that ends a message of its own
+  // stands alone (it never joins the record before it).
+  void TakeText(const char* data, std::size_t size, std::vector<std::string>& records);
+  void TakeLine(std::vector<std::string>& records);
+  // The end of the text: an unfinished last line is dropped; the notes on
+  // the damage found. Returns kExitTorn when there was any.
+  int EndText();
   bool OpenForReading();
 
   PathString path_;
@@ -92,6 +101,12 @@ class LogSource {
   logframe::LogFormat format_ = logframe::LogFormat::kLogdat;
   std::string head_;  // first bytes while the form is not yet known
   logrecord::RecordSplitter splitter_;
+  // Plain text: the unfinished line, the offset of the text taken, the damage.
+  std::string line_;
+  std::uint64_t text_offset_ = 0;
+  std::uint64_t nul_bytes_ = 0, nul_runs_ = 0, first_nul_ = 0;
+  std::uint64_t cut_lines_ = 0, foreign_lines_ = 0, first_foreign_ = 0;
+  bool in_nul_run_ = false;
   logframe::FrameDecoder decoder_;
   std::vector<logframe::Record> frames_;
   std::uint64_t offset_ = 0;  // bytes of the file consumed
@@ -102,7 +117,8 @@ class LogSource {
   bool done_ = false;
   std::vector<char> buffer_;
   std::unique_ptr<InputFile> file_;
-  void* gz_ = nullptr;  // gzFile of a ".gz" file
+  void* gz_ = nullptr;         // gzFile of a ".gz" file, or of standard input
+  bool gz_truncated_ = false;  // the compressed stream ended early
 
   // Following only.
   FileId id_;

@@ -20,9 +20,12 @@
 #pragma once
 
 #include "RecordFilter.h"
+#include "SummaryVerdict.h"
 #include "Timeline.h"
 
 #include <cstdint>
+#include <cstdio>
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,30 +33,50 @@
 
 namespace logread {
 
+// At most kHead first and kTail last entries of a list that may grow with
+// the size of the logs, and how many were left out between them: the summary
+// of 100 MiB of logs stays small.
+template <class T>
+class Bounded {
+ public:
+  static constexpr std::size_t kHead = 20, kTail = 30;
+  void push_back(T item) {
+    if (head_.size() < kHead) return head_.push_back(std::move(item));
+    tail_.push_back(std::move(item));
+    if (tail_.size() > kTail) tail_.pop_front(), ++omitted_;
+  }
+  bool empty() const { return head_.empty(); }
+  T& back() { return tail_.empty() ? head_.back() : tail_.back(); }
+  std::size_t size() const { return head_.size() + tail_.size() + omitted_; }
+  std::size_t omitted() const { return omitted_; }
+  // Calls f(item) on the kept entries in order, and gap(n) where n were left out.
+  template <class F, class G>
+  void Each(F f, G gap) const {
+    for (const T& item : head_) f(item);
+    if (omitted_) gap(omitted_);
+    for (const T& item : tail_) f(item);
+  }
+
+ private:
+  std::vector<T> head_;
+  std::deque<T> tail_;
+  std::size_t omitted_ = 0;
+};
+
 class Summary : public RecordSink {
  public:
-  explicit Summary(const Timeline& timeline) : timeline_(timeline) {}
+  // `json`: the report is one JSON object, else text for a person.
+  Summary(const Timeline& timeline, bool json);
+  ~Summary() override;
   // The command line's filters (placed on the timeline before the records
   // come), or none.
   void SetFilter(const RecordFilter* filter) { filter_ = filter; }
+  // The machine's folder the files came from ("": the files were named).
+  void SetMachine(std::string folder) { machine_ = std::move(folder); }
   void Write(const Record& record) override;
 
-  void PrintText();
-  void PrintJson();
-
-  // The meaning of a Windows error code as the fusion client's exception and
-  // binding lines carry it ("" when it is not one of those the client meets).
-  static std::string ErrorName(long long code);
-  // The meaning of a result code of the fusion client's InitFusion.
-  static std::string InitFusionName(long long code);
-
-  // One link of a chain of causes: a key for queries, the code it carries,
-  // and what it means.
-  struct Cause {
-    std::string key;
-    std::optional<long long> code;
-    std::string text;
-  };
+  // Writes the report; returns the verdict's exit status (SummaryVerdict.h).
+  int Print();
 
  private:
   struct Event {
@@ -81,74 +104,63 @@ class Summary : public RecordSink {
     Event first, last;
     long count = 0;
   };
-  // What the records of a session say about attention, from every record.
-  struct State {
-    bool init = false;  // an "init" began
-    bool init_finished = false;
-    int ability = -1;                      // "ability: %d"
-    int cache_flag = -1, cache_word = 0;   // "CheckAttentionAbility  begin reg=%d dw:%d"
-    bool cache_word_known = false;         // that record was written (DBG)
-    std::optional<long long> query;        // "CheckAttentionAbility InitFusion %x"
-    std::optional<long long> answer;       // the status the service answered (-1: none)
-    std::optional<long long> init_fusion;  // the last "attention_init initfusion(2) %x"
-    bool retried = false;
-    int check_ret = -1;
-    unsigned check_state = 0;
-    std::vector<int> commands;                     // net.exe exit codes of this "init"
-    std::vector<Cause> init_faults, start_faults;  // the sensor library's failures
-    bool starting = false;                         // a start is the latest operation
-    std::optional<long long> registry_status, registry_delay;
-    std::optional<long long> status, delay;
-    int enabled = -1;
-    int start = 0;  // 0 none, 1 started, 2 refused (not enabled), 3 failed
-    long long start_code = 0;
-    bool closed = false;
-  };
   struct Session {
-    bool from_init = false;
     std::size_t number = 0;
     std::string file;  // the file of the record that started it
     bool timed = false;
     Civil first = 0, last = 0;
     logrecord::Time first_time, last_time;
     long records = 0;
-    long sensor_lines = 0;
     std::string sensor_version;
-    std::vector<Init> inits;
+    Bounded<Init> inits;
     long closes = 0;
-    std::vector<Event> service, ability, changes;
-    std::vector<Change> change_values;
-    std::vector<Civil> reports;
-    std::vector<Failure> failures;
+    Bounded<Event> service, ability, changes;
+    Bounded<Change> change_values;
+    long reports = 0;
+    std::vector<Failure> failures;  // one per message and meaning
     std::map<std::string, std::size_t> failure_index;
     std::optional<long long> pending_delay;
     // The service commands of the current "init" listed, named when
     // InitFusion's record shows that they are over.
     std::vector<std::pair<Event, int>> commands;
-    State state;
+    Facts state;
   };
-  struct Verdict {
-    std::string state;  // "on", "off", "unknown"
-    std::vector<Cause> chain;
-    std::vector<std::string> todo;
+  // What the report keeps of the newest session shown, for the verdict.
+  struct Newest {
+    std::size_t number = 0;
+    bool timed = false;
+    Civil first = 0;
+    Verdict verdict;
   };
 
   Session& Current(const Record& record);
   void NameCommands(Session& s, bool over, bool connected);
-  void Finish();
+  // A session is over: it is reported (when shown) and forgotten.
+  void Close(Session& s, bool newest, Civil next_start);
   void Fail(Session& s, const Event& at, std::string_view message, std::string meaning,
             std::optional<long long> code = std::nullopt);
   void PluginRecord(Session& s, const Record& r, bool listed);
   void SensorRecord(Session& s, const Record& r, bool listed);
-  std::vector<const Session*> Shown() const;
-  Verdict Decide(const Session& s) const;
+  Facts FactsOf(const Session& s) const;
   std::vector<std::pair<std::string, std::string>> Damage() const;
+  // The reports (SummaryReport.cpp).
+  std::string SessionText(const Session& s, const Verdict& v) const;
+  std::string SessionJson(const Session& s, const Verdict& v) const;
+  void Keep(const std::string& text);  // a session's report, until the verdict is out
+  int PrintText();
+  int PrintJson();
 
   const Timeline& timeline_;
+  const bool json_;
   const RecordFilter* filter_ = nullptr;
-  bool sensor_file_ = false;  // a sensor library log is among the files
-  std::vector<Session> sessions_;
-  bool finished_ = false;
+  std::string machine_;
+  bool sensor_file_ = false;        // a sensor library log is among the files
+  bool plugin_file_ = false;        // a plug-in log is among the files
+  std::optional<Session> session_;  // the session being read
+  std::size_t sessions_ = 0, shown_ = 0;
+  std::optional<Newest> newest_;
+  std::FILE* kept_ = nullptr;   // the reports of the sessions shown (a temporary file)
+  std::string kept_in_memory_;  // or here, when no temporary file can be made
 };
 
 }  // namespace logread

@@ -82,8 +82,9 @@ constexpr char kFooter[] =
     "  sensor library's lines and version, and every failure with its code named.\n"
     "  Sessions come from every record: --level, --thread and --source choose what\n"
     "  is listed, --since and --until the sessions shown (those overlapping the\n"
-    "  window). With --json, one JSON object on one line (files, verdict, sessions;\n"
-    "  times with the year), for fleet queries.\n"
+    "  window). With --json, one JSON object on one line (machine, files, verdict,\n"
+    "  sessions; times with the year), for fleet queries. Exit status: 4 attention\n"
+    "  off for a cause the records show, 5 they cannot tell (see logread.md).\n"
     "\n"
     "Time: the records carry no year. A file only grows forward in time: a\n"
     "record whose month comes before the month of the record before it starts a\n"
@@ -102,7 +103,8 @@ constexpr char kFooter[] =
     "compressed with gzip is read as it is decompressed. A subfolder that cannot be\n"
     "read is reported (exit 1) and the rest is read. A folder of several machines'\n"
     "folders: the records are merged, each line naming its file (whose path names\n"
-    "the machine's folder); --summary takes one machine's folder.\n"
+    "the machine's folder); --summary sums up each machine on its own (one JSON\n"
+    "line each with --json, \"machine\" naming its folder).\n"
     "\n"
     "Torn and corrupt files: a frame cut short at the end of a file (the logger was\n"
     "stopped between its two writes, or the file was deleted at its size limit\n"
@@ -273,6 +275,68 @@ int Usage(const std::string& error) {
   return kExitIo;
 }
 
+constexpr int kUsageError = -1;
+
+// Reads `files` (of one machine, with --summary) and writes them out as the
+// options say; the exit status, or kUsageError after a usage error's message.
+int Read(const Options& o, const std::vector<std::string>& files,
+         const std::vector<FormatChoice>& forms, const std::string* machine) {
+  Timeline timeline;
+  timeline.SetYear(o.year);
+  for (std::size_t i = 0; i < files.size(); ++i)
+    timeline.Add(std::make_unique<LogSource>(NativePath(files[i]), files[i], forms[i], o.follow));
+
+  // NO_COLOR (any value but empty) and TERM=dumb turn the automatic colour off.
+  const char* no_colour = std::getenv("NO_COLOR");
+  const char* term = std::getenv("TERM");
+  const bool colour = !o.json && !o.summary &&
+                      (o.colour == "always" ||
+                       (o.colour == "auto" && !(no_colour && *no_colour) &&
+                        !(term && std::string(term) == "dumb") && StdoutIsColourTerminal()));
+  std::unique_ptr<Summary> summary;
+  std::unique_ptr<RecordSink> writer;
+  RecordSink* sink = nullptr;
+  if (o.summary) {
+    summary = std::make_unique<Summary>(timeline, o.json);
+    if (machine) summary->SetMachine(*machine);
+    sink = summary.get();
+  } else {
+    if (o.json)
+      writer = std::make_unique<JsonWriter>(timeline);
+    else if (files.size() == 1 && !o.filters.any() && o.time == "record")
+      writer = std::make_unique<RawWriter>(colour);
+    else
+      writer = std::make_unique<LineWriter>(timeline, colour, o.time == "iso");
+    sink = writer.get();
+  }
+  std::unique_ptr<TailWriter> tail;
+  if (o.lines >= 0) {
+    tail = std::make_unique<TailWriter>(static_cast<std::size_t>(o.lines), *sink);
+    sink = tail.get();
+  }
+  std::unique_ptr<RecordFilter> filter;
+  if (o.filters.any()) {
+    filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
+    // The summary reads every record, so that filters never split a session,
+    // and asks the filter which records to list and which sessions to show.
+    if (summary)
+      summary->SetFilter(filter.get());
+    else
+      sink = filter.get();
+  }
+
+  if (!o.follow) timeline.Load();
+  if (filter) {
+    if (std::string window = filter->Place(); !window.empty()) {
+      Usage(window);
+      return kUsageError;
+    }
+  }
+  if (o.follow) return timeline.Follow(*sink);
+  const int code = timeline.Merge(*sink);
+  return summary ? summary->Print() : code;
+}
+
 int Run(int argc, char** argv) {
   Options o;
   CLI::App app(kDescription, "logread");
@@ -378,74 +442,29 @@ int Run(int argc, char** argv) {
   }
   if (error.empty() && o.summary && o.lines >= 0)
     error = "-n picks records to print; --summary reads them all";
-  if (error.empty() && o.summary && found.machines.size() > 1) {
-    error = "--summary sums up one machine; the folders given hold the logs of " +
-            std::to_string(found.machines.size()) + ":";
-    for (const auto& machine : found.machines)
-      error +=
-          "\n  " + (machine.folder.empty() ? std::string("(the files named)") : machine.folder);
-  }
   if (!error.empty()) return Usage(error);
   SetQuiet(o.quiet);
   for (const auto& folder : found.unreadable) Error("", folder);
 
-  Timeline timeline;
-  timeline.SetYear(o.year);
-  for (std::size_t i = 0; i < o.files.size(); ++i)
-    timeline.Add(
-        std::make_unique<LogSource>(NativePath(o.files[i]), o.files[i], forms[i], o.follow));
-
-  // NO_COLOR (any value but empty) and TERM=dumb turn the automatic colour off.
-  const char* no_colour = std::getenv("NO_COLOR");
-  const char* term = std::getenv("TERM");
-  const bool colour = !o.json && !o.summary &&
-                      (o.colour == "always" ||
-                       (o.colour == "auto" && !(no_colour && *no_colour) &&
-                        !(term && std::string(term) == "dumb") && StdoutIsColourTerminal()));
-  std::unique_ptr<Summary> summary;
-  std::unique_ptr<RecordSink> writer;
-  RecordSink* sink = nullptr;
+  int code = kExitOk;
   if (o.summary) {
-    summary = std::make_unique<Summary>(timeline);
-    sink = summary.get();
+    // One summary per machine (a JSON line each), the most serious status.
+    std::size_t first = 0;
+    for (const auto& machine : found.machines) {
+      const std::size_t n = machine.files.size();
+      const std::vector<std::string> files(o.files.begin() + first, o.files.begin() + first + n);
+      const std::vector<FormatChoice> machine_forms(forms.begin() + first,
+                                                    forms.begin() + first + n);
+      first += n;
+      code = std::max(code, Read(o, files, machine_forms, &machine.folder));
+      if (code == kUsageError) return kExitIo;
+    }
   } else {
-    if (o.json)
-      writer = std::make_unique<JsonWriter>(timeline);
-    else if (o.files.size() == 1 && !o.filters.any() && o.time == "record")
-      writer = std::make_unique<RawWriter>(colour);
-    else
-      writer = std::make_unique<LineWriter>(timeline, colour, o.time == "iso");
-    sink = writer.get();
+    code = Read(o, o.files, forms, nullptr);
+    if (code == kUsageError) return kExitIo;
   }
-  std::unique_ptr<TailWriter> tail;
-  if (o.lines >= 0) {
-    tail = std::make_unique<TailWriter>(static_cast<std::size_t>(o.lines), *sink);
-    sink = tail.get();
-  }
-  std::unique_ptr<RecordFilter> filter;
-  if (o.filters.any()) {
-    filter = std::make_unique<RecordFilter>(timeline, o.filters, *sink);
-    // The summary reads every record, so that filters never split a session,
-    // and asks the filter which records to list and which sessions to show.
-    if (summary)
-      summary->SetFilter(filter.get());
-    else
-      sink = filter.get();
-  }
-
-  if (!o.follow) timeline.Load();
-  if (filter) {
-    if (std::string window = filter->Place(); !window.empty()) return Usage(window);
-  }
-  if (o.follow) return timeline.Follow(*sink);
-  int code = timeline.Merge(*sink);
-  if (!found.unreadable.empty()) code = Worse(code, kExitIo);
-  if (summary) {
-    if (o.json)
-      summary->PrintJson();
-    else
-      summary->PrintText();
-  }
+  if (!found.unreadable.empty())
+    code = o.summary ? std::max<int>(code, kExitIo) : Worse(code, kExitIo);
   if (!FlushOutput()) {
     std::fprintf(stderr, "logread: cannot write to standard output\n");
     return kExitIo;
