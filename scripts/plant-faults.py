@@ -12,6 +12,7 @@ interrupted; the last step rebuilds the unchanged tree.
   scripts/plant-faults.py                 all faults (about 3 minutes each)
   scripts/plant-faults.py --only 3,7      some of them
   scripts/plant-faults.py --list          the faults, without running anything
+  scripts/plant-faults.py --only 9 --tests release   and only the ctest entries that match
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
 Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
@@ -112,6 +113,26 @@ FAULTS = [
      [("attention/AttentionFuntion.cpp",
        "g_attentionWorking = 1;",
        "g_attentionWorking = result == 0;")]),
+    ("THIRD-PARTY-NOTICES: zlib named for qxhost.exe instead of logread.exe",
+     [("THIRD-PARTY-NOTICES",
+       "zlib; linked into: logread.exe",
+       "zlib; linked into: qxhost.exe")]),
+    ("a development build without the pre-release flag",
+     [("cmake/Version.cmake",
+       "set(QX_RC_FLAGS VS_FF_PRERELEASE)",
+       "set(QX_RC_FLAGS 0)")]),
+    ("a development build claiming the bare release number",
+     [("cmake/Version.cmake",
+       "set(QX_VERSION_STRING ${PROJECT_VERSION}-dev+${_qx_short})",
+       "set(QX_VERSION_STRING ${PROJECT_VERSION})")]),
+    ("the archive's test build is the authenticated DLL",
+     [("cmake/Release.cmake",
+       "--strip-debug $<TARGET_FILE:QXAttentionPluginNoAuth>",
+       "--strip-debug $<TARGET_FILE:QXAttentionPlugin>")]),
+    ("the checksums' signature made over the inner list instead of SHA256SUMS",
+     [("scripts/checksums.sh",
+       '--output "$dist/SHA256SUMS.asc" "$dist/SHA256SUMS"',
+       '--output "$dist/SHA256SUMS.asc" "$dist/$zip.contents.sha256"')]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
@@ -179,11 +200,14 @@ def build(log):
     return True
 
 
+CTEST_ARGS = []
+
+
 def failures(log):
     """Runs both test suites; returns the failing ctest entries and GoogleTest cases."""
     failed = []
     for tree in sorted(TREES, reverse=True):
-        _, out = run(["ctest", "--output-on-failure"], ROOT / tree, log)
+        _, out = run(["ctest", "--output-on-failure"] + CTEST_ARGS, ROOT / tree, log)
         entries = re.findall(r"^\s*\d+ - (\S+) \(", out, re.M)
         cases = sorted(set(re.findall(r"^\[  FAILED  \] ([A-Za-z0-9_/]+\.[A-Za-z0-9_/]+)", out, re.M)))
         failed += [(tree, e) for e in entries]
@@ -197,6 +221,7 @@ def main():
     ap.add_argument("--list", action="store_true", help="list the faults and exit")
     ap.add_argument("--trees", help="comma-separated build trees to rebuild and test"
                     " (default: build/win,build/native; build/native alone for logread's faults)")
+    ap.add_argument("--tests", help="run only the ctest entries that match this regex (ctest -R)")
     ap.add_argument("--markdown", help="write a markdown table of the results to this file")
     ap.add_argument("--log", default=str(ROOT / "build" / "plant-faults.log"),
                     help="where the build and test output goes (default: build/plant-faults.log)")
@@ -207,6 +232,8 @@ def main():
             print(f"{n:2}. {what}")
         return 0
     global TREES
+    if args.tests:
+        CTEST_ARGS.extend(["-R", args.tests])
     if args.trees:
         TREES = tuple(args.trees.split(","))
     chosen = range(1, len(FAULTS) + 1)
