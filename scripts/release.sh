@@ -37,21 +37,6 @@ scripts/install-deps.sh
 
 version=$(sed -n 's/^project(QXAttentionPlugin VERSION \([0-9][0-9.]*\).*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || { echo "release: no project(... VERSION x.y.z) in CMakeLists.txt" >&2; exit 1; }
-# The release trees live at one fixed path, whatever folder the checkout is in:
-# the linker writes the build tree's object paths into the PDBs (resolved, so a
-# symbolic link does not help), and two builds of one commit must give the same
-# PDB bytes. A lock makes release builds on one machine take turns there.
-build=${QX_RELEASE_BUILD:-/var/tmp/qx-release}
-mkdir -p "$(dirname "$build")"
-exec 7>"$build.lock"
-if ! flock -n 7; then
-  echo "release: waiting for another release build in $build"
-  flock 7
-fi
-[ -n "${QX_RELEASE_BUILD:-}" ] || rm -rf "$build"
-dist=${QX_DIST:-$root/dist}
-jobs=${QX_JOBS:-$(nproc)}
-
 commit=unknown
 dirty=""
 if git rev-parse --git-dir >/dev/null 2>&1; then
@@ -76,6 +61,22 @@ else
   version=$version-dev+${commit:0:12}
   echo "release: a development build ($version); QX_RELEASE=1 makes a release"
 fi
+
+# The release trees live at one fixed path, whatever folder the checkout is in:
+# the linker writes the build tree's object paths into the PDBs (resolved, so a
+# symbolic link does not help), and two builds of one commit must give the same
+# PDB bytes. A lock makes release builds on one machine take turns there.
+build=${QX_RELEASE_BUILD:-/var/tmp/qx-release}
+mkdir -p "$(dirname "$build")"
+exec 7>"$build.lock"
+if ! flock -n 7; then
+  echo "release: waiting for another release build in $build"
+  flock 7
+fi
+[ -n "${QX_RELEASE_BUILD:-}" ] || rm -rf "$build"
+dist=${QX_DIST:-$root/dist}
+jobs=${QX_JOBS:-$(nproc)}
+
 zip_name=QXAttentionPlugin-$version-win64.zip
 : "${SOURCE_DATE_EPOCH:?release: not a git checkout: set SOURCE_DATE_EPOCH}"
 export SOURCE_DATE_EPOCH
