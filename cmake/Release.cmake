@@ -1,28 +1,42 @@
 # What ships, and how it is packaged (scripts/release.sh drives it).
 #
 # Windows build:
-#  - a VERSIONINFO resource (project version, "Vantoq") in the DLL and in every
-#    shipped .exe;
+#  - a VERSIONINFO resource (version and commit from cmake/Version.cmake,
+#    "Vantoq", the licence) in the DLL and in every shipped .exe;
 #  - stripped copies of the shipped binaries in ship/bin, their debug
 #    information in ship/debug/NAME.debug, linked by a .gnu_debuglink section,
 #    and their PDBs in a symbol store, ship/symbols;
 #  - the import libraries in ship/lib: the GNU one from the link and an
 #    MSVC-format QXAttentionPlugin.lib written by llvm-dlltool from the .def;
+#  - the test build of the DLL without RPC authentication, stripped, as
+#    ship/test/QXAttentionPlugin-TEST-noauth.dll (its version resource says it
+#    is for trying the plug-in with fusion-sim and not for redistribution);
+#  - a link map of every shipped binary in linkmap/NAME.map, from which
+#    packaging/check-notices.py learns what each one links;
 #  - install() rules and CPack for QXAttentionPlugin-<version>-win64.zip.
 # Native build: install() and CPack (DEB) for qx-logread_<version>_amd64.deb.
 #
-# The test variant QXAttentionPlugin-noauth.dll gets a version resource, but
-# no install() rule: packaging/StageFiles.cmake also refuses a staged tree that
-# holds it.
+# The source tree builds the test variant as QXAttentionPlugin-noauth.dll (the
+# tests load it by that name); only its stripped copy under its TEST name is
+# packed. packaging/StageFiles.cmake refuses any other copy of it.
 include_guard(GLOBAL)
 
 set(QX_PRODUCT_NAME "QX Attention Plug-in")
 set(QX_SHIP_DIR ${CMAKE_BINARY_DIR}/ship)
+set(QX_LINKMAP_DIR ${CMAKE_BINARY_DIR}/linkmap)
+set(QX_TEST_DLL QXAttentionPlugin-TEST-noauth.dll)
+
+# qx_link_map(TARGET FILE): the linker writes linkmap/FILE.map, the archives and
+# objects it took in (packaging/check-notices.py reads it).
+function(qx_link_map target file)
+  file(MAKE_DIRECTORY ${QX_LINKMAP_DIR})
+  target_link_options(${target} PRIVATE -Wl,-Map=${QX_LINKMAP_DIR}/${file}.map)
+endfunction()
 
 set(CPACK_PACKAGE_NAME QXAttentionPlugin)
 set(CPACK_PACKAGE_VENDOR Vantoq)
 set(CPACK_PACKAGE_CONTACT Vantoq)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_VERSION ${QX_VERSION_STRING})
 # Time stamps and modes of the staged files, and the check for the test variant.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/packaging/StageFiles.cmake)
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -30,6 +44,11 @@ set(CPACK_VERBATIM_VARIABLES ON)
 if(NOT WIN32)
   # logread for the support engineers' Linux machines.
   install(TARGETS logread RUNTIME DESTINATION bin)
+  qx_link_map(logread logread)
+  # Debian's machine-readable copyright file: the project's licence and those of
+  # the code compiled into logread (packaging/check-notices.py keeps it true).
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb-copyright DESTINATION share/doc/qx-logread
+          RENAME copyright)
   # The reader's guide, the record list and the lnav formats.
   install(FILES ${CMAKE_SOURCE_DIR}/docs/logread.md ${CMAKE_SOURCE_DIR}/docs/log-records.md
           DESTINATION share/doc/qx-logread)
@@ -38,6 +57,7 @@ if(NOT WIN32)
   set(CPACK_GENERATOR DEB)
   set(CPACK_STRIP_FILES ON)
   set(CPACK_DEBIAN_PACKAGE_NAME qx-logread)
+  set(CPACK_DEBIAN_PACKAGE_VERSION ${QX_DEB_VERSION})
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SECTION utils)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -54,11 +74,14 @@ endif()
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 find_program(QX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-19 llvm-dlltool-14 REQUIRED)
 
-# qx_version_resource(TARGET DESCRIPTION): compiles a VERSIONINFO resource with
-# windres and links it into TARGET. The resource is compiled here, not as an
-# .rc source of the target, so that the targets' C++ compile options never
+# qx_version_resource(TARGET DESCRIPTION [FILE NAME] [COMMENT TEXT]): compiles a
+# VERSIONINFO resource with windres and links it into TARGET. FILE is the name
+# it ships under when that is not the target's own; COMMENT is added to the
+# "Comments" value after the commit id. The resource is compiled here, not as
+# an .rc source of the target, so that the targets' C++ compile options never
 # reach windres.
 function(qx_version_resource target description)
+  cmake_parse_arguments(arg "" "FILE;COMMENT" "" ${ARGN})
   get_target_property(type ${target} TYPE)
   get_target_property(base ${target} OUTPUT_NAME)
   if(NOT base)
@@ -70,6 +93,13 @@ function(qx_version_resource target description)
   else()
     set(QX_RC_FILE ${base}.exe)
     set(QX_RC_FILETYPE VFT_APP)
+  endif()
+  if(arg_FILE)
+    set(QX_RC_FILE ${arg_FILE})
+  endif()
+  set(QX_RC_COMMENT "")
+  if(arg_COMMENT)
+    set(QX_RC_COMMENT ". ${arg_COMMENT}")
   endif()
   set(QX_RC_DESCRIPTION "${description}")
   set(QX_RC_INTERNAL ${base})
@@ -132,9 +162,20 @@ qx_version_resource(QXAttentionPlugin "Attention plug-in of the PC-assistant hos
 qx_version_resource(qxhost "Host harness for the attention plug-in")
 qx_version_resource(fusion-sim "Simulator of the sensor fusion service")
 qx_version_resource(logread "Reader of the attention plug-in's log files")
-if(TARGET QXAttentionPluginNoAuth)
-  qx_version_resource(QXAttentionPluginNoAuth "Attention plug-in, TEST VARIANT without RPC authentication, never shipped")
+if(NOT TARGET QXAttentionPluginNoAuth)
+  message(FATAL_ERROR "release: the test build QXAttentionPluginNoAuth is missing from this tree")
 endif()
+qx_version_resource(QXAttentionPluginNoAuth
+  "Attention plug-in, TEST BUILD without RPC authentication: for fusion-sim only"
+  FILE ${QX_TEST_DLL}
+  COMMENT "For testing with the simulator fusion-sim only: NOT FOR REDISTRIBUTION")
+foreach(target ${QX_SHIPPED_TARGETS} QXAttentionPluginNoAuth)
+  get_target_property(base ${target} OUTPUT_NAME)
+  if(NOT base)
+    set(base ${target})
+  endif()
+  qx_link_map(${target} ${base})
+endforeach()
 
 set(QX_SHIP_FILES "")
 foreach(target ${QX_SHIPPED_TARGETS})
@@ -157,10 +198,20 @@ add_custom_command(OUTPUT ${QX_GNU_IMPLIB}
   DEPENDS QXAttentionPlugin
   VERBATIM)
 list(APPEND QX_SHIP_FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB})
+# The test build ships stripped, under its TEST name, without symbols.
+set(QX_TEST_DLL_SHIPPED ${QX_SHIP_DIR}/test/${QX_TEST_DLL})
+add_custom_command(OUTPUT ${QX_TEST_DLL_SHIPPED}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${QX_SHIP_DIR}/test
+  COMMAND ${CMAKE_OBJCOPY} --strip-debug $<TARGET_FILE:QXAttentionPluginNoAuth> ${QX_TEST_DLL_SHIPPED}
+  DEPENDS QXAttentionPluginNoAuth
+  COMMENT "stripping the test build: test/${QX_TEST_DLL}"
+  VERBATIM)
+list(APPEND QX_SHIP_FILES ${QX_TEST_DLL_SHIPPED})
 add_custom_target(qx_ship ALL DEPENDS ${QX_SHIP_FILES})
 
-# The archive: bin/ include/ lib/ examples/ debug/ symbols/ docs/ share/lnav/, CHANGELOG.md
-# and README.md.
+# The archive: bin/ include/ lib/ examples/ test/ debug/ symbols/ docs/ share/lnav/,
+# CHANGELOG.md, README.md (with the version and commit), LICENSE and
+# THIRD-PARTY-NOTICES.
 install(FILES ${QX_SHIP_DIR}/bin/QXAttentionPlugin.dll ${QX_SHIP_DIR}/bin/qxhost.exe
               ${QX_SHIP_DIR}/bin/fusion-sim.exe ${QX_SHIP_DIR}/bin/logread.exe
         DESTINATION bin)
@@ -169,7 +220,7 @@ install(FILES ${QX_SHIP_DIR}/debug/QXAttentionPlugin.dll.debug ${QX_SHIP_DIR}/de
         DESTINATION debug)
 # The symbol store; the stamps are the build's bookkeeping, not part of it.
 install(DIRECTORY ${QX_SHIP_DIR}/symbols/ DESTINATION symbols PATTERN "*.stamp" EXCLUDE)
-install(FILES ${CMAKE_SOURCE_DIR}/include/qx_plugin.h DESTINATION include)
+install(FILES ${QX_PUBLIC_INCLUDE_DIR}/qx_plugin.h DESTINATION include)
 install(FILES ${CMAKE_SOURCE_DIR}/examples/host.c DESTINATION examples)
 install(FILES ${QX_MSVC_IMPLIB} ${QX_GNU_IMPLIB} DESTINATION lib)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/integration.md ${CMAKE_SOURCE_DIR}/docs/logread.md
@@ -178,7 +229,10 @@ install(FILES ${CMAKE_SOURCE_DIR}/docs/integration.md ${CMAKE_SOURCE_DIR}/docs/l
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/share/lnav/ DESTINATION share/lnav
         FILES_MATCHING PATTERN "*.json")
 install(FILES ${CMAKE_SOURCE_DIR}/CHANGELOG.md DESTINATION .)
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/README.md DESTINATION .)
+configure_file(${CMAKE_SOURCE_DIR}/packaging/README.md ${QX_SHIP_DIR}/README.md @ONLY)
+install(FILES ${QX_SHIP_DIR}/README.md ${CMAKE_SOURCE_DIR}/LICENSE
+              ${CMAKE_SOURCE_DIR}/THIRD-PARTY-NOTICES DESTINATION .)
+install(FILES ${QX_TEST_DLL_SHIPPED} DESTINATION test)
 
 # CPack stages the install() rules; packaging/MakeZip.cmake writes the zip
 # (CPack's own ZIP generator stores each file's access and change times, and
@@ -186,5 +240,5 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/README.md DESTINATION .)
 set(CPACK_GENERATOR External)
 set(CPACK_EXTERNAL_ENABLE_STAGING ON)
 set(CPACK_EXTERNAL_PACKAGE_SCRIPT ${CMAKE_SOURCE_DIR}/packaging/MakeZip.cmake)
-set(CPACK_PACKAGE_FILE_NAME QXAttentionPlugin-${PROJECT_VERSION}-win64)
+set(CPACK_PACKAGE_FILE_NAME QXAttentionPlugin-${QX_VERSION_STRING}-win64)
 include(CPack)

@@ -7,7 +7,7 @@
 # CLI11 (header-only command-line parser of the tools), zlib for both builds
 # (logread reads .gz files), lnav and jq (the log reader's tests read its
 # output with them), llvm-dlltool for the MSVC import
-# library, osslsigncode and openssl for signing, git for the commit's time, zip
+# library, osslsigncode, openssl and gpg for signing, git for the commit's time, zip
 # and file (CPack) for the packages, and a deb-src entry for jsoncpp's source
 # package (fetched by the build with apt-get source).
 #
@@ -52,7 +52,7 @@ packages=(
   winbind
   clang clang-format
   libcli11-dev lnav jq zlib1g-dev libz-mingw-w64-dev
-  git llvm lld osslsigncode openssl zip file stress-ng
+  git llvm lld osslsigncode openssl gpg zip file stress-ng
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 

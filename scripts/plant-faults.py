@@ -174,6 +174,26 @@ FAULTS = [
     ("logread: the summary's record of the status query renumbered (105 as 106)",
      [("tools/logread/SummaryRecords.h",
        'kQuery{"AttentionFuntion", 105,', 'kQuery{"AttentionFuntion", 106,')]),
+    ("THIRD-PARTY-NOTICES: zlib named for qxhost.exe instead of logread.exe",
+     [("THIRD-PARTY-NOTICES",
+       "zlib; linked into: logread.exe",
+       "zlib; linked into: qxhost.exe")]),
+    ("a development build without the pre-release flag",
+     [("cmake/Version.cmake",
+       "set(QX_RC_FLAGS VS_FF_PRERELEASE)",
+       "set(QX_RC_FLAGS 0)")]),
+    ("a development build claiming the bare release number",
+     [("cmake/Version.cmake",
+       "set(QX_VERSION_STRING ${PROJECT_VERSION}-dev+${_qx_short})",
+       "set(QX_VERSION_STRING ${PROJECT_VERSION})")]),
+    ("the archive's test build is the authenticated DLL",
+     [("cmake/Release.cmake",
+       "--strip-debug $<TARGET_FILE:QXAttentionPluginNoAuth>",
+       "--strip-debug $<TARGET_FILE:QXAttentionPlugin>")]),
+    ("the checksums' signature made over the inner list instead of SHA256SUMS",
+     [("scripts/checksums.sh",
+       '--output "$dist/SHA256SUMS.asc" "$dist/SHA256SUMS"',
+       '--output "$dist/SHA256SUMS.asc" "$dist/$zip.contents.sha256"')]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
@@ -241,6 +261,7 @@ def build(log):
         if rc != 0:
             return False
     return True
+
 
 
 def failures(log):

@@ -37,9 +37,9 @@ for dir in "$first" "$second"; do
   echo "   took $(( $(date +%s) - start )) s (log: $dir.log)"
 done
 
-version=$(sed -n 's/^project(QXAttentionPlugin VERSION \([0-9][0-9.]*\).*/\1/p' CMakeLists.txt)
-zip=QXAttentionPlugin-$version-win64.zip
-deb=qx-logread_${version}_amd64.deb
+# The names carry the version, and a development build's its commit.
+zip=$(cd "$first/dist" && ls QXAttentionPlugin-*-win64.zip)
+deb=$(cd "$first/dist" && ls qx-logread_*_amd64.deb)
 for dir in "$first" "$second"; do
   mkdir -p "$dir.unpacked"
   (cd "$dir.unpacked" && cmake -E tar xf "$dir/dist/$zip")

@@ -1,10 +1,15 @@
-// The version resources of the shipped binaries (ship/bin, what the
-// archive takes) through GetFileVersionInfoW and VerQueryValueW.
+// The version resources of the shipped binaries (ship/bin and the test build in
+// ship/test, what the archive takes) through GetFileVersionInfoW and
+// VerQueryValueW, judged against CHANGELOG.md (QX_CHANGELOG): the newest
+// released section names the version. A release build carries exactly that
+// number; a development build that number or a newer one, with "-dev+" and
+// its commit, and the pre-release flag.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <cstdlib>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,45 +17,71 @@
 
 namespace {
 
-TEST(VersionResource, NamesTheProductVersionAndMaker) {
+struct Version {
   unsigned major = 0, minor = 0, patch = 0;
-  ASSERT_EQ(3, std::sscanf(QX_EXPECTED_VERSION, "%u.%u.%u", &major, &minor, &patch));
+  unsigned long long Key() const { return (1ull * major << 32) | (minor << 16) | patch; }
+};
+
+Version NewestReleased() {
+  const char* path = std::getenv("QX_CHANGELOG");
+  if (!path) ADD_FAILURE() << "QX_CHANGELOG is not set";
+  const std::string text = path ? testsupport::ReadFileBytes(testsupport::Widen(path)) : "";
+  std::smatch m;
+  if (!std::regex_search(text, m, std::regex(R"(\n## \[(\d+)\.(\d+)\.(\d+)\] - \d{4}-\d\d-\d\d)")))
+    ADD_FAILURE() << "no released section in " << (path ? path : "?");
+  Version v;
+  if (!m.empty())
+    v = {unsigned(std::stoul(m[1])), unsigned(std::stoul(m[2])), unsigned(std::stoul(m[3]))};
+  return v;
+}
+
+TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
+  const Version released = NewestReleased();
+  const std::wstring ship = testsupport::ExeDir() + L"..\\ship\\";
   for (std::wstring file :
-       {L"QXAttentionPlugin.dll", L"qxhost.exe", L"fusion-sim.exe", L"logread.exe"}) {
+       {L"bin\\QXAttentionPlugin.dll", L"bin\\qxhost.exe", L"bin\\fusion-sim.exe",
+        L"bin\\logread.exe", L"test\\QXAttentionPlugin-TEST-noauth.dll"}) {
     SCOPED_TRACE(testing::PrintToString(file));
-    const DWORD type = file.ends_with(L".dll") ? VFT_DLL : VFT_APP;
-    const std::wstring path = testsupport::ExeDir() + L"..\\ship\\bin\\" + file;
-    std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), nullptr));
+    const bool testBuild = file.starts_with(L"test\\");
+    std::vector<char> data(GetFileVersionInfoSizeW((ship + file).c_str(), nullptr));
     ASSERT_FALSE(data.empty()) << "no version resource, error " << GetLastError();
-    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(data.size()), data.data()));
+    ASSERT_TRUE(GetFileVersionInfoW((ship + file).c_str(), 0, DWORD(data.size()), data.data()));
     const auto query = [&](const std::wstring& key) {
       void* value = nullptr;
       UINT length = 0;
       return VerQueryValueW(data.data(), key.c_str(), &value, &length) && length ? value : nullptr;
     };
-    // The block the translation table names.
     const auto text = [&](const wchar_t* name) {
       const void* value = query(std::wstring(L"\\StringFileInfo\\040904b0\\") + name);
       return std::wstring(value ? static_cast<const wchar_t*>(value) : L"<missing>");
     };
-    EXPECT_EQ(L"Vantoq", text(L"CompanyName"));
-    EXPECT_EQ(L"QX Attention Plug-in", text(L"ProductName"));
-    EXPECT_EQ(L"" QX_EXPECTED_VERSION, text(L"FileVersion"));
-    EXPECT_EQ(L"" QX_EXPECTED_VERSION, text(L"ProductVersion"));
-    EXPECT_EQ(file, text(L"OriginalFilename"));
-    EXPECT_NE(L"<missing>", text(L"FileDescription"));
-    EXPECT_EQ(std::wstring::npos, text(L"FileDescription").find(L"TEST"));
-    const auto* translation = static_cast<const WORD*>(query(L"\\VarFileInfo\\Translation"));
-    ASSERT_NE(nullptr, translation);
-    EXPECT_EQ(0x0409, translation[0]);
-    EXPECT_EQ(1200, translation[1]);
-    // The fixed part agrees with the strings.
     const auto* fixed = static_cast<const VS_FIXEDFILEINFO*>(query(L"\\"));
     ASSERT_NE(nullptr, fixed);
-    for (DWORD ms : {fixed->dwFileVersionMS, fixed->dwProductVersionMS})
-      EXPECT_EQ((major << 16) | minor, ms);
-    for (DWORD ls : {fixed->dwFileVersionLS, fixed->dwProductVersionLS}) EXPECT_EQ(patch << 16, ls);
-    EXPECT_EQ(type, fixed->dwFileType);
+    const Version own{HIWORD(fixed->dwFileVersionMS), LOWORD(fixed->dwFileVersionMS),
+                      HIWORD(fixed->dwFileVersionLS)};
+    const std::wstring number = std::to_wstring(own.major) + L"." + std::to_wstring(own.minor) +
+                                L"." + std::to_wstring(own.patch);
+    std::wsmatch commit;
+    const std::wstring comments = text(L"Comments");
+    ASSERT_TRUE(std::regex_search(comments, commit, std::wregex(L"commit ([0-9a-f]{40})")))
+        << testing::PrintToString(comments);
+    if (fixed->dwFileFlags & VS_FF_PRERELEASE) {
+      EXPECT_GE(own.Key(), released.Key()) << "older than the newest release";
+      EXPECT_EQ(number + L"-dev+" + commit[1].str().substr(0, 12), text(L"FileVersion"));
+    } else {
+      EXPECT_EQ(released.Key(), own.Key()) << "a release that CHANGELOG.md does not name";
+      EXPECT_EQ(number, text(L"FileVersion"));
+    }
+    EXPECT_EQ(text(L"FileVersion"), text(L"ProductVersion"));
+    EXPECT_EQ(fixed->dwFileVersionMS, fixed->dwProductVersionMS);
+    EXPECT_EQ(fixed->dwFileVersionLS, fixed->dwProductVersionLS);
+    EXPECT_EQ(L"Vantoq", text(L"CompanyName"));
+    EXPECT_EQ(L"QX Attention Plug-in", text(L"ProductName"));
+    EXPECT_NE(std::wstring::npos, text(L"LegalCopyright").find(L"MIT"));
+    EXPECT_EQ(file.substr(file.find(L'\\') + 1), text(L"OriginalFilename"));
+    EXPECT_EQ(testBuild, text(L"FileDescription").find(L"TEST") != std::wstring::npos);
+    EXPECT_EQ(testBuild, comments.find(L"NOT FOR REDISTRIBUTION") != std::wstring::npos);
+    EXPECT_EQ(file.ends_with(L".dll") ? DWORD(VFT_DLL) : DWORD(VFT_APP), fixed->dwFileType);
     EXPECT_EQ(0u, fixed->dwFileFlags & VS_FF_DEBUG);
   }
 }

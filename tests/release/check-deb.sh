@@ -39,7 +39,8 @@ perl -ne 'print pack("V", length($_)), ~$_' "$work/records.txt" > "$work/sample.
 logread "$work/sample.logdat" > "$work/decoded.txt"
 diff "$work/records.txt" "$work/decoded.txt" || fail "decoded text differs"
 for f in /usr/share/qx-logread/lnav/qx_attention_log.json /usr/share/qx-logread/lnav/qx_sensorlib_log.json \
-         /usr/share/doc/qx-logread/logread.md /usr/share/doc/qx-logread/log-records.md; do
+         /usr/share/doc/qx-logread/logread.md /usr/share/doc/qx-logread/log-records.md \
+         /usr/share/doc/qx-logread/copyright; do
   [ -s "$f" ] || fail "$f is not installed"
 done
 echo "check-deb: all checks passed"

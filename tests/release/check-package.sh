@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # The release archive as an integrator meets it; "ok" or "FAIL" per check.
 #   check-package.sh --quick ZIP   its files, the documents' references, the
-#                                  debug files and PDBs (no Wine)
-#   check-package.sh ZIP | --from-build TREE   also hosts built against it,
-#       examples/host.c and signing, under the caller's WINEPREFIX
+#                                  debug files and PDBs, the licence (no Wine)
+#   check-package.sh ZIP | --from-build TREE   also the header in every C and
+#       C++ standard, hosts built against it, the version each tool reports,
+#       signing and checksums, under the caller's WINEPREFIX; and
+#       examples/host.c against the test build and fusion-sim installed as the
+#       service, in a fresh Wine prefix of its own, up to the look-away report
 #       (--from-build: the archive made with CPack from a Windows build tree)
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -52,7 +55,9 @@ mkdir "$pkg"
 (cd "$pkg" && cmake -E tar xf "$zip") || { echo "package: cannot unpack"; exit 1; }
 cat > "$work/expected" <<'EOF'
 CHANGELOG.md
+LICENSE
 README.md
+THIRD-PARTY-NOTICES
 bin/QXAttentionPlugin.dll
 bin/fusion-sim.exe
 bin/logread.exe
@@ -70,10 +75,16 @@ lib/QXAttentionPlugin.lib
 lib/libQXAttentionPlugin.dll.a
 share/lnav/qx_attention_log.json
 share/lnav/qx_sensorlib_log.json
+test/QXAttentionPlugin-TEST-noauth.dll
 EOF
 (cd "$pkg" && find . -type f | sed 's|^\./||' | grep -v '^symbols/' | LC_ALL=C sort) > "$work/found"
 check "archive holds exactly the shipped files" diff "$work/expected" "$work/found"
 check "the documents name only files the archive holds" python3 "$here/check-doc-refs.py" "$pkg"
+check "LICENSE is the MIT licence; THIRD-PARTY-NOTICES names each binary in bin/ and test/" bash -c "
+  grep -qx 'MIT License' '$pkg/LICENSE' &&
+  for f in '$pkg'/bin/* '$pkg'/test/*; do
+    grep -q \"; linked into: .*\$(basename \"\$f\")\" '$pkg/THIRD-PARTY-NOTICES' || { echo \"no notice names \$f\"; exit 1; }
+  done"
 cmake -E tar tf "$zip" | sed 's|/$||' > "$work/entries"
 check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
 
@@ -135,11 +146,37 @@ ran() {
   [ $? -eq "$1" ]
 }
 
+# The version: the README's line, the zip's name and CHANGELOG.md's newest
+# section agree; each tool's --version says the same version and commit; a
+# development build says "-dev+" and its commit, which the test build's own
+# version resource is judged for by release_version_tests.
+read -r version commit < <(sed -n 's/^Version \(.*\), built from commit \([0-9a-f]\{40\}\)\.$/\1 \2/p' "$pkg/README.md")
+tools_version() {
+  newest=$(sed -n 's/^## \[\([0-9][0-9.]*\)\] - .*/\1/p' "$pkg/CHANGELOG.md" | head -1)
+  echo "README: $version $commit; CHANGELOG.md: $newest"
+  [ -n "$commit" ] && [ "$(basename "$zip")" = "QXAttentionPlugin-$version-win64.zip" ] || exit 1
+  number=${version%-dev+"${commit:0:12}"}  # a development build: not older than the newest release
+  [ "$number" = "$newest" ] ||
+    { [ "$number" != "$version" ] && [ "$(printf '%s\n' "$newest" "$number" | sort -V | head -1)" = "$newest" ]; } ||
+    exit 1
+  for tool in qxhost fusion-sim logread; do
+    got=$(WINEPATH= timeout 60 wine "$pkg/bin/$tool.exe" --version </dev/null | tr -d '\r')
+    echo "$got"
+    [ "$got" = "$tool $version (commit $commit)" ] || exit 1
+  done
+}
+
 # host.c against include/ alone: gcc with lib/'s GNU import library, clang
 # for the MSVC target (no C runtime) with lld-link and QXAttentionPlugin.lib.
 cc=($m-gcc-posix -Wall -Wextra -Werror -I"$pkg/include")
-check "qx_plugin.h compiles as C++" \
-  $m-g++-posix -std=c++11 -Wall -Wextra -Werror -fsyntax-only -x c++ "$pkg/include/qx_plugin.h"
+check "the tools' --version, README.md, the archive's name and CHANGELOG.md agree" tools_version
+check "qx_plugin.h compiles as C89, C99, C11, C++98 and C++11, pedantic" bash -c "
+  for std in c89 c99 c11; do
+    $m-gcc-posix -std=\$std -pedantic-errors -Wall -Wextra -Werror -fsyntax-only -x c '$pkg/include/qx_plugin.h' || exit 1
+  done
+  for std in c++98 c++11; do
+    $m-g++-posix -std=\$std -pedantic-errors -Wall -Wextra -Werror -fsyntax-only -x c++ '$pkg/include/qx_plugin.h' || exit 1
+  done"
 check "C host (C89) links against lib/libQXAttentionPlugin.dll.a" "${cc[@]}" -std=c89 \
   -pedantic-errors "$here/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/linked.exe"
 check "C host (linked) finds bin/QXAttentionPlugin.dll on PATH; status 3 refused" \
@@ -154,11 +191,50 @@ check "MSVC-style host builds (clang, C89; lld-link, lib/QXAttentionPlugin.lib)"
 check "MSVC-style host: status 3 refused; the GCC exception reaches its filter" \
   ran 3 "$work/msvc.exe"
 
-# examples/host.c built from the archive, given the DLL's full path.
-check "examples/host.c builds from the archive (C99, gcc)" \
-  "${cc[@]}" -std=c99 -pedantic-errors "$pkg/examples/host.c" -o "$work/example.exe"
-check "examples/host.c: every action of the lifecycle answered" \
-  ran 0 "$work/example.exe" "$(winpath "$pkg/bin/QXAttentionPlugin.dll")"
+# examples/host.c built from the archive against either import library, run
+# beside the test build (under the plug-in's name) with fusion-sim installed as
+# the service in a fresh prefix: it must see the look-away report.
+check "examples/host.c builds against lib/libQXAttentionPlugin.dll.a (gcc, C99)" \
+  "${cc[@]}" -std=c99 -pedantic-errors "$pkg/examples/host.c" -L"$pkg/lib" -lQXAttentionPlugin \
+  -o "$work/example.exe"
+check "examples/host.c builds against lib/QXAttentionPlugin.lib (clang, lld)" \
+  clang --target=x86_64-w64-mingw32 -fuse-ld=lld -std=c99 -Wall -Wextra -Werror -I"$pkg/include" \
+  "$pkg/examples/host.c" "$pkg/lib/QXAttentionPlugin.lib" -o "$work/example-lld.exe" \
+  -L"$(dirname "$($m-gcc-posix -print-libgcc-file-name)")"
+story() (
+  run=$work/story && mkdir -p "$run" && cp "$work/$1" "$run/host.exe" &&
+    cp "$pkg/test/QXAttentionPlugin-TEST-noauth.dll" "$run/QXAttentionPlugin.dll" || exit 1
+  export WINEPREFIX=$work/prefix-$1 WINEPATH=
+  trap '"$src/scripts/wine-prefix.sh" stop "$WINEPREFIX" >/dev/null 2>&1' EXIT
+  "$src/scripts/wine-prefix.sh" create "$WINEPREFIX" >/dev/null &&
+    timeout 60 wine "$pkg/bin/fusion-sim.exe" install --quiet </dev/null || exit 1
+  (cd "$run" && timeout 240 wine host.exe 120 </dev/null >out.txt 2>&1; echo $? >rc.txt) &
+  for _ in $(seq 900); do  # up to 180 s for attention to be on
+    grep -q "waiting up to" "$run/out.txt" 2>/dev/null || [ -f "$run/rc.txt" ] && break
+    sleep 0.2
+  done
+  timeout 60 wine "$pkg/bin/fusion-sim.exe" ctl look-away </dev/null
+  wait
+  cat "$run/out.txt"
+  timeout 60 wine "$pkg/bin/fusion-sim.exe" uninstall </dev/null >/dev/null 2>&1
+  [ "$(cat "$run/rc.txt")" = 0 ] && grep -q "the user looked away" "$run/out.txt"
+)
+check "examples/host.c + test build + fusion-sim service: the look-away report arrives" story example.exe
+
+# The checksums, and their signature with a throwaway OpenPGP key.
+sums() (
+  export GNUPGHOME=$work/gnupg && mkdir -m 700 "$GNUPGHOME" && mkdir "$work/dist" &&
+    cp "$zip" "$work/dist/" || exit 1
+  trap 'gpgconf --kill all' EXIT  # the agent this key started
+  gpg --batch --pinentry-mode loopback --passphrase '' --quick-gen-key 'QX throwaway <qx@example.invalid>' ed25519 sign 1d \
+    2>/dev/null && QX_GPG_KEY=qx@example.invalid "$src/scripts/checksums.sh" "$work/dist" "$(basename "$zip")" &&
+    (cd "$work/dist" && sha256sum -c SHA256SUMS) &&
+    (cd "$pkg" && sha256sum -c "$work/dist/$(basename "$zip").contents.sha256" | grep -c ': OK$') &&
+    gpg --verify "$work/dist/SHA256SUMS.asc" "$work/dist/SHA256SUMS" || exit 1
+  echo "0000  extra" >>"$work/dist/SHA256SUMS"
+  ! gpg --verify "$work/dist/SHA256SUMS.asc" "$work/dist/SHA256SUMS" 2>/dev/null
+)
+check "SHA256SUMS and the inner list pass sha256sum -c; the signature verifies, and fails once changed" sums
 
 # Signing with a throwaway self-signed certificate.
 sig=$work/sign

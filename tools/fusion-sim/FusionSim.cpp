@@ -604,6 +604,7 @@ int wmain(int argc, wchar_t** argv) {
 
   CLI::App app(kDescription, "fusion-sim");
   app.footer(kFooter);
+  app.set_version_flag("--version", "fusion-sim " QX_VERSION, "print the version and exit");
   app.require_subcommand(0, 1);
   OptionText runText, installText, serviceText;
   CLI::App* run = app.add_subcommand("run", "console mode; ends on Ctrl-C or `ctl quit`");
@@ -628,6 +629,9 @@ int wmain(int argc, wchar_t** argv) {
     app.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::CallForHelp&) {
     std::fputs(app.help().c_str(), stdout);
+    return kExitOk;
+  } catch (const CLI::CallForVersion& e) {
+    std::printf("%s\n", e.what());
     return kExitOk;
   } catch (const CLI::ParseError& e) {
     std::fprintf(stderr, "fusion-sim: %s\nTry \"fusion-sim --help\".\n", e.what());

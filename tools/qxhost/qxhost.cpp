@@ -337,6 +337,7 @@ int main(int argc, char** argv) {
   CLI::App app(kDescription, "qxhost");
   app.footer(Footer());
   app.get_formatter()->column_width(22);
+  app.set_version_flag("--version", "qxhost " QX_VERSION, "print the version and exit");
   app.add_option("--script", script, "run the commands in FILE, one per line")->type_name("FILE");
   app.add_flag("--interactive", interactive, "read commands from standard input with a prompt");
   app.add_flag("--no-init", noInit, "do not call qx_plugin_init");
@@ -347,6 +348,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     std::fputs(app.help().c_str(), stdout);
+    return kExitOk;
+  } catch (const CLI::CallForVersion& e) {
+    std::printf("%s\n", e.what());
     return kExitOk;
   } catch (const CLI::ParseError& e) {
     std::fprintf(stderr, "qxhost: %s\nTry \"qxhost --help\".\n", e.what());
