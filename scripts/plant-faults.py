@@ -112,6 +112,24 @@ FAULTS = [
      [("attention/AttentionFuntion.cpp",
        "g_attentionWorking = 1;",
        "g_attentionWorking = result == 0;")]),
+    ("PDBs with public symbols only (no CodeView from the compiler)",
+     [("CMakeLists.txt",
+       "add_compile_options(-gcodeview -gdwarf)",
+       "add_compile_options(-gdwarf)")]),
+    ("no inline sites in the fusion client's CodeView",
+     [("fusion/CMakeLists.txt",
+       "set_source_files_properties(FusionSehGuard.c PROPERTIES COMPILE_OPTIONS -fms-extensions)",
+       "set_source_files_properties(FusionSehGuard.c PROPERTIES COMPILE_OPTIONS -fms-extensions)\n"
+       "set_source_files_properties(FusionClient.cpp PROPERTIES COMPILE_OPTIONS"
+       " -gno-inline-line-tables)")]),
+    ("the PDBs naming objects by the build machine's folders",
+     [("cmake/Reproducible.cmake",
+       "add_link_options(-Wl,--no-insert-timestamp -Wl,-Xlink=-pdbsourcepath:${QX_BUILD_PREFIX})",
+       "add_link_options(-Wl,--no-insert-timestamp)")]),
+    ("the structured-exception guard passing exceptions on",
+     [("fusion/FusionSehGuard.c",
+       "return EXCEPTION_EXECUTE_HANDLER;",
+       "return EXCEPTION_CONTINUE_SEARCH;")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
