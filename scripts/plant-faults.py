@@ -12,6 +12,8 @@ interrupted; the last step rebuilds the unchanged tree.
   scripts/plant-faults.py                 all faults (about 3 minutes each)
   scripts/plant-faults.py --only 3,7      some of them
   scripts/plant-faults.py --list          the faults, without running anything
+  scripts/plant-faults.py --only 19 --tests release_package
+                                          only the ctest entries that match (a regex)
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
 Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
@@ -186,6 +188,7 @@ def run(cmd, cwd, log):
 
 
 TREES = ("build/win", "build/native")
+TESTS = []  # extra ctest arguments (--tests)
 
 
 def build(log):
@@ -201,7 +204,7 @@ def failures(log):
     """Runs both test suites; returns the failing ctest entries and GoogleTest cases."""
     failed = []
     for tree in sorted(TREES, reverse=True):
-        _, out = run(["ctest", "--output-on-failure"], ROOT / tree, log)
+        _, out = run(["ctest", "--output-on-failure"] + TESTS, ROOT / tree, log)
         entries = re.findall(r"^\s*\d+ - (\S+) \(", out, re.M)
         cases = sorted(set(re.findall(r"^\[  FAILED  \] ([A-Za-z0-9_/]+\.[A-Za-z0-9_/]+)", out, re.M)))
         failed += [(tree, e) for e in entries]
@@ -215,6 +218,7 @@ def main():
     ap.add_argument("--list", action="store_true", help="list the faults and exit")
     ap.add_argument("--trees", help="comma-separated build trees to rebuild and test"
                     " (default: build/win,build/native; build/native alone for logread's faults)")
+    ap.add_argument("--tests", help="run only the ctest entries matching this regex (ctest -R)")
     ap.add_argument("--markdown", help="write a markdown table of the results to this file")
     ap.add_argument("--log", default=str(ROOT / "build" / "plant-faults.log"),
                     help="where the build and test output goes (default: build/plant-faults.log)")
@@ -224,7 +228,9 @@ def main():
         for n, (what, _) in enumerate(FAULTS, 1):
             print(f"{n:2}. {what}")
         return 0
-    global TREES
+    global TREES, TESTS
+    if args.tests:
+        TESTS = ["-R", args.tests]
     if args.trees:
         TREES = tuple(args.trees.split(","))
     chosen = range(1, len(FAULTS) + 1)

@@ -116,7 +116,8 @@ pdb() (  # (set -e does not hold inside check's "if")
 # folders mapped) or /usr/ (the toolchain's libraries).
 modules() (
   dump=$(llvm-pdbutil dump -modules -files "$1") || exit 1
-  grep -A2 -E '^ *Mod [0-9]+ \| `/qx/build/' <<<"$dump" | grep -q -E '# files: [1-9]' || exit 1
+  ours=$(grep -A2 -E '^ *Mod [0-9]+ \| `/qx/build/' <<<"$dump")  # (no grep -q: pipefail)
+  grep -q -E '# files: [1-9]' <<<"$ours" || exit 1
   paths=$(grep -oE '(Mod [0-9]+ \| |Obj: )`/[^`]*' <<<"$dump" | sed 's/.*`//'
           sed -nE 's/^ *- (\((MD5|None): [0-9A-F]*\) )?(.*)$/\3/p' <<<"$dump")
   ! grep -vE '^/(qx|usr)/' <<<"$paths"
