@@ -96,6 +96,23 @@ def own_code(debug, function, local):
     return code[0]
 
 
+def lined(debug, addresses):
+    """The addresses for which the DWARF line table (GNU addr2line) has a line,
+    not 0, in every inlined frame: compiler-made code such as shared epilogues
+    has line 0 in both formats."""
+    out = run(MINGW + "-addr2line", "-a", "-i", "-e", debug,
+              data="".join("0x%x\n" % a for a in addresses))
+    good, current = [], None
+    for line in out.splitlines() + ["0x0"]:
+        if re.match(r"^0x[0-9a-f]+$", line):
+            if current is not None and ok:
+                good.append(current)
+            current, ok = int(line, 16), True
+        elif not re.search(r":[1-9][0-9]*( \(discriminator \d+\))?$", line):
+            ok = False
+    return good
+
+
 def frames(store, binary, rva):
     """[(function, file, line)] that llvm-symbolizer reads from the PDB, innermost first."""
     out = run("llvm-symbolizer", "--obj=" + binary, "--inlines", "--relative-address", hex(rva),
@@ -134,7 +151,10 @@ def main():
 
     if args[4:5] != ["--inlined-into"]:
         start, end = own_code(debug, bare, args[4:] == ["--local"])
-        address = (start + end) // 2
+        candidates = lined(debug, range(start, end))
+        if not candidates:
+            fail("%s: no address with a line in the DWARF file" % bare)
+        address = candidates[len(candidates) // 2]
         got = frames(stores[0], binary, address - base)
         print("0x%x, inside %s [0x%x, 0x%x):" % (address, bare, start, end))
         if not got:
@@ -143,8 +163,8 @@ def main():
         return
     caller = args[5]
     start, end = own_code(debug, caller.split("@")[0], False)
-    sites = [r[0] for tag, die in dies(debug, bare) if tag == "DW_TAG_inlined_subroutine"
-             for r in ranges(die)[:1] if start <= r[0] < end]
+    sites = lined(debug, [a for tag, die in dies(debug, bare) if tag == "DW_TAG_inlined_subroutine"
+                          for r in ranges(die) if start <= r[0] < end for a in range(*r)])
     if not sites:
         fail("the DWARF file has %s inlined nowhere in %s [0x%x, 0x%x)" % (bare, caller, start, end))
     got = frames(stores[0], binary, sites[0] - base)
