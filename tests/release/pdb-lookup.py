@@ -140,7 +140,7 @@ def main():
     if len(args) < 4:
         fail("usage: pdb-lookup.py PKG SRC BINARY FUNCTION [--local | --inlined-into CALLER]")
     pkg, src, name, function = args[:4]
-    binary = os.path.join(pkg, "bin", name)
+    binary = os.path.abspath(os.path.join(pkg, "bin", name))
     debug = os.path.join(pkg, "debug", name + ".debug")
     stores = glob.glob(os.path.join(pkg, "symbols", os.path.splitext(name)[0] + ".pdb", "*"))
     if len(stores) != 1:
