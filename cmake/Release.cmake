@@ -118,10 +118,11 @@ function(qx_version_resource target description)
                               PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
 endfunction()
 
-# qx_ship_binary(TARGET): the linker writes NAME's PDB beside it (GNU ld
-# --pdb: public symbols; a CodeView entry in the debug directory names it, with
-# a GUID that --build-id=md5 derives from the content, so that two builds of
-# one commit agree). packaging/ship-binary.py then writes ship/bin/NAME
+# qx_ship_binary(TARGET): the linker writes NAME's PDB beside it (lld --pdb,
+# from the objects' CodeView: procedures, file-local ones too, inline sites,
+# lines, types); a CodeView entry in the debug directory names it by file name
+# alone (pdbaltpath), with a GUID that lld derives from the PDB's content, so
+# that two builds of one commit agree. packaging/ship-binary.py then writes ship/bin/NAME
 # stripped, with a .gnu_debuglink to ship/debug/NAME.debug (the DWARF
 # information and the symbols, for gdb and Wine), and the symbol store
 # ship/symbols/ (PDB/GUIDAGE/PDB, NAME/STAMPSIZE/NAME) for Windows debuggers.
@@ -137,7 +138,7 @@ function(qx_ship_binary target out_var)
     set(name ${base}.exe)
   endif()
   set(pdb $<TARGET_FILE_DIR:${target}>/${base}.pdb)
-  target_link_options(${target} PRIVATE -Wl,--build-id=md5 -Wl,--pdb=${pdb})
+  target_link_options(${target} PRIVATE -Wl,--pdb=${pdb} -Wl,-Xlink=-pdbaltpath:%_PDB%)
   set(bin ${QX_SHIP_DIR}/bin/${name})
   set(dbg ${QX_SHIP_DIR}/debug/${name}.debug)
   set(stamp ${QX_SHIP_DIR}/symbols/${name}.stamp)

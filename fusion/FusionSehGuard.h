@@ -1,11 +1,10 @@
 // Structured exception guard for the remote calls of the fusion client.
 //
-// gcc has no __try/__except, and a C++ catch (...) does not see an exception
-// raised by the RPC runtime (RpcRaiseException): the process would die. The
-// guard is therefore a small C function whose body is one SEH scope registered
-// with __C_specific_handler (mingw-w64's __try1/__except1 on x86_64). Those
-// macros use fixed assembler labels, so each guarded region lives in its own
-// translation unit; every remote call of the client goes through this one.
+// A C++ catch (...) does not see an exception raised by the RPC runtime
+// (RpcRaiseException): the process would die. The guard is therefore a small C
+// function whose body is one structured-exception scope (clang's __try/__except,
+// -fms-extensions; the scope table names __C_specific_handler on x86_64); every
+// remote call of the client goes through it.
 #pragma once
 
 #ifdef __cplusplus

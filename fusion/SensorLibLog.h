@@ -8,5 +8,8 @@
 // inside keeps the stream itself consistent (see SensorLibLog.cpp).
 #pragma once
 
+#include <cstdio>  // __MINGW_PRINTF_FORMAT: the C99 formats of std::vsnprintf
+
 void SensorLibLogOpen();
-void SensorLibLogWrite(const char* format, ...) __attribute__((format(gnu_printf, 1, 2)));
+void SensorLibLogWrite(const char* format, ...)
+    __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)));

@@ -7,12 +7,12 @@
   SHIP_DIR/bin/NAME           stripped, with a .gnu_debuglink to it
   SHIP_DIR/symbols/...        a symbol store: PDB/GUIDAGE/PDB and NAME/STAMPSIZE/NAME
 
-The linker wrote PDB and a CodeView (RSDS) debug-directory entry naming it,
-with a GUID derived from the content (--build-id=md5); the stored PDB gets
-that GUID's first 32 bits as its Signature, where the linker wrote the time. The stripped binary's
-TimeDateStamp is the GUID's first 32 bits, not a time: a link writes 0, which
-would give every build of the same image size one store key. Both keys come
-from the content, so two builds of one commit give the same store.
+The linker (lld) wrote PDB and a CodeView (RSDS) debug-directory entry naming
+it, with a GUID that is a hash of the PDB's content (its first 32 bits are also
+the PDB's Signature). The stripped binary's TimeDateStamp is the GUID's first
+32 bits, not a time: a link writes 0 (--no-insert-timestamp), which would give
+every build of the same image size one store key. Both keys come from the
+content, so two builds of one commit give the same store.
 """
 import os
 import shutil
@@ -56,29 +56,6 @@ def pe_info(path):
     return stamp, image_size, codeview
 
 
-def set_pdb_signature(path, value):
-    """Writes value into the PDB info stream's Signature field (GNU ld writes the
-    link's time there; debuggers match a PDB by GUID and age, not by it)."""
-    with open(path, "r+b") as pdb:
-        data = pdb.read()
-        if not data.startswith(b"Microsoft C/C++ MSF 7.00\r\n\x1aDS\0\0\0"):
-            sys.exit("ship-binary: %s is not an MSF 7.00 PDB" % path)
-        block, _, _, directory_bytes, _, block_map = struct.unpack_from("<6I", data, 32)
-        count = (directory_bytes + block - 1) // block
-        blocks = struct.unpack_from("<%dI" % count, data, block_map * block)
-        directory = b"".join(data[b * block:(b + 1) * block] for b in blocks)
-        (streams,) = struct.unpack_from("<I", directory)
-        sizes = struct.unpack_from("<%dI" % streams, directory, 4)
-        at = 4 + 4 * streams
-        for size in sizes[:1]:  # stream 0's blocks come first
-            at += 4 * ((size + block - 1) // block if size != 0xFFFFFFFF else 0)
-        (first,) = struct.unpack_from("<I", directory, at)
-        if struct.unpack_from("<I", data, first * block)[0] != 20000404:  # VC70
-            sys.exit("ship-binary: %s: no PDB info stream where expected" % path)
-        pdb.seek(first * block + 4)
-        pdb.write(struct.pack("<I", value))
-
-
 def guid_text(guid):
     """The GUID as a symbol store writes it: its three first fields are little-endian."""
     d1, d2, d3 = struct.unpack_from("<IHH", guid)
@@ -111,8 +88,6 @@ def main():
         shutil.rmtree(os.path.join(store, key_name), ignore_errors=True)
         os.makedirs(os.path.join(store, key_name, key))
         shutil.copyfile(source, os.path.join(store, key_name, key, key_name))
-    set_pdb_signature(os.path.join(store, pdb_name, "%s%X" % (guid_text(guid), age), pdb_name),
-                      stamp_value)
     print("ship-binary: %s, %s {%s} age %d" % (name, pdb_name, guid_text(guid), age))
 
 

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Installs, from Debian's own packages, everything the build, the tests, the
-# demo and the release need: the mingw-w64 cross compiler, Wine, GoogleTest
-# sources, clang and its sanitizer runtime for the native fuzz/sanitizer builds
-# (clang and lld-link also build the MSVC-style host of the package test),
+# demo and the release need: clang and lld, which build the Windows tree for the
+# mingw-w64 target, with mingw-w64's headers and import libraries and the C++
+# runtime of its gcc (libstdc++, posix threads; the gcc packages bring them),
+# Wine, GoogleTest sources, clang's sanitizer runtime for the native
+# fuzz/sanitizer builds (clang and lld-link also build the MSVC-style host of
+# the package test),
 # clang-format (the tests check the sources' style),
 # CLI11 (header-only command-line parser of the tools), zlib for both builds
 # (logread reads .gz files), lnav and jq (the log reader's tests read its
 # output with them), llvm-dlltool for the MSVC import
-# library, osslsigncode, openssl and gpg for signing, git for the commit's time, zip
+# library, llvm-pdbutil and llvm-symbolizer for the PDBs (llvm), osslsigncode,
+# openssl and gpg for signing, git for the commit's time, zip
 # and file (CPack) for the packages, and a deb-src entry for jsoncpp's source
 # package (fetched by the build with apt-get source).
 #
@@ -50,9 +54,9 @@ packages=(
   binutils-mingw-w64-x86-64
   wine wine64 googletest dpkg-dev debian-archive-keyring
   winbind
-  clang clang-format
+  clang lld clang-format
   libcli11-dev lnav jq zlib1g-dev libz-mingw-w64-dev
-  git llvm lld osslsigncode openssl gpg zip file stress-ng
+  git llvm osslsigncode openssl gpg zip file stress-ng
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 

@@ -15,6 +15,8 @@ interrupted; the last step rebuilds the unchanged tree.
                                           one tree, some targets, the ctest entries
                                           matching a regex
   scripts/plant-faults.py --list          the faults, without running anything
+  scripts/plant-faults.py --only 19 --tests release_package
+                                          only the ctest entries that match (a regex)
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
 Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
@@ -194,6 +196,24 @@ FAULTS = [
      [("scripts/checksums.sh",
        '--output "$dist/SHA256SUMS.asc" "$dist/SHA256SUMS"',
        '--output "$dist/SHA256SUMS.asc" "$dist/$zip.contents.sha256"')]),
+    ("PDBs with public symbols only (no CodeView from the compiler)",
+     [("CMakeLists.txt",
+       "add_compile_options(-gcodeview -gdwarf)",
+       "add_compile_options(-gdwarf)")]),
+    ("no inline sites in the fusion client's CodeView",
+     [("fusion/CMakeLists.txt",
+       "set_source_files_properties(FusionSehGuard.c PROPERTIES COMPILE_OPTIONS -fms-extensions)",
+       "set_source_files_properties(FusionSehGuard.c PROPERTIES COMPILE_OPTIONS -fms-extensions)\n"
+       "set_source_files_properties(FusionClient.cpp PROPERTIES COMPILE_OPTIONS"
+       " -gno-inline-line-tables)")]),
+    ("the PDBs naming objects by the build machine's folders",
+     [("cmake/Reproducible.cmake",
+       "add_link_options(-Wl,--no-insert-timestamp -Wl,-Xlink=-pdbsourcepath:${QX_BUILD_PREFIX})",
+       "add_link_options(-Wl,--no-insert-timestamp)")]),
+    ("the structured-exception guard passing exceptions on",
+     [("fusion/FusionSehGuard.c",
+       "return EXCEPTION_EXECUTE_HANDLER;",
+       "return EXCEPTION_CONTINUE_SEARCH;")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")

@@ -63,9 +63,9 @@ else
 fi
 
 # The release trees live at one fixed path, whatever folder the checkout is in:
-# the linker writes the build tree's object paths into the PDBs (resolved, so a
-# symbolic link does not help), and two builds of one commit must give the same
-# PDB bytes. A lock makes release builds on one machine take turns there.
+# the PDBs hold the build tree's paths (the link's command line), and two
+# builds of one commit must give the same PDB bytes. A lock makes release
+# builds on one machine take turns there.
 build=${QX_RELEASE_BUILD:-/var/tmp/qx-release}
 mkdir -p "$(dirname "$build")"
 exec 7>"$build.lock"
@@ -74,6 +74,11 @@ if ! flock -n 7; then
   flock 7
 fi
 [ -n "${QX_RELEASE_BUILD:-}" ] || rm -rf "$build"
+# The sources are read through a fixed path too: clang 14 writes each object's
+# compiler command line (include folders, source paths) into its CodeView, and
+# so into the PDB. CMake keeps the link's path as given.
+mkdir -p "$build"
+ln -sfn "$root" "$build/src"
 dist=${QX_DIST:-$root/dist}
 jobs=${QX_JOBS:-$(nproc)}
 
@@ -89,12 +94,11 @@ fi
 
 echo "== release $version of $commit (SOURCE_DATE_EPOCH=$SOURCE_DATE_EPOCH)"
 echo "== Windows release tree ($build/win)"
-cmake -S . -B "$build/win" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
+cmake -S "$build/src" -B "$build/win" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
       -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DQX_RELEASE=$release >/dev/null
 cmake --build "$build/win" -j "$jobs"
 echo "== native release tree ($build/native)"
-cmake -S . -B "$build/native" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF \
-      -DQX_RELEASE=$release >/dev/null
+cmake -S "$build/src" -B "$build/native" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DQX_RELEASE=$release >/dev/null
 cmake --build "$build/native" -j "$jobs"
 
 echo "== packages"

@@ -91,8 +91,10 @@ check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
 # Each binary in bin/: stripped, its debug file with DWARF lines;
 # .gnu_debuglink = that file's name, NULs to a multiple of 4 bytes, its CRC-32
 # (as in gzip's trailer). symbols/: the CodeView signature and age name a PDB
-# in PDB/SIGAGE/ whose GUID and age match; the binary is in NAME/STAMPSIZE/; a
-# function resolves through the PDB at its address in the debug file.
+# in PDB/SIGAGE/ whose GUID and age match; the binary is in NAME/STAMPSIZE/.
+# Through the PDB alone (pdb-lookup.py), an address inside a function of each
+# binary, one inside a file-local function and one inside an inlined copy
+# resolve to their names and to lines of their bodies in the sources.
 m=x86_64-w64-mingw32
 stripped() (
   h=$($m-objdump -h -t "$pkg/bin/$1") && ! grep -E '\.debug_|^\[' <<<"$h" &&
@@ -118,19 +120,36 @@ pdb() (  # (set -e does not hold inside check's "if")
   key=$(printf "%08X%x" "$(sed -n 's/.*TimeDateStamp: .*(\(0x.*\))/\1/p' <<<"$head")" \
     "$(sed -n "s/.*SizeOfImage: //p" <<<"$head")")
   cmp "$f" "$pkg/symbols/$1/$key/$1" || exit 1
-  base=$($m-objdump -p "$debug" | sed -n "s/^ImageBase[[:space:]]*//p")
-  at=$($m-nm -C "$debug" | sed -n -E "s/^([0-9a-f]+) T $2(\(.*)?\$/\1/p" | head -1)
-  got=$(cd "$store" && llvm-symbolizer --obj="$f" --relative-address $((0x$at - 0x$base + 16)) |
-    head -1)
-  echo "$2 at 0x$at+16: $got"
-  [[ $got == "$2" || $got == "$2("* ]]
+  python3 "$here/pdb-lookup.py" "$pkg" "$src" "$1" "$2"
+)
+# Every PDB: llvm-pdbutil reads its modules; our objects' modules carry source
+# files, and every module and file is named under /qx/ (the build machine's
+# folders mapped) or /usr/ (the toolchain's libraries).
+modules() (
+  dump=$(llvm-pdbutil dump -modules -files "$1") || exit 1
+  ours=$(grep -A2 -E '^ *Mod [0-9]+ \| `/qx/build/' <<<"$dump")  # (no grep -q: pipefail)
+  grep -q -E '# files: [1-9]' <<<"$ours" || exit 1
+  paths=$(grep -oE '(Mod [0-9]+ \| |Obj: )`/[^`]*' <<<"$dump" | sed 's/.*`//'
+          sed -nE 's/^ *- (\((MD5|None): [0-9A-F]*\) )?(.*)$/\3/p' <<<"$dump")
+  ! grep -vE '^/(qx|usr)/' <<<"$paths"
 )
 for f in QXAttentionPlugin.dll qxhost.exe fusion-sim.exe logread.exe; do
-  case $f in *.dll) fn=PluginAction ;; fusion-sim.exe) fn=wmain ;; *) fn=main ;; esac
+  case $f in
+    *.dll) fn=PluginAction ;;
+    fusion-sim.exe) fn=wmain@tools/fusion-sim ;;
+    *) fn=main@tools/${f%.exe} ;;
+  esac
   check "bin/$f: stripped; debug/$f.debug has DWARF lines" stripped "$f"
   check "bin/$f: .gnu_debuglink names debug/$f.debug and its CRC" debuglink "$f"
-  check "bin/$f: its PDB in symbols/ matches it; $fn resolves through it" pdb "$f" "$fn"
+  check "bin/$f: its PDB in symbols/ matches it; ${fn%@*} resolves through it" pdb "$f" "$fn"
+  check "symbols/: llvm-pdbutil reads the modules of ${f%.*}.pdb; paths mapped" \
+    modules "$(ls "$pkg/symbols/${f%.*}.pdb"/*/*.pdb)"
 done
+check "bin/QXAttentionPlugin.dll: a file-local function resolves through the PDB" \
+  python3 "$here/pdb-lookup.py" "$pkg" "$src" QXAttentionPlugin.dll StartSensorThread --local
+check "bin/QXAttentionPlugin.dll: an inlined function resolves through the PDB" \
+  python3 "$here/pdb-lookup.py" "$pkg" "$src" QXAttentionPlugin.dll GetSensorDataSize \
+  --inlined-into GetSensorData
 # The loop found the eight files: nothing else.
 check "symbols/ holds the four PDBs and binaries, nothing else" \
   bash -c "[ \$(find '$pkg/symbols' -type f | wc -l) -eq 8 ]"
