@@ -22,9 +22,9 @@ namespace qx {
 // resetting the machine: the simulator installed as the stopped service, no
 // plug-in registry values, logs or config.ini.
 void RunSessions(const std::function<void(int)>& body, int sessions = 1);
-#define QX_TEST(suite, name, sessions)                                    \
-  static void suite##_##name(int session);                                \
-  TEST(suite, name) { qx::RunSessions(&suite##_##name, sessions); }       \
+#define QX_TEST(suite, name, sessions)                              \
+  static void suite##_##name(int session);                          \
+  TEST(suite, name) { qx::RunSessions(&suite##_##name, sessions); } \
   static void suite##_##name([[maybe_unused]] int session)
 
 // Bounded waits: `Until` polls for 10 s; `Quiet` waits for the one declared
@@ -93,12 +93,13 @@ std::vector<std::string> Calls(const Mark& from);
 // The peer's requests: "OPNUM: STUB HEX".
 std::vector<std::string> Requests(const Mark& from);
 // `expected` in order (other lines between), waited for; "*" matches any text.
-void ExpectAnchors(const std::vector<std::string>& actual, const std::vector<std::string>& expected);
-#define QX_ANCHORS(what, mark, ...)                                                \
-  do {                                                                             \
-    const std::vector<std::string> qx_expected = __VA_ARGS__;                      \
-    qx::Until([&] { return qx::Subsequence(what(mark), qx_expected); });          \
-    qx::ExpectAnchors(what(mark), qx_expected);                                    \
+void ExpectAnchors(const std::vector<std::string>& actual,
+                   const std::vector<std::string>& expected);
+#define QX_ANCHORS(what, mark, ...)                                      \
+  do {                                                                   \
+    const std::vector<std::string> qx_expected = __VA_ARGS__;            \
+    qx::Until([&] { return qx::Subsequence(what(mark), qx_expected); }); \
+    qx::ExpectAnchors(what(mark), qx_expected);                          \
   } while (0)
 bool Subsequence(const std::vector<std::string>& actual, const std::vector<std::string>& expected);
 bool Glob(const std::string& pattern, const std::string& text);

@@ -20,9 +20,9 @@ std::string Answer(int delay, int status) {
          ",\"status\":" + std::to_string(status) + "}\n";
 }
 std::string Ability(int ability, int delay, int status) {
-  return "{\"ability\":" + std::to_string(ability) + ",\"id\":\"F4010\",\"items\":{\"delay\":" +
-         std::to_string(delay) + ",\"status\":" + std::to_string(status) +
-         "},\"plugin\":\"Attention\"}\n";
+  return "{\"ability\":" + std::to_string(ability) +
+         ",\"id\":\"F4010\",\"items\":{\"delay\":" + std::to_string(delay) +
+         ",\"status\":" + std::to_string(status) + "},\"plugin\":\"Attention\"}\n";
 }
 
 }  // namespace
@@ -41,7 +41,8 @@ QX_TEST(Boundary, AllocatorAndInit, 1) {
   const Mark m = Now();
   EXPECT_EQ(host.Init(false), 0);
   EXPECT_EQ(host.Init(), 0);
-  EXPECT_EQ(Records(m), std::vector<std::string>(2, "INF AttentionPlugin.cpp(170)  attention plugin init... "));
+  EXPECT_EQ(Records(m),
+            std::vector<std::string>(2, "INF AttentionPlugin.cpp(170)  attention plugin init... "));
   EXPECT_EQ(User(L"attention_state"), kAbsent);
 }
 
@@ -54,14 +55,22 @@ const Refusal kRefusals[] = {
     {"Init", nullptr, "{\"error_code\":4}\n", nullptr},
     {"init ", nullptr, "{\"error_code\":4}\n", nullptr},
     {"", nullptr, "{\"error_code\":4}\n", nullptr},
-    {"set_attention_status", "", "{\"error_code\":-3}\n", "AttentionPlugin.cpp(254) reader.parse error"},
-    {"set_attention_status", "{\"f4010\":{\"status\":2}}", "{\"error_code\":-3}\n", "AttentionPlugin.cpp(261) reader.parse error"},
-    {"set_attention_status", "{\"F4010\":{}}", "{\"error_code\":1}\n", "AttentionPlugin.cpp(268) invalid status value: 0"},
-    {"set_attention_status", "{\"F4010\":{\"status\":3}}", "{\"error_code\":1}\n", "AttentionPlugin.cpp(268) invalid status value: 3"},
-    {"set_attention_delay", "[]", "{\"error_code\":-3}\n", "AttentionPlugin.cpp(294) reader.parse error"},
-    {"set_attention_delay", "{\"F4010\":null}", "{\"error_code\":-3}\n", "AttentionPlugin.cpp(301) reader.parse error"},
-    {"set_attention_delay", "{\"F4010\":{\"delay\":9}}", "{\"error_code\":1}\n", "AttentionPlugin.cpp(308) invalid delay value: 9"},
-    {"set_attention_delay", "{\"F4010\":{\"delay\":61}}", "{\"error_code\":1}\n", "AttentionPlugin.cpp(308) invalid delay value: 61"},
+    {"set_attention_status", "", "{\"error_code\":-3}\n",
+     "AttentionPlugin.cpp(254) reader.parse error"},
+    {"set_attention_status", "{\"f4010\":{\"status\":2}}", "{\"error_code\":-3}\n",
+     "AttentionPlugin.cpp(261) reader.parse error"},
+    {"set_attention_status", "{\"F4010\":{}}", "{\"error_code\":1}\n",
+     "AttentionPlugin.cpp(268) invalid status value: 0"},
+    {"set_attention_status", "{\"F4010\":{\"status\":3}}", "{\"error_code\":1}\n",
+     "AttentionPlugin.cpp(268) invalid status value: 3"},
+    {"set_attention_delay", "[]", "{\"error_code\":-3}\n",
+     "AttentionPlugin.cpp(294) reader.parse error"},
+    {"set_attention_delay", "{\"F4010\":null}", "{\"error_code\":-3}\n",
+     "AttentionPlugin.cpp(301) reader.parse error"},
+    {"set_attention_delay", "{\"F4010\":{\"delay\":9}}", "{\"error_code\":1}\n",
+     "AttentionPlugin.cpp(308) invalid delay value: 9"},
+    {"set_attention_delay", "{\"F4010\":{\"delay\":61}}", "{\"error_code\":1}\n",
+     "AttentionPlugin.cpp(308) invalid delay value: 61"},
     {"get_attention", "ignored {", nullptr, nullptr},
 };
 QX_TEST(Boundary, RefusedActionsChangeNothing, 1) {
@@ -70,7 +79,8 @@ QX_TEST(Boundary, RefusedActionsChangeNothing, 1) {
   for (const Refusal& r : kRefusals) {
     const Mark m = Now();
     const std::string answer = r.answer ? r.answer : Answer(-1, -1);
-    EXPECT_EQ(host.Act(r.action, r.params), answer) << r.action << " " << (r.params ? r.params : "null");
+    EXPECT_EQ(host.Act(r.action, r.params), answer)
+        << r.action << " " << (r.params ? r.params : "null");
     std::vector<std::string> want = {"INF AttentionPlugin.cpp(341) resp: " + answer};
     if (r.record) want.insert(want.begin(), std::string("INF ") + r.record);
     EXPECT_EQ(Records(m), want) << r.action << " " << (r.params ? r.params : "null");
@@ -162,7 +172,8 @@ QX_TEST(Boundary, StatusConversionFollowsJsoncpp, 1) {
       {"{\"F4010\":{\"status\":2.7}}", 2},
       {"{\"F4010\":{\"status\":1,\"delay\":99},\"other\":[1,2]}", 1},
       {"/* host comment */ {\"F4010\":{\"status\":2}} // trailing", 2}};
-  for (const auto& [params, status] : cases) EXPECT_EQ(host.Act("set_attention_status", params), Answer(10, status)) << params;
+  for (const auto& [params, status] : cases)
+    EXPECT_EQ(host.Act("set_attention_status", params), Answer(10, status)) << params;
   QX_ANCHORS(Records, m, {"WAR AttentionFuntion(261) attention_start st 0 , for enable 0"});
   EXPECT_EQ(User(L"attention_state"), Dword(2));
 }
@@ -179,7 +190,8 @@ struct StatusWord {
   RegValue cacheAfter;
 };
 const StatusWord kWords[] = {
-    {"Unsupported", L"0", kNone, 0, "INF AttentionFuntion(105) CheckAttentionAbility InitFusion 0", Dword(0)},
+    {"Unsupported", L"0", kNone, 0, "INF AttentionFuntion(105) CheckAttentionAbility InitFusion 0",
+     Dword(0)},
     {"Active", L"268435457", Dword(0), 1, "INF AttentionFuntion(115) Attention active", Dword(0)},
     {"Stopped", L"268435456", kNone, 1, "INF AttentionFuntion(109) Attention stop", kNone},
     {"Other", L"5", kNone, 0, "INF AttentionFuntion(124) Attention active :5", kNone},
@@ -195,7 +207,8 @@ TEST_P(Words, Ability) {
     host.Init();
     const Mark m = Now();
     EXPECT_EQ(host.Act("init"), "");
-    QX_ANCHORS(Records, m, {w.anchor, "INF AttentionPlugin.cpp(193) ability: " + std::to_string(w.ability)});
+    QX_ANCHORS(Records, m,
+               {w.anchor, "INF AttentionPlugin.cpp(193) ability: " + std::to_string(w.ability)});
     QX_ANCHORS(Calls, m, {"Setting 0x40 0", "GetSensorStatus 6 4 *"});
     EXPECT_EQ(User(L"attention__ability"), w.cacheAfter);
   });
@@ -214,8 +227,16 @@ struct SetUpCode {
 };
 const SetUpCode kSetUps[] = {
     {"Refused", 0x30000020, false, 0, {"Setting 0x40 0 -> 0x30000020"}},
-    {"NotReadyTwice", 0x10000000, false, 0, {"Setting 0x40 0 -> 0x10000000", "Setting 0x40 0 -> 0x10000000"}},
-    {"NotReadyOnce", 0x10000000, true, 1, {"Setting 0x40 0 -> 0x10000000", "Setting 0x40 0", "GetSensorStatus 6 4 *"}},
+    {"NotReadyTwice",
+     0x10000000,
+     false,
+     0,
+     {"Setting 0x40 0 -> 0x10000000", "Setting 0x40 0 -> 0x10000000"}},
+    {"NotReadyOnce",
+     0x10000000,
+     true,
+     1,
+     {"Setting 0x40 0 -> 0x10000000", "Setting 0x40 0", "GetSensorStatus 6 4 *"}},
 };
 void PrintTo(const SetUpCode& c, std::ostream* os) { *os << c.name; }
 class SetUp : public testing::TestWithParam<SetUpCode> {};
@@ -251,18 +272,24 @@ QX_TEST(Flow, SwitchOnLookAwayClose, 1) {
   EXPECT_EQ(host.Act("init"), "");
   // Attention allowed at "init" although the host never asked for the ability.
   QX_ANCHORS(Records, m,
-             {"INF AttentionFuntion(25) ServiceInstall ret=0 s:1", "INF AttentionFuntion(229) attention_init initfusion 0",
-              "INF AttentionPlugin.cpp(193) ability: 1", "INF AttentionInfo.cpp(51) set_attention_enable 1",
+             {"INF AttentionFuntion(25) ServiceInstall ret=0 s:1",
+              "INF AttentionFuntion(229) attention_init initfusion 0",
+              "INF AttentionPlugin.cpp(193) ability: 1",
+              "INF AttentionInfo.cpp(51) set_attention_enable 1",
               "INF AttentionFuntion(283) attention_set_enable 1",
               "INF AttentionPlugin.cpp(236)  attention status: 1, attention delay:10 "});
-  QX_ANCHORS(Calls, m, {"Setting 0x40 0", "GetSensorStatus 6 4 00000010", "StartSensor 6 0", "SetSensorParam 6 4 0a000000"});
+  QX_ANCHORS(Calls, m,
+             {"Setting 0x40 0", "GetSensorStatus 6 4 00000010", "StartSensor 6 0",
+              "SetSensorParam 6 4 0a000000"});
   EXPECT_EQ(FusionSimServiceState(), DWORD(SERVICE_RUNNING));
   EXPECT_EQ(User(L"attention_state"), Dword(1));
   EXPECT_EQ(User(L"attention_delay"), Dword(10));
   EXPECT_EQ(host.Act("get_attention"), Answer(10, 1));
   m = Now();
   EXPECT_EQ(host.Act("set_attention_status", kOn), Answer(10, 2));
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(258) attention_start begin w:0 e:1", "INF AttentionFuntion(267) tof_start end0"});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(258) attention_start begin w:0 e:1",
+              "INF AttentionFuntion(267) tof_start end0"});
   QX_ANCHORS(Calls, m, {"StartSensor 6 1"});
   m = Now();
   EXPECT_EQ(host.Act("set_attention_delay", Delay(30).c_str()), Answer(30, 2));
@@ -301,8 +328,10 @@ QX_TEST(Flow, StatusAndDelayPersistAcrossHosts, 2) {
   EXPECT_EQ(host.Act("get_attention"), Answer(-1, -1));
   const Mark m = Now();
   EXPECT_EQ(host.Act("init"), "");
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(25) ServiceInstall ret=0 s:4",
-                          "INF AttentionPlugin.cpp(196) register attention status: 2, register attention delay:45 "});
+  QX_ANCHORS(
+      Records, m,
+      {"INF AttentionFuntion(25) ServiceInstall ret=0 s:4",
+       "INF AttentionPlugin.cpp(196) register attention status: 2, register attention delay:45 "});
   QX_ANCHORS(Calls, m, {"StartSensor 6 1", "SetSensorParam 6 4 2d000000"});
   EXPECT_EQ(host.Act("get_attention"), Answer(45, 2));
 }
@@ -320,8 +349,11 @@ QX_TEST(Faults, MissingAttentionEvent, 1) {
   Mark m = Now();
   host.Act("init");
   // The ability never asked (the set-up failed first): the flag goes through.
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(229) attention_init initfusion 10000006", "INF AttentionPlugin.cpp(193) ability: 0",
-                          "INF AttentionInfo.cpp(51) set_attention_enable 0", "INF AttentionFuntion(283) attention_set_enable 0"});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(229) attention_init initfusion 10000006",
+              "INF AttentionPlugin.cpp(193) ability: 0",
+              "INF AttentionInfo.cpp(51) set_attention_enable 0",
+              "INF AttentionFuntion(283) attention_set_enable 0"});
   host.Act("close");
   QX_ANCHORS(SensorLines, m, {"UnInitial,FusionMask:0"});
   QX_ANCHORS(Calls, m, {"Setting 0x40 0", "UnInit 0x0 0"});
@@ -344,9 +376,10 @@ QX_TEST(Faults, WithoutTheService, 1) {
   EXPECT_EQ(host.Act("ability"), Ability(0, 25, 0));
   const Mark m = Now();
   host.Act("init");
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(25) ServiceInstall ret=1 s:0",
-                          "INF AttentionFuntion(229) attention_init initfusion 1",
-                          "INF AttentionPlugin.cpp(236)  attention status: 0, attention delay:25 "});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(25) ServiceInstall ret=1 s:0",
+              "INF AttentionFuntion(229) attention_init initfusion 1",
+              "INF AttentionPlugin.cpp(236)  attention status: 0, attention delay:25 "});
   EXPECT_EQ(FusionSimServiceState(), 0u);
   EXPECT_EQ(User(L"attention__ability"), kAbsent);
   host.Act("close");
@@ -393,7 +426,9 @@ QX_TEST(Faults, RefusalsAfterInit, 1) {
   ASSERT_TRUE(FusionSimForceResult(5, 0x60000006));
   m = Now();
   EXPECT_EQ(host.Act("close"), "");
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(250) attention_un_init 60000006", "INF AttentionPlugin.cpp(241) close attention client."});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(250) attention_un_init 60000006",
+              "INF AttentionPlugin.cpp(241) close attention client."});
   FusionSimSetAttention(1, true);
   Quiet();
   EXPECT_EQ(Calls(m), std::vector<std::string>{"UnInit 0x40 0 -> 0x60000006"});
@@ -453,7 +488,8 @@ QX_TEST(Faults, EventStormWhileTheHostActs, 1) {
 // The service killed while a call waits for its reply: a refusal, the delay
 // kept; switching off still works; the service back, the old binding works.
 QX_TEST(Faults, ServiceKilledDuringACall, 1) {
-  DeclareExceptions({"Runtime reported exception 0x6be = 1726", "Runtime reported exception 0x6ba = 1722"});
+  DeclareExceptions(
+      {"Runtime reported exception 0x6be = 1726", "Runtime reported exception 0x6ba = 1722"});
   Host host;
   host.Init();
   host.Act("init");
@@ -466,7 +502,9 @@ QX_TEST(Faults, ServiceKilledDuringACall, 1) {
   KillService();
   call.join();
   EXPECT_EQ(answer, Answer(10, 2));
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(182) Set delay: 40 ，resp:1", "INF AttentionPlugin.cpp(329) set attention delay fail,resp: 1"});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(182) Set delay: 40 ，resp:1",
+              "INF AttentionPlugin.cpp(329) set attention delay fail,resp: 1"});
   EXPECT_EQ(User(L"attention_delay"), Dword(10));
   m = Now();
   EXPECT_EQ(host.Act("set_attention_status", kOff), Answer(10, 1));
@@ -482,7 +520,8 @@ QX_TEST(Faults, ServiceKilledDuringACall, 1) {
 QX_TEST(Faults, LogCutAtOneMebibyte, 1) {
   Host host(true);
   host.Init();
-  const std::wstring log = testsupport::CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
+  const std::wstring log =
+      testsupport::CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
   const std::string record = testsupport::ReadFileBytes(log);
   ASSERT_GT(record.size(), 10u);
   for (std::size_t size : {(1u << 20) - 1, 1u << 20}) {

@@ -16,12 +16,18 @@ struct BadReply {
   const char *request, *reply, *exception;
 };
 const BadReply kBadReplies[] = {
-    {4, "06000000 04000000", "08000000 01000010 aaaaaaaa 00000000", "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
-    {4, "06000000 04000000", "02000000 01000000 00000000", "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
-    {4, "06000000 04000000", "04000000 01000010", "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
-    {4, "06000000 04000000", "fault 00000032", "GetFusionStatus::Runtime reported exception 0x32 = 50"},
-    {2, "06000000 04000000 04000000 0a000000", "cut 20 00000000", "Runtime reported exception 0x6be = 1726"},
-    {1, "06000000 04000000", "08000000 78563412 aaaaaaaa 00000000", "Runtime reported exception 0x6f7 = 1783"},
+    {4, "06000000 04000000", "08000000 01000010 aaaaaaaa 00000000",
+     "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
+    {4, "06000000 04000000", "02000000 01000000 00000000",
+     "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
+    {4, "06000000 04000000", "04000000 01000010",
+     "GetFusionStatus::Runtime reported exception 0x6f7 = 1783"},
+    {4, "06000000 04000000", "fault 00000032",
+     "GetFusionStatus::Runtime reported exception 0x32 = 50"},
+    {2, "06000000 04000000 04000000 0a000000", "cut 20 00000000",
+     "Runtime reported exception 0x6be = 1726"},
+    {1, "06000000 04000000", "08000000 78563412 aaaaaaaa 00000000",
+     "Runtime reported exception 0x6f7 = 1783"},
 };
 
 // A host's session, action by action: the requests and the peer's replies.
@@ -30,17 +36,26 @@ struct Exchange {
   std::vector<std::pair<std::string, std::string>> pipe;
 };
 const Exchange kSession[] = {
-    {"init", nullptr, "",
+    {"init",
+     nullptr,
+     "",
      {{"0: 40000000", "00000000"},
       {"4: 06000000 04000000", "04000000 00000010 00000000"},
       {"3: 06000000 00000000", "00000000"},
       {"3: 06000000 00000000", "00000000"},
       {"2: 06000000 04000000 04000000 0a000000", "00000000"}}},
-    {"set_attention_status", "{\"F4010\":{\"status\":2}}", "{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n",
+    {"set_attention_status",
+     "{\"F4010\":{\"status\":2}}",
+     "{\"cmd\":\"get_attention\",\"delay\":10,\"status\":2}\n",
      {{"3: 06000000 01000000", "00000000"}}},
-    {"set_attention_delay", "{\"F4010\":{\"delay\":30}}", "{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n",
+    {"set_attention_delay",
+     "{\"F4010\":{\"delay\":30}}",
+     "{\"cmd\":\"get_attention\",\"delay\":30,\"status\":2}\n",
      {{"2: 06000000 04000000 04000000 1e000000", "00000000"}}},
-    {nullptr, nullptr, nullptr, {{"1: 06000000 04000000", "04000000 00000000 00000000"}}},  // the event
+    {nullptr,
+     nullptr,
+     nullptr,
+     {{"1: 06000000 04000000", "04000000 00000000 00000000"}}},  // the event
     {"close", nullptr, "", {{"5: 40000000", "00000000"}}},
 };
 
@@ -73,7 +88,8 @@ QX_TEST(Wire, BadReplies, 1) {
   EXPECT_EQ(word, 0x10000001u);
   // A line longer than 2047 characters is cut there.
   SensorLibLogWrite("Event!%s", std::string(3000, 'x').c_str());
-  EXPECT_EQ(SensorLines(m), (std::vector<std::string>{"268435457", "Event!" + std::string(2041, 'x')}));
+  EXPECT_EQ(SensorLines(m),
+            (std::vector<std::string>{"268435457", "Event!" + std::string(2041, 'x')}));
 }
 
 QX_TEST(Wire, HostSession, 1) {
@@ -102,12 +118,15 @@ QX_TEST(Wire, HostSession, 1) {
 QX_TEST(Wire, ShippedBinding, 1) {
   SetService(Service::kAbsent);
   StartPeer("type 10 level 6 token 4e544c4d 53535000 01000000");
-  DeclareExceptions({"Runtime reported exception 0x6d3 = 1747", "Runtime reported exception 0x6d3 = 1747"});
+  DeclareExceptions(
+      {"Runtime reported exception 0x6d3 = 1747", "Runtime reported exception 0x6d3 = 1747"});
   Host host(true);
   host.Init();
   const Mark m = Now();
   EXPECT_EQ(host.Act("init"), "");
-  QX_ANCHORS(Records, m, {"INF AttentionFuntion(229) attention_init initfusion 1", "INF AttentionPlugin.cpp(193) ability: 0"});
+  QX_ANCHORS(Records, m,
+             {"INF AttentionFuntion(229) attention_init initfusion 1",
+              "INF AttentionPlugin.cpp(193) ability: 0"});
   EXPECT_EQ(host.Act("close"), "");
   EXPECT_EQ(Requests(m), std::vector<std::string>{});
 }
