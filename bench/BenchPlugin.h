@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "QxPluginLoader.h"
+
 namespace bench {
 
 inline double Seconds() {
@@ -33,33 +35,14 @@ inline double Quantile(std::vector<double> v, double q) {
 }
 inline double Median(const std::vector<double>& v) { return Quantile(v, 0.5); }
 
-using HostCallback = int (*)(const char*, const char*, const char*, std::uintptr_t, std::int32_t);
-
 // The plug-in DLL as the host sees it: four exports, nothing else.
-struct Plugin {
-  HMODULE module = nullptr;
-  void* (*create)(int) = nullptr;
-  int (*init)(void*, HostCallback) = nullptr;
-  int (*action)(const char*, const char*, char**) = nullptr;
-  void (*destroy)(void*) = nullptr;
-
+struct Plugin : qx_plugin::Exports {
   // `name` is looked up beside the running program.
   bool Load(const wchar_t* name) {
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
     std::wstring path(self);
-    path = path.substr(0, path.find_last_of(L"\\/") + 1) + name;
-    module = LoadLibraryW(path.c_str());
-    if (!module) return false;
-    create = reinterpret_cast<decltype(create)>(
-        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_new")));
-    init = reinterpret_cast<decltype(init)>(
-        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_init")));
-    action = reinterpret_cast<decltype(action)>(
-        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_action")));
-    destroy = reinterpret_cast<decltype(destroy)>(
-        reinterpret_cast<void*>(GetProcAddress(module, "qx_plugin_delete")));
-    return create && init && action && destroy;
+    return qx_plugin::Load(path.substr(0, path.find_last_of(L"\\/") + 1) + name, this).empty();
   }
 
   // One action as a host runs it: call, read the result, free it.
@@ -67,7 +50,7 @@ struct Plugin {
     char* result = nullptr;
     action(name, params, &result);
     std::string text = result ? result : "";
-    destroy(result);
+    release(result);
     return text;
   }
 };

@@ -15,8 +15,6 @@ interrupted; the last step rebuilds the unchanged tree.
                                           one tree, some targets, the ctest entries
                                           matching a regex
   scripts/plant-faults.py --list          the faults, without running anything
-  scripts/plant-faults.py --only 19 --tests release_package
-                                          only the ctest entries that match (a regex)
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
 Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
@@ -214,6 +212,54 @@ FAULTS = [
      [("fusion/FusionSehGuard.c",
        "return EXCEPTION_EXECUTE_HANDLER;",
        "return EXCEPTION_CONTINUE_SEARCH;")]),
+    ("the sensor library log's stamp with month and day swapped",
+     [("fusion/SensorLibLog.cpp",
+       "t.wMonth, t.wDay,",
+       "t.wDay, t.wMonth,")]),
+    ("an exception line also written for a refused remote call",
+     [("fusion/FusionClient.cpp",
+       "  if (code != 0) {\n    SensorLibLogWrite(text, code, static_cast<long>(code));",
+       "  if (code != 0 || result != 0) {\n    SensorLibLogWrite(text, code, static_cast<long>(code));")]),
+    ("the telemetry callback's flags 1 instead of 0",
+     [("plugin/AttentionState.cpp",
+       'g_host_callback("BIGDATA", "BIGDATA", payload.c_str(), 0, 0);',
+       'g_host_callback("BIGDATA", "BIGDATA", payload.c_str(), 0, 1);')]),
+    ("the set-up retry's pause a tenth of 400 ms",
+     [("attention/AttentionFuntion.cpp",
+       "Sleep(kInitRetryPauseMs);",
+       "Sleep(kInitRetryPauseMs / 10);")]),
+    ("the service check's stop command skipped when the service is not running",
+     [("attention/FusionService.cpp",
+       "RunProcess(kNetCommand, kStopTofService, true);\n  Sleep(kCheckPauseMs);",
+       "Sleep(kCheckPauseMs);")]),
+    ("the restart's start command skipped",
+     [("attention/FusionService.cpp",
+       "RunProcess(kNetCommand, kStartFusionService, true);\n  Sleep(kRestartPauseMs);\n  return 0;",
+       "Sleep(kRestartPauseMs);\n  return 0;")]),
+    ("opnum 2 (SetFusionDelay) declaring 2 bytes instead of 4",
+     [("fusion/FusionClient.cpp",
+       "FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 4,",
+       "FusionRpcSetSensorParam(Binding(), kFusionAttentionIndex, 2,")]),
+    ("the stored status written to HKLM instead of HKCU",
+     [("plugin/AttentionState.cpp",
+       "if (RegCreateKeyExW(HKEY_CURRENT_USER, kAttentionKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,",
+       "if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kAttentionKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,")]),
+    ("a record's line number not its catalogue row (setup_attention_client as line 26)",
+     [("plugin/AttentionInfo.cpp",
+       'QX_LOG(LogInfo, 25, L"setup_attention_client ");',
+       'QX_LOG(LogInfo, 26, L"setup_attention_client ");')]),
+    ("\"close\" stopping the wrong sensor's waiting thread",
+     [("fusion/FusionClient.cpp",
+       "if ((copy & 1u) && g_fusion.stopEvents[index]) {\n      SetEvent(g_fusion.stopEvents[index]);",
+       "if ((copy & 2u) && g_fusion.stopEvents[index]) {\n      SetEvent(g_fusion.stopEvents[index]);")]),
+    ("attention not enabled at \"init\" when the ability was never asked",
+     [("plugin/AttentionInfo.cpp",
+       "if (g_ability_cache == 0) return;",
+       "if (g_ability_cache != 1) return;")]),
+    ("the plug-in's log limit 2 MiB instead of 1 MiB",
+     [("plugin/AttentionPlugin.cpp",
+       'Setup(L"Quillomatic", L"QXAttentionPlugin.log", 0x100000, 1, 1);',
+       'Setup(L"Quillomatic", L"QXAttentionPlugin.log", 0x200000, 1, 1);')]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <type_traits>
 
 namespace testsupport {
 
@@ -99,17 +98,6 @@ std::wstring Widen(const std::string& s) {
   w.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()),
                                                    w.data(), static_cast<int>(w.size()))));
   return w;
-}
-
-bool LoadPlugin(const std::wstring& dll, Plugin* out) {
-  const HMODULE module = LoadLibraryW((ExeDir() + dll).c_str());
-  const auto get = [module](auto& export_, const char* name) {
-    export_ = reinterpret_cast<std::remove_reference_t<decltype(export_)>>(
-        module ? reinterpret_cast<void*>(GetProcAddress(module, name)) : nullptr);
-    return export_ != nullptr;
-  };
-  return get(out->create, "qx_plugin_new") & get(out->init, "qx_plugin_init") &
-         get(out->action, "qx_plugin_action") & get(out->free, "qx_plugin_delete");
 }
 
 }  // namespace testsupport

@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "qx_plugin.h"
-
 namespace testsupport {
 
 // Starts a program from a full command line; its stdout (and stderr, when
@@ -29,15 +27,5 @@ bool FileExists(const std::wstring& path);
 std::wstring CommonAppData();
 std::wstring TempDir(const std::wstring& name);  // fresh, empty folder
 std::wstring Widen(const std::string& s);
-
-// The plug-in's four exports, as a host that loads it finds them.
-struct Plugin {
-  qx_plugin_new_fn create = nullptr;
-  qx_plugin_init_fn init = nullptr;
-  qx_plugin_action_fn action = nullptr;
-  qx_plugin_delete_fn free = nullptr;
-};
-// Loads `dll` from this program's folder; false when it or an export is missing.
-bool LoadPlugin(const std::wstring& dll, Plugin* out);
 
 }  // namespace testsupport

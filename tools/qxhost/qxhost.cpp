@@ -27,22 +27,9 @@
 
 #include "HostCommands.h"
 #include "Lifecycle.h"
+#include "QxPluginLoader.h"
 
 namespace {
-
-using HostCallback = int (*)(const char* kind, const char* name, const char* json,
-                             std::uintptr_t reserved, std::int32_t flags);
-using PluginNew = void* (*)(int size);
-using PluginInit = int (*)(void* ignored, HostCallback callback);
-using PluginAction = int (*)(const char* action, const char* params, char** result);
-using PluginDelete = void (*)(void* buffer);
-
-struct Plugin {
-  PluginNew create = nullptr;
-  PluginInit init = nullptr;
-  PluginAction action = nullptr;
-  PluginDelete release = nullptr;
-};
 
 // Exit codes.
 constexpr int kExitOk = 0;
@@ -51,7 +38,7 @@ constexpr int kExitLoad = 2;
 constexpr int kExitWaitTimedOut = 3;
 constexpr int kExitException = 4;
 
-Plugin g_plugin;
+qx_plugin::Exports g_plugin;
 qxhost::Lifecycle g_lifecycle;
 DWORD g_hostThread = 0;
 std::atomic<const char*> g_currentAction{nullptr};
@@ -120,33 +107,11 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* info) {
   return EXCEPTION_EXECUTE_HANDLER;
 }
 
-// GetProcAddress answers a generic function pointer; the cast goes through
-// void* so that the compiler does not warn about the signature change.
-template <typename Fn>
-Fn Export(HMODULE module, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
-
 bool LoadPlugin(const std::string& path) {
-  HMODULE module = LoadLibraryA(path.c_str());
-  if (!module) {
-    std::fprintf(stderr, "qxhost: cannot load %s (error %lu)\n", path.c_str(), GetLastError());
-    return false;
-  }
-  g_plugin.create = Export<PluginNew>(module, "qx_plugin_new");
-  g_plugin.init = Export<PluginInit>(module, "qx_plugin_init");
-  g_plugin.action = Export<PluginAction>(module, "qx_plugin_action");
-  g_plugin.release = Export<PluginDelete>(module, "qx_plugin_delete");
-  const char* missing = !g_plugin.create    ? "qx_plugin_new"
-                        : !g_plugin.init    ? "qx_plugin_init"
-                        : !g_plugin.action  ? "qx_plugin_action"
-                        : !g_plugin.release ? "qx_plugin_delete"
-                                            : nullptr;
-  if (missing) {
-    std::fprintf(stderr, "qxhost: %s does not export %s\n", path.c_str(), missing);
-    return false;
-  }
-  return true;
+  const std::string error = qx_plugin::Load(path, &g_plugin);
+  if (!error.empty())
+    std::fprintf(stderr, "qxhost: cannot load %s: %s\n", path.c_str(), error.c_str());
+  return error.empty();
 }
 
 // Whether the machine-wide ability cache is set, read as the plug-in reads it

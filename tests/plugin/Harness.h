@@ -1,0 +1,114 @@
+// The plug-in's test harness: each test runs in processes of its own (this
+// program re-launched with --qx-session=N, one process per host session), on
+// a machine put into a known state, through the four exports; observers read
+// what happened since a mark, and the session rules are judged after every
+// test (Harness.cpp).
+#pragma once
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FusionSimCtl.h"
+#include "WirePeer.h"
+
+namespace qx {
+
+// Runs `body(session)` for session 0..sessions-1, each in a new process, after
+// resetting the machine: the simulator installed as the stopped service, no
+// plug-in registry values, logs or config.ini.
+void RunSessions(const std::function<void(int)>& body, int sessions = 1);
+#define QX_TEST(suite, name, sessions)                              \
+  static void suite##_##name(int session);                          \
+  TEST(suite, name) { qx::RunSessions(&suite##_##name, sessions); } \
+  static void suite##_##name([[maybe_unused]] int session)
+
+// Bounded waits: `Until` polls for 10 s; `Quiet` waits for the one declared
+// quiet window (kQuietMs without a new record, line, call, request or callback).
+constexpr DWORD kQuietMs = 300;
+bool Until(const std::function<bool()>& condition, DWORD timeoutMs = 10000);
+void Quiet();
+
+// The machine.
+enum class Service { kStopped, kRunning, kConsole, kAbsent };
+void SetService(Service mode, const std::wstring& args = L"");
+void KillService();
+void Config(const wchar_t* name, const wchar_t* value);  // [config] of config.ini
+struct RegValue {
+  bool present = false;
+  DWORD type = 0;
+  std::string bytes;
+  bool operator==(const RegValue& o) const {
+    return present == o.present && type == o.type && bytes == o.bytes;
+  }
+};
+RegValue Dword(DWORD v, DWORD type = REG_DWORD);
+inline RegValue Binary(DWORD v) { return Dword(v, REG_BINARY); }
+inline const RegValue kAbsent{};
+void PrintTo(const RegValue& v, std::ostream* os);
+void SetReg(HKEY hive, const wchar_t* name, const RegValue& value);
+RegValue Reg(HKEY hive, const wchar_t* name);
+inline RegValue User(const wchar_t* name) { return Reg(HKEY_CURRENT_USER, name); }
+
+// The wire peer on the service's pipe, with the attention event the peer's
+// service would own. `auth`: what every bind must carry after the offer.
+wire::Peer& StartPeer(const std::string& auth = "");
+void SignalPeerEvent();
+
+// A host process: loads the DLL through the four exports. Its callbacks are
+// recorded with their thread; the threads that called an export are the host's.
+struct Callback {
+  bool onHostThread;
+  std::string kind, name, json;
+  std::uintptr_t reserved;
+  std::int32_t flags;
+};
+class Host {
+ public:
+  explicit Host(bool shipped = false);
+  int Init(bool withCallback = true);
+  // The answer's text; "rc N", "null" or "throws: WHAT" otherwise.
+  std::string Act(const std::string& name, const char* params = nullptr);
+  void* New(int size);
+  void Delete(void* block);
+  std::vector<Callback> Callbacks(std::size_t from = 0);
+};
+extern Host* g_host;
+
+// Observers. A mark is where "since" starts; Mark() is now.
+struct Mark {
+  std::size_t log, sensor, calls, pipe, callbacks;
+};
+Mark Now();
+// "LVL Source(line) text" of the plug-in's records, decoded from its .logdat.
+std::vector<std::string> Records(const Mark& from);
+// The sensor library log's lines, without their stamps.
+std::vector<std::string> SensorLines(const Mark& from);
+// The simulator's calls: "Proc ARG0 ARG1 [HEX] [-> CODE|pending]".
+std::vector<std::string> Calls(const Mark& from);
+// The peer's requests: "OPNUM: STUB HEX".
+std::vector<std::string> Requests(const Mark& from);
+// `expected` in order (other lines between), waited for; "*" matches any text.
+void ExpectAnchors(const std::vector<std::string>& actual,
+                   const std::vector<std::string>& expected);
+#define QX_ANCHORS(what, mark, ...)                                      \
+  do {                                                                   \
+    const std::vector<std::string> qx_expected = __VA_ARGS__;            \
+    qx::Until([&] { return qx::Subsequence(what(mark), qx_expected); }); \
+    qx::ExpectAnchors(what(mark), qx_expected);                          \
+  } while (0)
+bool Subsequence(const std::vector<std::string>& actual, const std::vector<std::string>& expected);
+bool Glob(const std::string& pattern, const std::string& text);
+
+// The exception lines of the sensor library log this session may have (glob
+// patterns, in order); any other is a failure.
+void DeclareExceptions(const std::vector<std::string>& lines);
+// The session's rules that need not hold here, with the reason (tests that
+// leave the service killed or a thread blocked in the plug-in).
+void WaiveThreadRule();
+
+}  // namespace qx
