@@ -106,6 +106,7 @@ done
 # inside its last exception line (the copy taken while it was written), NUL
 # bytes where a power loss cut a line, a line that is no record, and a .gz
 # that lost its last bytes.
+[ -d "$out/absent" ] && [ -d "$out/working" ] || exit 0
 python3 - "$out" <<'PY'
 import gzip, os, shutil, sys
 out = sys.argv[1]
