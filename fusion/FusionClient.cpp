@@ -186,9 +186,8 @@ std::int32_t BindFusionService() {
   // simply settles on it.
   RPC_STATUS status = RpcStringBindingComposeW(
       nullptr, reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(L"ncacn_np")), nullptr,
-      reinterpret_cast<RPC_WSTR>(
-          const_cast<wchar_t*>(QX_SERVICE_ENDPOINT_W)),
-      nullptr, &g_fusion.stringBinding);
+      reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(QX_SERVICE_ENDPOINT_W)), nullptr,
+      &g_fusion.stringBinding);
   if (status == RPC_S_OK)
     status = RpcBindingFromStringBindingW(g_fusion.stringBinding, &g_fusion.bindingHandle);
   if (status != RPC_S_OK) {

@@ -19,7 +19,8 @@
 namespace {
 
 const std::string kPath = "/tmp/fuzz_logread_summary." + std::to_string(getpid());
-constexpr char kSensorHead[] = "Version:0.0.0.3\r\n[11-25-20-08-46:478]InitFusion:FusionMask: 0x40\r\n";
+constexpr char kSensorHead[] =
+    "Version:0.0.0.3\r\n[11-25-20-08-46:478]InitFusion:FusionMask: 0x40\r\n";
 
 }  // namespace
 
@@ -41,8 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   logread::Timeline timeline;
   timeline.SetYear(2026);
-  timeline.Add(std::make_unique<logread::LogSource>(kPath, "input", logread::FormatChoice::kAuto,
-                                                    false));
+  timeline.Add(
+      std::make_unique<logread::LogSource>(kPath, "input", logread::FormatChoice::kAuto, false));
   logread::Summary summary(timeline, json);
   timeline.Load();
   const int merged = timeline.Merge(summary);

@@ -36,10 +36,11 @@ sessions=(
 
 record() {
   local name=$1 sim=$2 dll=$3 steps=$4
-  local prefix=$run/$name
+  local prefix=$run/prefix  # one after the other, from one pristine copy
   export WINEPREFIX=$prefix
   scripts/wine-prefix.sh create "$prefix" >/dev/null
-  trap 'scripts/wine-prefix.sh stop "$WINEPREFIX" >/dev/null 2>&1 || true' RETURN
+  # The prefix goes with the session (about 1 GB each); its pristine copy stays.
+  trap 'scripts/wine-prefix.sh stop "$WINEPREFIX" >/dev/null 2>&1 || true; rm -rf "$WINEPREFIX"' RETURN
   case $sim in
     none) ;;
     stopped) wine "$bin/fusion-sim.exe" install --quiet </dev/null >/dev/null ;;
@@ -106,6 +107,7 @@ done
 # inside its last exception line (the copy taken while it was written), NUL
 # bytes where a power loss cut a line, a line that is no record, and a .gz
 # that lost its last bytes.
+[ -d "$out/absent" ] && [ -d "$out/working" ] || exit 0
 python3 - "$out" <<'PY'
 import gzip, os, shutil, sys
 out = sys.argv[1]

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #ifdef _WIN32
+#include <io.h>
 #include <windows.h>
 #else
 #include <cerrno>

@@ -62,7 +62,7 @@ Summary::Session& Summary::Current(const Record& r) {
                       r.fields.line == std::to_string(known::kPluginInit.line);
   if (starts && session_) Close(*session_, false, r.has_time ? r.when : kNever);
   if (starts || !session_) {
-    session_.emplace();
+    session_ = std::make_unique<Session>();
     session_->state.from_init = starts;
     session_->number = ++sessions_;
     session_->file = timeline_.name(r.file);

@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -154,9 +155,9 @@ class Summary : public RecordSink {
   const bool json_;
   const RecordFilter* filter_ = nullptr;
   std::string machine_;
-  bool sensor_file_ = false;        // a sensor library log is among the files
-  bool plugin_file_ = false;        // a plug-in log is among the files
-  std::optional<Session> session_;  // the session being read
+  bool sensor_file_ = false;          // a sensor library log is among the files
+  bool plugin_file_ = false;          // a plug-in log is among the files
+  std::unique_ptr<Session> session_;  // the session being read
   std::size_t sessions_ = 0, shown_ = 0;
   std::optional<Newest> newest_;
   std::FILE* kept_ = nullptr;   // the reports of the sessions shown (a temporary file)
