@@ -1,25 +1,24 @@
 #!/usr/bin/env python3
-"""Plants known faults in the product code one at a time and reports which tests
-catch each: the measure of whether the test suite still finds real mistakes.
+"""Plants known faults one at a time and reports which tests catch each.
 
-For each fault: edit the source (one or more exact fragments, matched with
-whitespace and line breaks free, so formatting changes do not lose them),
-rebuild the Windows and native trees, run both ctest suites, record every ctest
-entry and every GoogleTest case that failed, and put the source back. A fault
-no test catches is a gap. The tree is restored even when the run is
-interrupted; the last step rebuilds the unchanged tree.
+A fault is one or more edits of exact fragments (whitespace free, so formatting
+does not lose them) in the product or in a test's set-up. Each is planted, the
+trees rebuilt and their ctest suites run, every failing ctest entry and
+GoogleTest case recorded, and the source put back, also when the run is
+interrupted; the last step rebuilds the unchanged tree. A fault no test
+catches is a gap.
 
   scripts/plant-faults.py                 all faults (about 3 minutes each)
   scripts/plant-faults.py --only 3,7      some of them
   scripts/plant-faults.py --only 4 --trees build/win --targets logger_test --tests logger
-                                          one tree, some targets, the ctest entries
-                                          matching a regex
+                                          one tree, some targets, the ctest
+                                          entries matching a regex
   scripts/plant-faults.py --list          the faults, without running anything
   scripts/plant-faults.py --markdown F    also write the results as a table to F
 
 Needs built trees (scripts/build.sh); QX_JOBS sets the build's parallel jobs.
-Exit code: 0 when every fault was caught,
-1 when one was missed, 2 on a usage or set-up error.
+Exit code: 0 when every fault was caught, 1 when one was missed, 2 on a usage
+or set-up error.
 """
 import argparse
 import os
