@@ -155,7 +155,11 @@ FAULTS = [
     ("a host's own PROGRAM.log.logdat left out of a folder",
      [("tools/logread/LogFolders.cpp", "(EndsWith(name, \".log.logdat\") && name.size() > 11) ||", "")]),
     ("an unreadable subfolder ending the whole folder",
-     [("tools/logread/LogFolders.cpp", "if (dir == root) {", "if (true) {")]),]
+     [("tools/logread/LogFolders.cpp", "if (dir == root) {", "if (true) {")]),
+    ("the bash completion without --year",
+     [("tools/logread/share/logread.bash", "--source -g --grep -n --lines --year --time",
+       "--source -g --grep -n --lines --time")]),
+]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
 
