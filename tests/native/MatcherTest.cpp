@@ -12,8 +12,8 @@ namespace {
 
 // Pieces of patterns: every construct the matcher reads, and texts over the
 // characters they name.
-const char* const kAtoms[] = {"a", "b", "A", ".", "[ab]", "[^a]", "[a-c]", "\\d", "\\w",
-                              "\\W", "\\s", "\\b", "\\B", "^", "$", "1", " ", "\\."};
+const char* const kAtoms[] = {"a",   "b",   "A",   ".",   "[ab]", "[^a]", "[a-c]", "\\d", "\\w",
+                              "\\W", "\\s", "\\b", "\\B", "^",    "$",    "1",     " ",   "\\."};
 const char* const kRepeats[] = {"", "", "", "*", "+", "?", "{2}", "{1,3}", "{0,}", "{2,}"};
 const char kText[] = "aabAB1 .-";
 
@@ -42,8 +42,8 @@ TEST(Matcher, AgreesWithTheReference) {
     const bool icase = random() % 2;
     logread::Matcher matcher;
     ASSERT_EQ("", matcher.Add(pattern, icase)) << pattern;
-    const std::regex reference(pattern, icase ? std::regex::ECMAScript | std::regex::icase
-                                              : std::regex::ECMAScript);
+    const std::regex reference(
+        pattern, icase ? std::regex::ECMAScript | std::regex::icase : std::regex::ECMAScript);
     for (int j = 0; j < 8; ++j) {
       std::string text;
       for (int n = random() % 12; n > 0; --n) text += kText[random() % (sizeof kText - 1)];

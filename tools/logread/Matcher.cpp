@@ -63,9 +63,10 @@ Node OtherCharacters() {
   PutRange(two, 0xC0, 0xDF);
   PutRange(three, 0xE0, 0xEF);
   PutRange(four, 0xF0, 0xF7);
-  std::vector<Node> alts{SetNode(lone), Kids(Node::kCat, {SetNode(two), SetNode(cont)}),
-                         Kids(Node::kCat, {SetNode(three), SetNode(cont), SetNode(cont)}),
-                         Kids(Node::kCat, {SetNode(four), SetNode(cont), SetNode(cont), SetNode(cont)})};
+  std::vector<Node> alts{
+      SetNode(lone), Kids(Node::kCat, {SetNode(two), SetNode(cont)}),
+      Kids(Node::kCat, {SetNode(three), SetNode(cont), SetNode(cont)}),
+      Kids(Node::kCat, {SetNode(four), SetNode(cont), SetNode(cont), SetNode(cont)})};
   return Kids(Node::kAlt, std::move(alts));
 }
 
@@ -142,10 +143,10 @@ class Parser {
       max = 1;
     else if (c != '*' && !IsCount(&min, &max, &end))
       return false;
-    if (min > kMaxRepeat || max > kMaxRepeat)
-      throw Error("a count of repetitions is at most 1000");
+    if (min > kMaxRepeat || max > kMaxRepeat) throw Error("a count of repetitions is at most 1000");
     if (max >= 0 && max < min) throw Error("a repetition {n,m} needs n <= m");
-    if (atom.kind == Node::kAssert) throw Error("nothing to repeat before \"" + std::string(1, c) + "\"");
+    if (atom.kind == Node::kAssert)
+      throw Error("nothing to repeat before \"" + std::string(1, c) + "\"");
     at_ = end;
     Node n;
     n.kind = Node::kRepeat;
@@ -205,15 +206,22 @@ class Parser {
   unsigned char EscapedByte() {
     const char c = p_[at_++];
     switch (c) {
-      case 't': return '\t';
-      case 'n': return '\n';
-      case 'r': return '\r';
-      case 'f': return '\f';
-      case 'v': return '\v';
+      case 't':
+        return '\t';
+      case 'n':
+        return '\n';
+      case 'r':
+        return '\r';
+      case 'f':
+        return '\f';
+      case 'v':
+        return '\v';
       case 'x': {
         auto hex = [&](std::size_t i) {
           const char h = i < p_.size() ? p_[i] : 'z';
-          return h >= '0' && h <= '9' ? h - '0' : (h | 0x20) >= 'a' && (h | 0x20) <= 'f' ? (h | 0x20) - 'a' + 10 : -1;
+          return h >= '0' && h <= '9'                     ? h - '0'
+                 : (h | 0x20) >= 'a' && (h | 0x20) <= 'f' ? (h | 0x20) - 'a' + 10
+                                                          : -1;
         };
         const int hi = hex(at_), lo = hex(at_ + 1);
         if (hi < 0 || lo < 0) throw Error("\\x takes two hexadecimal digits");
@@ -240,8 +248,10 @@ class Parser {
     const char c = p_[at_++];
     switch (c) {
       case '(': {
-        if (p_.substr(at_, 2) == "?:") at_ += 2;
-        else if (More() && Peek() == '?') throw Error("only (?:...) groups are supported");
+        if (p_.substr(at_, 2) == "?:")
+          at_ += 2;
+        else if (More() && Peek() == '?')
+          throw Error("only (?:...) groups are supported");
         Node n = Alternation(depth + 1);
         if (!More() || Peek() != ')') throw Error("unmatched \"(\"");
         ++at_;
@@ -255,8 +265,10 @@ class Parser {
         set[0] &= ~(std::uint64_t{1} << '\n');
         return Kids(Node::kAlt, {SetNode(set), OtherCharacters()});
       }
-      case '^': return AssertNode(Assert::kBegin);
-      case '$': return AssertNode(Assert::kEnd);
+      case '^':
+        return AssertNode(Assert::kBegin);
+      case '$':
+        return AssertNode(Assert::kEnd);
       case '*':
       case '+':
       case '?':
@@ -317,12 +329,14 @@ class Parser {
   // or a non-ASCII character, put in `set` or `others` already.
   int Member(ByteSet& set, std::vector<Node>& others) {
     static const std::pair<const char*, const char*> kNamed[] = {
-        {"[:digit:]", "09"}, {"[:alpha:]", "azAZ"}, {"[:alnum:]", "azAZ09"}, {"[:upper:]", "AZ"},
-        {"[:lower:]", "az"}, {"[:space:]", "\t\r  "}, {"[:xdigit:]", "09afAF"}, {"[:punct:]", "!/:@[`{~"}};
+        {"[:digit:]", "09"},      {"[:alpha:]", "azAZ"},    {"[:alnum:]", "azAZ09"},
+        {"[:upper:]", "AZ"},      {"[:lower:]", "az"},      {"[:space:]", "\t\r  "},
+        {"[:xdigit:]", "09afAF"}, {"[:punct:]", "!/:@[`{~"}};
     for (const auto& [name, ranges] : kNamed) {
       if (p_.substr(at_, std::strlen(name)) != name) continue;
       at_ += std::strlen(name);
-      for (const char* r = ranges; *r; r += 2) PutRange(set, static_cast<unsigned char>(r[0]), static_cast<unsigned char>(r[1]));
+      for (const char* r = ranges; *r; r += 2)
+        PutRange(set, static_cast<unsigned char>(r[0]), static_cast<unsigned char>(r[1]));
       return -1;
     }
     const unsigned char c = static_cast<unsigned char>(p_[at_++]);
@@ -485,10 +499,18 @@ struct Matcher::Impl {
         case Inst::kAssert: {
           bool ok = false;
           switch (in.assert) {
-            case Assert::kBegin: ok = flags & 1; break;
-            case Assert::kEnd: ok = next < 0; break;
-            case Assert::kBoundary: ok = before != after; break;
-            case Assert::kNotBoundary: ok = before == after; break;
+            case Assert::kBegin:
+              ok = flags & 1;
+              break;
+            case Assert::kEnd:
+              ok = next < 0;
+              break;
+            case Assert::kBoundary:
+              ok = before != after;
+              break;
+            case Assert::kNotBoundary:
+              ok = before == after;
+              break;
           }
           if (ok) stack.push_back(pc + 1);
           break;
