@@ -107,8 +107,5 @@ bool Glob(const std::string& pattern, const std::string& text);
 // The exception lines of the sensor library log this session may have (glob
 // patterns, in order); any other is a failure.
 void DeclareExceptions(const std::vector<std::string>& lines);
-// The session's rules that need not hold here, with the reason (tests that
-// leave the service killed or a thread blocked in the plug-in).
-void WaiveThreadRule();
 
 }  // namespace qx
