@@ -8,11 +8,14 @@
 #           .md, .png, .json or .txt outside the tests);
 #   narrow: tests/ and fuzz/ against the product and tools' C, C++ and IDL.
 # The files are git's, tracked and untracked but not ignored; no CMakeLists.txt
-# counts. The same count as the before-stop check, character for character.
+# counts. The before-stop check's rule, but reading binary test data (recorded
+# .logdat and .gz logs) as text where that check stops at the first of them.
 #   scripts/test-ratio.sh            both measures, then each side by folder
 set -u
 cd "$(dirname "$0")/.."
-chars() { xargs -r cat 2>/dev/null | grep -v '^[[:space:]]*$' | awk '{c+=length($0)} END {print c+0}'; }
+# grep -a: recorded binary logs among the test data would otherwise stop the
+# count at the first of them ("binary file matches").
+chars() { xargs -r cat 2>/dev/null | grep -a -v '^[[:space:]]*$' | awk '{c+=length($0)} END {print c+0}'; }
 all=$(git ls-files -co --exclude-standard | grep -v -E '(^|/)CMakeLists\.txt$|/corpus/|^docs/|^bench/|^scripts/(bench|soak|trace-actions|run-fusion-bench)')
 testish='(^cmake/(WineTests|FusionSim|.*[Tt]est.*)\.cmake$)|(^scripts/.*(test|fault|stress|ratio|integrity|trixie|fuzz|check-package|check-deb|check-doc).*)'
 pick() { printf '%s\n' "$all" | grep -E "$1" | grep -v -E "${2:-^$}"; }
