@@ -27,10 +27,16 @@ set(QX_LINKMAP_DIR ${CMAKE_BINARY_DIR}/linkmap)
 set(QX_TEST_DLL QXAttentionPlugin-TEST-noauth.dll)
 
 # qx_link_map(TARGET FILE): the linker writes linkmap/FILE.map, the archives and
-# objects it took in (packaging/check-notices.py reads it).
+# objects it took in (packaging/check-notices.py reads it). lld's own map names
+# an archive member without its archive, so the Windows links write the
+# MSVC-style map, whose symbols each name "archive:member".
 function(qx_link_map target file)
   file(MAKE_DIRECTORY ${QX_LINKMAP_DIR})
-  target_link_options(${target} PRIVATE -Wl,-Map=${QX_LINKMAP_DIR}/${file}.map)
+  if(WIN32)
+    target_link_options(${target} PRIVATE -Wl,-Xlink=-map:${QX_LINKMAP_DIR}/${file}.map)
+  else()
+    target_link_options(${target} PRIVATE -Wl,-Map=${QX_LINKMAP_DIR}/${file}.map)
+  endif()
 endfunction()
 
 set(CPACK_PACKAGE_NAME QXAttentionPlugin)

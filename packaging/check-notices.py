@@ -24,7 +24,7 @@ import sys
 # (a Linux program's C library start-up files and libgcc pieces, covered by
 # the system's own licences), or of this project.
 ORIGINS = [
-    (r"(^|/)libqx_jsoncpp\.a$|/_deps/jsoncpp-[^/]*/", "jsoncpp"),
+    (r"(^|/)libqx_jsoncpp\.a$|(^|/)_deps/jsoncpp-[^/]*/", "jsoncpp"),
     (r"(^|/)_deps/cli11/include/CLI|^/usr/include/CLI(/|$)", "CLI11"),
     (r"/x86_64-w64-mingw32/lib/lib(win)?pthread\.a$", "winpthreads"),
     (r"/x86_64-w64-mingw32/lib/libz\.a$", "zlib"),
@@ -44,8 +44,48 @@ def origin(path):
     raise LookupError(path)
 
 
-def map_paths(text):
+# Where lld finds the archives and start-up objects an MSVC-style map names by
+# their stem alone: gcc's runtime folder (the newest posix one, as the
+# toolchain picks it), mingw-w64's, then the build tree.
+def search_dirs(build):
+    import glob
+    gcc = sorted(glob.glob("/usr/lib/gcc/x86_64-w64-mingw32/*-posix"),
+                 key=lambda d: [int(x) for x in re.findall(r"\d+", os.path.basename(d))])
+    return gcc[-1:] + ["/usr/x86_64-w64-mingw32/lib", build]
+
+
+def find(name, dirs):
+    for d in dirs:
+        for root, _, files in os.walk(d):
+            if name in files:
+                return os.path.join(root, name)
+            if d.startswith("/usr/"):
+                break  # the system folders are searched flat, as the linker does
+    return None
+
+
+def msvc_map_paths(text, build):
+    """lld's MSVC-style map: each public names "archive:member" or its object."""
+    dirs = search_dirs(build)
+    paths = set()
+    for token in set(re.findall(r"^ [0-9a-f]{4}:[0-9a-f]{8} .* (\S+)$", text, re.M)):
+        if token.startswith("<"):
+            continue  # <linker-defined>, <absolute>
+        if ":" in token:
+            stem = token.rsplit(":", 1)[0]
+            path = find(stem + ".a", dirs)
+        elif token.endswith((".o", ".obj")) and not token.endswith((".cpp.obj", ".c.obj", ".res.o")):
+            path = find(token, dirs)
+        else:
+            continue  # this project's own objects
+        paths.add(path or token)
+    return paths
+
+
+def map_paths(text, build="."):
     """The archives whose members the link took in, and the objects it loaded."""
+    if "\n Timestamp is " in text[:200]:
+        return msvc_map_paths(text, build)
     paths = set()
     part = text.split("\nAllocating common symbols", 1)[0]
     part = part.split("\nDiscarded input sections", 1)[0]
@@ -62,7 +102,8 @@ def dwarf_dirs(binary):
                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
                          errors="replace").stdout
     dirs = set(re.findall(r"\(indirect line string, offset: 0x[0-9a-f]+\): (\S+)", out))
-    dirs |= set(re.findall(r"^\s+\d+\s+(/\S+)$", out, re.M))
+    # Build-tree folders are relative where the debug paths were mapped.
+    dirs |= set(re.findall(r"^\s+\d+\s+(\S+)$", out, re.M))
     return {d for d in dirs if "CLI" in d or "jsoncpp" in d}
 
 
@@ -84,7 +125,8 @@ def main(argv):
         binary, linkmap, *shipped = arg.split("=", 2)
         name = shipped[0] if shipped else os.path.basename(binary)
         names.add(name)
-        paths = map_paths(open(linkmap, encoding="utf-8", errors="replace").read())
+        paths = map_paths(open(linkmap, encoding="utf-8", errors="replace").read(),
+                          os.path.dirname(os.path.dirname(os.path.abspath(linkmap))))
         paths |= dwarf_dirs(binary)
         for path in sorted(paths):
             try:
