@@ -473,7 +473,8 @@ void Summary::SensorRecord(Session& s, const Record& r, bool listed) {
   } else {
     return;
   }
-  if (cause) (st.starting ? st.start_faults : st.init_faults) = {*cause};  // the last one counts
+  if (cause)  // the last one counts
+    (st.starting ? st.start_faults : st.init_faults) = std::vector<Cause>{*cause};
   if (listed)
     Fail(s, {FormatTime(r.fields.time), r.when, ""}, m, meaning,
          cause ? cause->code : std::nullopt);
