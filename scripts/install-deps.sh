@@ -11,7 +11,7 @@
 # (logread reads .gz files), lnav and jq (the log reader's tests read its
 # output with them), llvm-dlltool for the MSVC import
 # library, llvm-pdbutil and llvm-symbolizer for the PDBs (llvm), osslsigncode,
-# openssl and gpg for signing, git for the commit's time, zip
+# openssl, gpg and its agent (key making and signing) for signing, git for the commit's time, zip
 # and file (CPack) for the packages, and a deb-src entry for jsoncpp's source
 # package (fetched by the build with apt-get source).
 #
@@ -56,7 +56,7 @@ packages=(
   winbind
   clang lld clang-format
   libcli11-dev lnav jq zlib1g-dev libz-mingw-w64-dev
-  git llvm osslsigncode openssl gpg zip file stress-ng
+  git llvm osslsigncode openssl gpg gpg-agent zip file stress-ng
 )
 [ -n "$clang_major" ] && packages+=("libclang-rt-$clang_major-dev")
 
