@@ -7,6 +7,7 @@
 #include "FusionRpc.h"
 #include "FusionSehGuard.h"
 #include "SensorLibLog.h"
+#include "SensorLibTexts.h"
 #include "ServiceNames.h"
 
 #include <process.h>
@@ -54,8 +55,8 @@ RPC_BINDING_HANDLE Binding() {
   return h;
 }
 
-constexpr char kExceptionText[] = "Runtime reported exception 0x%lx = %ld\n";
-constexpr char kExceptionTextNoLf[] = "Runtime reported exception 0x%lx = %ld";
+constexpr char kExceptionText[] = QX_SENSOR_EXCEPTION "\n";
+constexpr char kExceptionTextNoLf[] = QX_SENSOR_EXCEPTION;
 
 // Runs `call` inside the structured exception guard. On an exception the line
 // `text` is written with the code twice and the result is 1; otherwise the
@@ -192,7 +193,7 @@ std::int32_t BindFusionService() {
     status = RpcBindingFromStringBindingW(g_fusion.stringBinding, &g_fusion.bindingHandle);
   if (status != RPC_S_OK) {
     // One text for both steps.
-    SensorLibLogWrite("RpcStringBindingCompos err!%u", static_cast<unsigned>(status));
+    SensorLibLogWrite(QX_SENSOR_BINDING_FAILED, static_cast<unsigned>(status));
     return status;
   }
 #ifndef QX_FUSION_NO_AUTH
@@ -204,7 +205,7 @@ std::int32_t BindFusionService() {
   status = RpcBindingSetAuthInfoW(g_fusion.bindingHandle, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,
                                   RPC_C_AUTHN_WINNT, nullptr, RPC_C_AUTHZ_NONE);
   if (status != RPC_S_OK) {
-    SensorLibLogWrite("RpcBindingSetAuthInfo:%u", static_cast<unsigned>(status));
+    SensorLibLogWrite(QX_SENSOR_AUTH_FAILED, static_cast<unsigned>(status));
     return status;
   }
 #endif
@@ -219,7 +220,7 @@ std::int32_t ReleaseFusionBinding() {
 
 std::int32_t GetFusionStatus(void*, std::uint32_t* status) {
   EnterCriticalSection(&g_fusion.lock);
-  std::int32_t result = Guarded("GetFusionStatus::Runtime reported exception 0x%lx = %ld\n", [&] {
+  std::int32_t result = Guarded("GetFusionStatus::" QX_SENSOR_EXCEPTION "\n", [&] {
     FusionRecord record;
     std::int32_t r = FusionRpcGetSensorStatus(Binding(), kFusionAttentionIndex, 4, &record);
     TakeRecord(record, 4, status);
