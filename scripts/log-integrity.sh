@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# Log integrity under contention at full size: WRITERS processes x RECORDS
-# records into one obfuscated log whose size limit (MAX_SIZE bytes) makes the
-# size check delete it again and again; then the file left is decoded and
-# every record checked (bin/logger_test.exe, its LogContention test, which the
-# test suite runs as the ctest entry log_contention). Runs in a Wine prefix of its own under the
-# build dir and ends that prefix's server.
+# The ctest entry log_contention at full size: WRITERS processes x RECORDS records
+# into one log whose limit (MAX_SIZE bytes) makes the size check delete it again
+# and again; then every record of what is left checked. A Wine prefix of its own.
 #   scripts/log-integrity.sh [BUILD_DIR] [WRITERS] [RECORDS] [MAX_SIZE]
 set -euo pipefail
 build=${1:-build/win}

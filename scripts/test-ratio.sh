@@ -1,20 +1,14 @@
 #!/usr/bin/env bash
-# Tests against code in non-blank characters, two ways (the project asks for
-# roughly a quarter to a third by each):
-#   whole:  every file whose purpose is testing, wherever it lives (tests/, fuzz/
-#           without its corpus, CMake modules and scripts only tests use) against
-#           everything else the project keeps (product, tools, build, packaging,
-#           release and install scripts; not bench/, docs/, examples/, and no
-#           .md, .png, .json or .txt outside the tests);
+# Tests against code in non-blank characters, two ways (docs/testing.md, "Size"):
+#   whole:  every file whose purpose is testing, wherever it lives, against
+#           everything else the project keeps (not bench/, docs/, examples/,
+#           nor .md, .png, .json or .txt outside the tests);
 #   narrow: tests/ and fuzz/ against the product and tools' C, C++ and IDL.
-# The files are git's, tracked and untracked but not ignored; no CMakeLists.txt
-# counts. The before-stop check's rule, but reading binary test data (recorded
-# .logdat and .gz logs) as text where that check stops at the first of them.
-#   scripts/test-ratio.sh            both measures, then each side by folder
+# Git's files, tracked and untracked but not ignored; no CMakeLists.txt counts.
+# Then each side by folder.
 set -u
 cd "$(dirname "$0")/.."
-# grep -a: recorded binary logs among the test data would otherwise stop the
-# count at the first of them ("binary file matches").
+# grep -a: recorded binary logs among the test data would stop the count.
 chars() { xargs -r cat 2>/dev/null | grep -a -v '^[[:space:]]*$' | awk '{c+=length($0)} END {print c+0}'; }
 all=$(git ls-files -co --exclude-standard | grep -v -E '(^|/)CMakeLists\.txt$|/corpus/|^docs/|^bench/|^scripts/(bench|soak|trace-actions|run-fusion-bench)')
 testish='(^cmake/(WineTests|FusionSim|.*[Tt]est.*)\.cmake$)|(^scripts/.*(test|fault|stress|ratio|integrity|trixie|fuzz|check-package|check-deb|check-doc).*)'

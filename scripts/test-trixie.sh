@@ -1,24 +1,19 @@
 #!/usr/bin/env bash
-# Runs the Windows tests under Wine 10 from a Debian 12 machine: in a Debian 13
-# (trixie) root kept in /var/tmp, with this checkout bind-mounted into it.
-#
-#   scripts/test-trixie.sh [CTEST ARGS...]   build (in the root) and run the
-#                                            Windows ctest under Wine 10
-#   scripts/test-trixie.sh --all             the whole scripts/test.sh in the root
-#   scripts/test-trixie.sh --run 'COMMAND'   any command in the checkout, in the root
+# The Windows tests under Wine 10 from a Debian 12 machine, in a Debian 13 root:
+#   scripts/test-trixie.sh [CTEST ARGS...]   build there and run the Windows ctest
+#   scripts/test-trixie.sh --all             the whole scripts/test.sh there
+#   scripts/test-trixie.sh --run 'COMMAND'   any command in the checkout there
 #   scripts/test-trixie.sh --shell           an interactive shell there
-#
 # Needs root. The first run makes the root (debootstrap, then
 # scripts/install-deps.sh in it); later runs reuse it. The checkout keeps its
-# path inside, but its build/ there is build/trixie: the Debian 13 trees (gcc 14,
-# Wine 10) never mix with the Debian 12 ones, and only the root's Wine runs.
-# Environment: QX_TRIXIE_ROOT (default /var/tmp/qx-trixie), QX_TRIXIE_MIRROR.
+# path inside, with build/trixie as its build/, so the Debian 13 trees never mix
+# with the Debian 12 ones. QX_TRIXIE_ROOT (default /var/tmp/qx-trixie), QX_TRIXIE_MIRROR.
 set -euo pipefail
 checkout=$(cd "$(dirname "$0")/.." && pwd -P)
 root=${QX_TRIXIE_ROOT:-/var/tmp/qx-trixie}
 mirror=${QX_TRIXIE_MIRROR:-http://deb.debian.org/debian}
 
-usage() { sed -n '4,9p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
+usage() { sed -n '3,6p' "$0" | sed 's/^# //' >&2; exit 2; }
 all_args=("$@")
 mode=ctest
 run_cmd=""
@@ -29,47 +24,28 @@ case "${1:-}" in
   -h|--help) usage ;;
 esac
 
-if [ "$(id -u)" -ne 0 ]; then
-  echo "test-trixie: must run as root (debootstrap, chroot and bind mounts); try: sudo $0 $*" >&2
-  exit 1
-fi
-for tool in debootstrap chroot mount umount flock; do
-  command -v "$tool" >/dev/null || { echo "test-trixie: $tool is missing (apt-get install debootstrap)" >&2; exit 1; }
-done
-case "$root" in /?*) ;; *) echo "test-trixie: QX_TRIXIE_ROOT must be an absolute path" >&2; exit 1 ;; esac
-
-# Everything below runs in a mount namespace of its own: the bind mounts are
-# seen by this run only and vanish with it, however it ends.
-if [ -z "${QX_TRIXIE_NS:-}" ]; then
-  command -v unshare >/dev/null || { echo "test-trixie: unshare (util-linux) is missing" >&2; exit 1; }
-  exec unshare --mount --propagation private env QX_TRIXIE_NS=1 "$0" "${all_args[@]}"
-fi
+die() { echo "test-trixie: $*" >&2; exit 1; }
+[ "$(id -u)" -eq 0 ] || die "must run as root (debootstrap, chroot and bind mounts); try: sudo $0 $*"
+for tool in debootstrap unshare; do command -v $tool >/dev/null || die "$tool is missing (apt-get install $tool)"; done
+case "$root" in /?*) ;; *) die "QX_TRIXIE_ROOT must be an absolute path" ;; esac
+# The rest runs in a mount namespace of its own: the bind mounts vanish with it, however it ends.
+[ -n "${QX_TRIXIE_NS:-}" ] || exec unshare --mount --propagation private env QX_TRIXIE_NS=1 "$0" "${all_args[@]}"
 
 exec 9>"$root.lock"
-# One set-up (debootstrap, packages) at a time; runs of different checkouts
-# may then share the root.
-flock 9
+flock 9  # one set-up (debootstrap, packages) at a time; checkouts then share the root
 if [ ! -x "$root/bin/bash" ]; then
   echo "test-trixie: making a Debian 13 root in $root (debootstrap, once)"
   rm -rf "$root"
-  if ! debootstrap --variant=minbase trixie "$root" "$mirror" >"$root.debootstrap.log" 2>&1; then
-    echo "test-trixie: debootstrap failed; see $root.debootstrap.log" >&2
-    exit 1
-  fi
+  debootstrap --variant=minbase trixie "$root" "$mirror" >"$root.debootstrap.log" 2>&1 ||
+    die "debootstrap failed; see $root.debootstrap.log"
 fi
-if [ "$( . "$root/etc/os-release"; echo "${VERSION_CODENAME:-}")" != trixie ]; then
-  echo "test-trixie: $root is not a Debian 13 (trixie) root" >&2
-  exit 1
-fi
+[ "$( . "$root/etc/os-release"; echo "${VERSION_CODENAME:-}")" = trixie ] || die "$root is not a Debian 13 (trixie) root"
 
 inner=$root$checkout
 build=$checkout/build/trixie
 mkdir -p "$build"
 exec 8>"$build.lock"
-if ! flock -n 8; then
-  echo "test-trixie: another run of this checkout is using $build" >&2
-  exit 1
-fi
+flock -n 8 || die "another run of this checkout is using $build"
 mounts=()
 cleanup() {
   local i p

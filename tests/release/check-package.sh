@@ -1,17 +1,15 @@
 #!/usr/bin/env bash
 # The release archive as an integrator meets it; "ok" or "FAIL" per check.
-#   check-package.sh --quick ZIP   its files, the documents' references, the
-#                                  debug files and PDBs, the licence (no Wine)
-#   check-package.sh ZIP | --from-build TREE   also the header in every C and
-#       C++ standard, hosts built against it, the version each tool reports,
-#       signing and checksums, under the caller's WINEPREFIX; and
-#       examples/host.c against the test build and fusion-sim installed as the
-#       service, in a fresh Wine prefix of its own, up to the look-away report
-#       (--from-build: the archive made with CPack from a Windows build tree)
+#   check-package.sh [--quick] ZIP | --from-build TREE
+# --quick: its files, the documents' references, the licence, debug files and
+# PDBs (no Wine). Otherwise also, under the caller's WINEPREFIX: the version,
+# the header in every C and C++ standard, hosts built against it and run,
+# examples/host.c beside the test build with fusion-sim as the service (a fresh
+# prefix) up to the look-away report, checksums and signing.
+# --from-build: the archive made with CPack from a Windows build tree.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
-
 quick=0 zip="" tree=""
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -21,23 +19,18 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-
 work=$(mktemp -d "${TMPDIR:-/tmp}/qx-package.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 failures=0
 check() {
   local what=$1; shift
-  if "$@" >"$work/last.log" 2>&1; then
-    echo "ok   $what"
-  else
-    echo "FAIL $what"; failures=$((failures + 1))
-    sed 's/^/     /' "$work/last.log" | tail -20
+  if "$@" >"$work/last.log" 2>&1; then echo "ok   $what"; else
+    echo "FAIL $what"; failures=$((failures + 1)); tail -20 "$work/last.log" | sed 's/^/     /'
   fi
 }
 done_checks() {
-  [ $failures -eq 0 ] && { echo "package: all checks passed"; exit 0; }
-  echo "package: $failures checks FAILED"
-  exit 1
+  [ $failures -eq 0 ] && echo "package: all checks passed" || echo "package: $failures checks FAILED"
+  exit $((failures > 0))
 }
 
 if [ -n "$tree" ]; then
@@ -49,52 +42,33 @@ fi
 [ -f "$zip" ] || { echo "usage: check-package.sh [--quick] ZIP | --from-build TREE" >&2; exit 2; }
 zip=$(cd "$(dirname "$zip")" && pwd)/$(basename "$zip")
 echo "package: $zip"
-
 pkg=$work/unpacked
-mkdir "$pkg"
-(cd "$pkg" && cmake -E tar xf "$zip") || { echo "package: cannot unpack"; exit 1; }
-cat > "$work/expected" <<'EOF'
-CHANGELOG.md
-LICENSE
-README.md
-THIRD-PARTY-NOTICES
-bin/QXAttentionPlugin.dll
-bin/fusion-sim.exe
-bin/logread.exe
-bin/qxhost.exe
-debug/QXAttentionPlugin.dll.debug
-debug/fusion-sim.exe.debug
-debug/logread.exe.debug
-debug/qxhost.exe.debug
-docs/integration.md
-docs/log-records.md
-docs/logread.md
-examples/host.c
-include/qx_plugin.h
-lib/QXAttentionPlugin.lib
-lib/libQXAttentionPlugin.dll.a
-share/lnav/qx_attention_log.json
-share/lnav/qx_sensorlib_log.json
-test/QXAttentionPlugin-TEST-noauth.dll
-EOF
-(cd "$pkg" && find . -type f | sed 's|^\./||' | grep -v '^symbols/' | LC_ALL=C sort) > "$work/found"
+mkdir "$pkg" && (cd "$pkg" && cmake -E tar xf "$zip") || { echo "package: cannot unpack"; exit 1; }
+
+bins="QXAttentionPlugin.dll qxhost.exe fusion-sim.exe logread.exe"
+printf '%s\n' CHANGELOG.md LICENSE README.md THIRD-PARTY-NOTICES docs/{integration,log-records,logread}.md \
+  examples/host.c include/qx_plugin.h lib/{QXAttentionPlugin.lib,libQXAttentionPlugin.dll.a} \
+  share/lnav/qx_{attention,sensorlib}_log.json test/QXAttentionPlugin-TEST-noauth.dll \
+  $(for f in $bins; do echo "bin/$f debug/$f.debug"; done) | LC_ALL=C sort >"$work/expected"
+(cd "$pkg" && find . -type f | sed 's|^\./||' | grep -v '^symbols/' | LC_ALL=C sort) >"$work/found"
 check "archive holds exactly the shipped files" diff "$work/expected" "$work/found"
 check "the documents name only files the archive holds" python3 "$here/check-doc-refs.py" "$pkg"
-check "LICENSE is the MIT licence; THIRD-PARTY-NOTICES names each binary in bin/ and test/" bash -c "
-  grep -qx 'MIT License' '$pkg/LICENSE' &&
-  for f in '$pkg'/bin/* '$pkg'/test/*; do
-    grep -q \"; linked into: .*\$(basename \"\$f\")\" '$pkg/THIRD-PARTY-NOTICES' || { echo \"no notice names \$f\"; exit 1; }
-  done"
-cmake -E tar tf "$zip" | sed 's|/$||' > "$work/entries"
-check "archive entries are sorted" bash -c "LC_ALL=C sort -c '$work/entries'"
+notices() {
+  grep -qx 'MIT License' "$pkg/LICENSE" || return 1
+  for f in "$pkg"/bin/* "$pkg"/test/*; do
+    grep -q "; linked into: .*${f##*/}" "$pkg/THIRD-PARTY-NOTICES" || { echo "no notice names $f"; return 1; }
+  done
+}
+check "LICENSE is the MIT licence; THIRD-PARTY-NOTICES names each binary in bin/ and test/" notices
+cmake -E tar tf "$zip" | sed 's|/$||' >"$work/entries"
+check "archive entries are sorted" env LC_ALL=C sort -c "$work/entries"
 
-# Each binary in bin/: stripped, its debug file with DWARF lines;
-# .gnu_debuglink = that file's name, NULs to a multiple of 4 bytes, its CRC-32
-# (as in gzip's trailer). symbols/: the CodeView signature and age name a PDB
-# in PDB/SIGAGE/ whose GUID and age match; the binary is in NAME/STAMPSIZE/.
-# Through the PDB alone (pdb-lookup.py), an address inside a function of each
-# binary, one inside a file-local function and one inside an inlined copy
-# resolve to their names and to lines of their bodies in the sources.
+# bin/: stripped, each with a debug file with DWARF lines that .gnu_debuglink
+# names (NULs to a multiple of 4 bytes, then its CRC-32 as in gzip's trailer).
+# symbols/: the CodeView signature and age name PDB/SIGAGE/PDB with that GUID
+# and age, the binary is NAME/STAMPSIZE/NAME; through the PDB alone
+# (pdb-lookup.py) a function of each binary, a file-local one and an inlined
+# copy resolve to their names and lines of their bodies in the sources.
 m=x86_64-w64-mingw32
 stripped() (
   h=$($m-objdump -h -t "$pkg/bin/$1") && ! grep -E '\.debug_|^\[' <<<"$h" &&
@@ -106,34 +80,27 @@ debuglink() (
     [ "$(stat -c %s "$l")" -eq $(((${#1} + 10) / 4 * 4 + 4)) ] &&
     cmp <(tail -c 4 "$l") <(gzip -c <"$pkg/debug/$1.debug" | tail -c 8 | head -c 4)
 )
-pdb() (  # (set -e does not hold inside check's "if")
-  f=$pkg/bin/$1 debug=$pkg/debug/$1.debug
-  read -r sig age pdb < <($m-objdump -p "$f" |
-    sed -n 's/.*RSDS signature \(.*\) age \(.*\) pdb \(.*\))/\1 \2 \3/p')
+pdb() (
+  f=$pkg/bin/$1
+  read -r sig age pdb < <($m-objdump -p "$f" | sed -n 's/.*RSDS signature \(.*\) age \(.*\) pdb \(.*\))/\1 \2 \3/p')
   echo "CodeView: $sig age $age, $pdb"
-  store=$pkg/symbols/$pdb/${sig^^}$(printf %X "$age")
-  summary=$(llvm-pdbutil dump -summary "$store/$pdb") && echo "$summary"
+  summary=$(llvm-pdbutil dump -summary "$pkg/symbols/$pdb/${sig^^}$(printf %X "$age")/$pdb") && echo "$summary"
   guid=$(sed -n 's/^ *GUID: {\(.*\)}/\1/p' <<<"$summary")
-  [ "$pdb" = "${1%.*}.pdb" ] && [ "${guid//-/}" = "${sig^^}" ] &&
-    grep -qx " *Age: $age" <<<"$summary" || exit 1
+  [ "$pdb" = "${1%.*}.pdb" ] && [ "${guid//-/}" = "${sig^^}" ] && grep -qx " *Age: $age" <<<"$summary" || exit 1
   head=$(llvm-readobj --file-headers "$f")
   key=$(printf "%08X%x" "$(sed -n 's/.*TimeDateStamp: .*(\(0x.*\))/\1/p' <<<"$head")" \
     "$(sed -n "s/.*SizeOfImage: //p" <<<"$head")")
-  cmp "$f" "$pkg/symbols/$1/$key/$1" || exit 1
-  python3 "$here/pdb-lookup.py" "$pkg" "$src" "$1" "$2"
+  cmp "$f" "$pkg/symbols/$1/$key/$1" && python3 "$here/pdb-lookup.py" "$pkg" "$src" "$1" "$2"
 )
-# Every PDB: llvm-pdbutil reads its modules; our objects' modules carry source
-# files, and every module and file is named under /qx/ (the build machine's
-# folders mapped) or /usr/ (the toolchain's libraries).
+# llvm-pdbutil reads the modules; ours carry source files; every module and
+# file is named under /qx/ (the build machine's folders mapped) or /usr/.
 modules() (
   dump=$(llvm-pdbutil dump -modules -files "$1") || exit 1
-  ours=$(grep -A2 -E '^ *Mod [0-9]+ \| `/qx/build/' <<<"$dump")  # (no grep -q: pipefail)
-  grep -q -E '# files: [1-9]' <<<"$ours" || exit 1
-  paths=$(grep -oE '(Mod [0-9]+ \| |Obj: )`/[^`]*' <<<"$dump" | sed 's/.*`//'
-          sed -nE 's/^ *- (\((MD5|None): [0-9A-F]*\) )?(.*)$/\3/p' <<<"$dump")
-  ! grep -vE '^/(qx|usr)/' <<<"$paths"
+  grep -A2 -E '^ *Mod [0-9]+ \| `/qx/build/' <<<"$dump" | grep -E '# files: [1-9]' || exit 1
+  ! { grep -oE '(Mod [0-9]+ \| |Obj: )`/[^`]*' <<<"$dump" | sed 's/.*`//'
+      sed -nE 's/^ *- (\((MD5|None): [0-9A-F]*\) )?(.*)$/\3/p' <<<"$dump"; } | grep -vE '^/(qx|usr)/'
 )
-for f in QXAttentionPlugin.dll qxhost.exe fusion-sim.exe logread.exe; do
+for f in $bins; do
   case $f in
     *.dll) fn=PluginAction ;;
     fusion-sim.exe) fn=wmain@tools/fusion-sim ;;
@@ -145,85 +112,79 @@ for f in QXAttentionPlugin.dll qxhost.exe fusion-sim.exe logread.exe; do
   check "symbols/: llvm-pdbutil reads the modules of ${f%.*}.pdb; paths mapped" \
     modules "$(ls "$pkg/symbols/${f%.*}.pdb"/*/*.pdb)"
 done
-check "bin/QXAttentionPlugin.dll: a file-local function resolves through the PDB" \
-  python3 "$here/pdb-lookup.py" "$pkg" "$src" QXAttentionPlugin.dll StartSensorThread --local
+lookup() { python3 "$here/pdb-lookup.py" "$pkg" "$src" QXAttentionPlugin.dll "$@"; }
+check "bin/QXAttentionPlugin.dll: a file-local function resolves through the PDB" lookup StartSensorThread --local
 check "bin/QXAttentionPlugin.dll: an inlined function resolves through the PDB" \
-  python3 "$here/pdb-lookup.py" "$pkg" "$src" QXAttentionPlugin.dll GetSensorDataSize \
-  --inlined-into GetSensorData
-# The loop found the eight files: nothing else.
+  lookup GetSensorDataSize --inlined-into GetSensorData
 check "symbols/ holds the four PDBs and binaries, nothing else" \
-  bash -c "[ \$(find '$pkg/symbols' -type f | wc -l) -eq 8 ]"
-
+  test "$(find "$pkg/symbols" -type f | wc -l)" -eq 8
 [ $quick -eq 1 ] && done_checks
 
 : "${WINEPREFIX:?check-package.sh: set WINEPREFIX (a prepared Wine prefix)}"
 export WINEDEBUG=${WINEDEBUG:--all}
-winpath() { echo "Z:$(echo "$1" | sed 's|/|\\|g')"; }
-# ran CODE COMMAND...: under Wine (bin/ on WINEPATH), COMMAND ends with CODE.
+# ran CODE COMMAND...: under Wine with bin/ on WINEPATH, COMMAND ends with CODE.
 ran() {
-  WINEPATH=$(winpath "$pkg/bin") timeout 120 wine "${@:2}"
+  WINEPATH="Z:${pkg//\//\\}\\bin" timeout 120 wine "${@:2}"
   [ $? -eq "$1" ]
 }
 
-# The version: the README's line, the zip's name and CHANGELOG.md's newest
-# section agree; each tool's --version says the same version and commit; a
-# development build says "-dev+" and its commit, which the test build's own
-# version resource is judged for by release_version_tests.
+# The README's version line, the zip's name and CHANGELOG.md's newest section
+# agree (a development build: that number or a newer one, "-dev+" and its
+# commit); each tool's --version says the same version and commit.
 read -r version commit < <(sed -n 's/^Version \(.*\), built from commit \([0-9a-f]\{40\}\)\.$/\1 \2/p' "$pkg/README.md")
 tools_version() {
   newest=$(sed -n 's/^## \[\([0-9][0-9.]*\)\] - .*/\1/p' "$pkg/CHANGELOG.md" | head -1)
   echo "README: $version $commit; CHANGELOG.md: $newest"
-  [ -n "$commit" ] && [ "$(basename "$zip")" = "QXAttentionPlugin-$version-win64.zip" ] || exit 1
-  number=${version%-dev+"${commit:0:12}"}  # a development build: not older than the newest release
+  [ -n "$commit" ] && [ "$(basename "$zip")" = "QXAttentionPlugin-$version-win64.zip" ] || return 1
+  number=${version%-dev+"${commit:0:12}"}
   [ "$number" = "$newest" ] ||
     { [ "$number" != "$version" ] && [ "$(printf '%s\n' "$newest" "$number" | sort -V | head -1)" = "$newest" ]; } ||
-    exit 1
+    return 1
   for tool in qxhost fusion-sim logread; do
     got=$(WINEPATH= timeout 60 wine "$pkg/bin/$tool.exe" --version </dev/null | tr -d '\r')
     echo "$got"
-    [ "$got" = "$tool $version (commit $commit)" ] || exit 1
+    [ "$got" = "$tool $version (commit $commit)" ] || return 1
   done
 }
-
-# host.c against include/ alone: gcc with lib/'s GNU import library, clang
-# for the MSVC target (no C runtime) with lld-link and QXAttentionPlugin.lib.
-cc=($m-gcc-posix -Wall -Wextra -Werror -I"$pkg/include")
 check "the tools' --version, README.md, the archive's name and CHANGELOG.md agree" tools_version
-check "qx_plugin.h compiles as C89, C99, C11, C++98 and C++11, pedantic" bash -c "
-  for std in c89 c99 c11; do
-    $m-gcc-posix -std=\$std -pedantic-errors -Wall -Wextra -Werror -fsyntax-only -x c '$pkg/include/qx_plugin.h' || exit 1
-  done
-  for std in c++98 c++11; do
-    $m-g++-posix -std=\$std -pedantic-errors -Wall -Wextra -Werror -fsyntax-only -x c++ '$pkg/include/qx_plugin.h' || exit 1
-  done"
-check "C host (C89) links against lib/libQXAttentionPlugin.dll.a" "${cc[@]}" -std=c89 \
-  -pedantic-errors "$here/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/linked.exe"
-check "C host (linked) finds bin/QXAttentionPlugin.dll on PATH; status 3 refused" \
-  ran 0 "$work/linked.exe"
-lib=/usr/$m/lib
-check "MSVC-style host builds (clang, C89; lld-link, lib/QXAttentionPlugin.lib)" bash -c "
-  clang --target=x86_64-pc-windows-msvc -ffreestanding -fms-extensions -std=c89 -O2 -Wall -Wextra \
-    -Werror -I'$pkg/include' -c '$here/host.c' -o '$work/msvc.obj' &&
-  lld-link -nologo -nodefaultlib -entry:mainCRTStartup -subsystem:console \
-    -out:'$work/msvc.exe' '$work/msvc.obj' '$pkg/lib/QXAttentionPlugin.lib' $lib/libkernel32.a \
-    $lib/libntdll.a"
-check "MSVC-style host: status 3 refused; the GCC exception reaches its filter" \
-  ran 3 "$work/msvc.exe"
 
-# examples/host.c built from the archive against either import library, run
-# beside the test build (under the plug-in's name) with fusion-sim installed as
-# the service in a fresh prefix: it must see the look-away report.
+# The header alone, pedantic; tests/release/host.c against it: gcc with lib/'s
+# GNU import library, and clang for the MSVC target (no C runtime) with
+# lld-link and QXAttentionPlugin.lib, whose build also sees the GCC exception.
+cc=($m-gcc-posix -Wall -Wextra -Werror -I"$pkg/include")
+header() {
+  for std in c:c89 c:c99 c:c11 c++:c++98 c++:c++11; do
+    "${cc[@]}" -x "${std%%:*}" -std="${std#*:}" -pedantic-errors -fsyntax-only "$pkg/include/qx_plugin.h" || return 1
+  done
+}
+gnu_host() {
+  "${cc[@]}" -std=c89 -pedantic-errors "$here/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/gnu.exe" &&
+    ran 0 "$work/gnu.exe"
+}
+msvc_host() {
+  clang --target=x86_64-pc-windows-msvc -ffreestanding -fms-extensions -std=c89 -O2 -Wall -Wextra -Werror \
+    -I"$pkg/include" -c "$here/host.c" -o "$work/msvc.obj" &&
+    lld-link -nologo -nodefaultlib -entry:mainCRTStartup -subsystem:console -out:"$work/msvc.exe" "$work/msvc.obj" \
+      "$pkg/lib/QXAttentionPlugin.lib" /usr/$m/lib/libkernel32.a /usr/$m/lib/libntdll.a &&
+    ran 3 "$work/msvc.exe"
+}
+check "qx_plugin.h compiles as C89, C99, C11, C++98 and C++11, pedantic" header
+check "C89 host (gcc, lib/libQXAttentionPlugin.dll.a) finds bin/ on PATH; status 3 refused" gnu_host
+check "MSVC-style host (clang, lld-link, lib/QXAttentionPlugin.lib): status 3 refused; the GCC exception reaches its filter" \
+  msvc_host
+
+# examples/host.c built from the archive against either import library; the
+# gcc build run beside the test build (under the plug-in's name) with fusion-sim
+# installed as the service in a fresh prefix must see the look-away report.
 check "examples/host.c builds against lib/libQXAttentionPlugin.dll.a (gcc, C99)" \
-  "${cc[@]}" -std=c99 -pedantic-errors "$pkg/examples/host.c" -L"$pkg/lib" -lQXAttentionPlugin \
-  -o "$work/example.exe"
+  "${cc[@]}" -std=c99 -pedantic-errors "$pkg/examples/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/example.exe"
 check "examples/host.c builds against lib/QXAttentionPlugin.lib (clang, lld)" \
-  clang --target=x86_64-w64-mingw32 -fuse-ld=lld -std=c99 -Wall -Wextra -Werror -I"$pkg/include" \
-  "$pkg/examples/host.c" "$pkg/lib/QXAttentionPlugin.lib" -o "$work/example-lld.exe" \
-  -L"$(dirname "$($m-gcc-posix -print-libgcc-file-name)")"
+  clang --target=$m -fuse-ld=lld -std=c99 -Wall -Wextra -Werror -I"$pkg/include" "$pkg/examples/host.c" \
+  "$pkg/lib/QXAttentionPlugin.lib" -o "$work/example-lld.exe" -L"$(dirname "$($m-gcc-posix -print-libgcc-file-name)")"
 story() (
-  run=$work/story && mkdir -p "$run" && cp "$work/$1" "$run/host.exe" &&
+  run=$work/story && mkdir -p "$run" && cp "$work/example.exe" "$run/host.exe" &&
     cp "$pkg/test/QXAttentionPlugin-TEST-noauth.dll" "$run/QXAttentionPlugin.dll" || exit 1
-  export WINEPREFIX=$work/prefix-$1 WINEPATH=
+  export WINEPREFIX=$work/prefix WINEPATH=
   trap '"$src/scripts/wine-prefix.sh" stop "$WINEPREFIX" >/dev/null 2>&1' EXIT
   "$src/scripts/wine-prefix.sh" create "$WINEPREFIX" >/dev/null &&
     timeout 60 wine "$pkg/bin/fusion-sim.exe" install --quiet </dev/null || exit 1
@@ -238,37 +199,38 @@ story() (
   timeout 60 wine "$pkg/bin/fusion-sim.exe" uninstall </dev/null >/dev/null 2>&1
   [ "$(cat "$run/rc.txt")" = 0 ] && grep -q "the user looked away" "$run/out.txt"
 )
-check "examples/host.c + test build + fusion-sim service: the look-away report arrives" story example.exe
+check "examples/host.c + test build + fusion-sim service: the look-away report arrives" story
 
-# The checksums, and their signature with a throwaway OpenPGP key.
+# The checksums, signed with a throwaway OpenPGP key; the signature fails once the list changed.
 sums() (
-  export GNUPGHOME=$work/gnupg && mkdir -m 700 "$GNUPGHOME" && mkdir "$work/dist" &&
-    cp "$zip" "$work/dist/" || exit 1
+  export GNUPGHOME=$work/gnupg && mkdir -m 700 "$GNUPGHOME" && mkdir "$work/dist" && cp "$zip" "$work/dist/" || exit 1
   trap 'gpgconf --kill all' EXIT  # the agent this key started
   gpg --batch --pinentry-mode loopback --passphrase '' --quick-gen-key 'QX throwaway <qx@example.invalid>' ed25519 sign 1d \
-    2>/dev/null && QX_GPG_KEY=qx@example.invalid "$src/scripts/checksums.sh" "$work/dist" "$(basename "$zip")" &&
+    2>/dev/null && QX_GPG_KEY=qx@example.invalid "$src/scripts/checksums.sh" "$work/dist" "${zip##*/}" &&
     (cd "$work/dist" && sha256sum -c SHA256SUMS) &&
-    (cd "$pkg" && sha256sum -c "$work/dist/$(basename "$zip").contents.sha256" | grep -c ': OK$') &&
+    (cd "$pkg" && sha256sum -c "$work/dist/${zip##*/}.contents.sha256" | grep -c ': OK$') &&
     gpg --verify "$work/dist/SHA256SUMS.asc" "$work/dist/SHA256SUMS" || exit 1
   echo "0000  extra" >>"$work/dist/SHA256SUMS"
   ! gpg --verify "$work/dist/SHA256SUMS.asc" "$work/dist/SHA256SUMS" 2>/dev/null
 )
 check "SHA256SUMS and the inner list pass sha256sum -c; the signature verifies, and fails once changed" sums
 
-# Signing with a throwaway self-signed certificate.
+# Signing with a throwaway self-signed certificate; verify-dll.sh tells the
+# signed DLL from the archive's build, and refuses it once changed.
 sig=$work/sign
-mkdir "$sig"
-cp "$pkg/bin/QXAttentionPlugin.dll" "$sig/"
-check "scripts/sign.sh signs the DLL; osslsigncode verify accepts it" bash -c "
-  cd '$sig' && openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj '/CN=QX throwaway' \
-    -addext extendedKeyUsage=codeSigning -keyout key.pem -out cert.pem &&
-  openssl pkcs12 -export -inkey key.pem -in cert.pem -passout pass:x -out test.p12 &&
-  QX_SIGN_PKCS12=test.p12 QX_SIGN_PASSWORD=x '$src/scripts/sign.sh' QXAttentionPlugin.dll &&
-  osslsigncode verify -CAfile cert.pem -in QXAttentionPlugin.dll | grep 'Signature verification: ok'"
+sign() (
+  mkdir "$sig" && cd "$sig" && cp "$pkg/bin/QXAttentionPlugin.dll" . &&
+    openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj '/CN=QX throwaway' \
+      -addext extendedKeyUsage=codeSigning -keyout key.pem -out cert.pem &&
+    openssl pkcs12 -export -inkey key.pem -in cert.pem -passout pass:x -out test.p12 &&
+    QX_SIGN_PKCS12=test.p12 QX_SIGN_PASSWORD=x "$src/scripts/sign.sh" QXAttentionPlugin.dll &&
+    osslsigncode verify -CAfile cert.pem -in QXAttentionPlugin.dll | grep 'Signature verification: ok'
+)
+check "scripts/sign.sh signs the DLL; osslsigncode verify accepts it" sign
 check "scripts/verify-dll.sh: the signed DLL is the archive's build" \
   "$src/scripts/verify-dll.sh" "$sig/QXAttentionPlugin.dll" "$pkg/bin/QXAttentionPlugin.dll"
 cp "$sig/QXAttentionPlugin.dll" "$sig/changed.dll"
 printf 'X' | dd of="$sig/changed.dll" bs=1 seek=4096 conv=notrunc status=none
 check "scripts/verify-dll.sh: a changed signed DLL is not" \
-  bash -c "! '$src/scripts/verify-dll.sh' '$sig/changed.dll' '$pkg/bin/QXAttentionPlugin.dll'"
+  eval "! '$src/scripts/verify-dll.sh' '$sig/changed.dll' '$pkg/bin/QXAttentionPlugin.dll'"
 done_checks
