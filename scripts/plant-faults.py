@@ -103,8 +103,8 @@ FAULTS = [
        "if (length >= kMaxRecordLength) {")]),
     ("--follow dropping a partial frame between two looks",
      [("tools/logread/LogInput.cpp",
-       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.FlushLines(records);\n}",
-       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.FlushLines(records);\n"
+       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) FlushRecord(records);\n}",
+       "if (format_known_ && format_ != logframe::LogFormat::kLogdat) FlushRecord(records);\n"
        "  if (decoder_.has_partial_frame()) decoder_ = logframe::FrameDecoder();\n}")]),
     ("the sensor library log's milliseconds padded to 3 digits",
      [("fusion/SensorLibLog.cpp",
@@ -166,10 +166,11 @@ FAULTS = [
        "if (!line_.empty()) ++cut_lines_;  // the line the NUL bytes cut off\n        line_.clear();", "")]),
     ("logread: a line that is no record folded into the record before it",
      [("tools/logread/LogInput.cpp",
-       "if (empty || logrecord::StartsRecord(form(), line)) {", "if (true) {")]),
+       "if (!starts && choice_ == FormatChoice::kAuto && line != \"\\n\" && line != \"\\r\\n\") {",
+       "if (false) {")]),
     ("logread: a gzip stream that ends early taken as whole",
-     [("tools/logread/LogInput.cpp",
-       "gz_truncated_ = code == Z_BUF_ERROR;", "gz_truncated_ = false;")]),
+     [("tools/logread/ByteSource.cpp",
+       "cut_short_ = code == Z_BUF_ERROR;", "cut_short_ = false;")]),
     ("logread: the summary's record of the status query renumbered (105 as 106)",
      [("tools/logread/SummaryRecords.h",
        'kQuery{"AttentionFuntion", 105,', 'kQuery{"AttentionFuntion", 106,')]),
@@ -279,7 +280,7 @@ FAULTS = [
        "limit.span = 60000;\n  if (!(Digits(s, at, 2, p.month)")]),
     ("a year that is a guess placed silently",
      [("tools/logread/Timeline.cpp",
-       "if (!year_ && scan->modified && scan->modified - newest > kGuessGap)",
+       "if (!year_ && modified - newest > kGuessGap)",
        "if (false)")]),
     ("-g smart case counting escapes (\\W) as capitals",
      [("tools/logread/Matcher.cpp",
@@ -306,6 +307,8 @@ FAULTS = [
     ("the bash completion without --year",
      [("tools/logread/share/logread.bash", "--source -g --grep -n --lines --year --time",
        "--source -g --grep -n --lines --time")]),
+    ("logread: colour left on for TERM=dumb",
+     [("tools/logread/logread.cpp", '!(term && std::string(term) == "dumb") &&', "")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")

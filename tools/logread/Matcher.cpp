@@ -396,6 +396,7 @@ struct Matcher::Impl {
   };
   mutable std::vector<State> states;
   mutable std::unordered_map<std::string, int> ids;
+  mutable int start = -1;  // the state at the start of a text, once found
   mutable std::vector<std::uint32_t> mark;
   mutable std::uint32_t generation = 0;
   mutable std::vector<int> stack, reached;
@@ -546,6 +547,7 @@ struct Matcher::Impl {
     if (states.size() >= kMaxStates) {
       states.clear();
       ids.clear();
+      start = -1;
       return Find(std::move(kernel), flags);
     }
     const int t = Find(std::move(kernel), flags);
@@ -577,13 +579,15 @@ std::string Matcher::Add(std::string_view pattern, bool ignore_case) {
   m.generation = 0;
   m.states.clear();
   m.ids.clear();
+  m.start = -1;
   return {};
 }
 
 bool Matcher::Search(std::string_view text) const {
   const Impl& m = *impl_;
   if (m.starts.empty()) return true;
-  int s = m.Find({}, 1);
+  if (m.start < 0) m.start = m.Find({}, 1);
+  int s = m.start;
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   for (std::size_t i = 0, n = text.size(); i < n; ++i) {
     int t = m.states[s].next[p[i]];
