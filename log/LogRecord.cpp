@@ -41,10 +41,10 @@ bool PluginTime(std::string_view text, std::size_t& at, Time& t) {
   if (text.size() - at < 18) return false;
   const char* s = text.data() + at;
   const auto d = [s](int i) { return static_cast<unsigned>(s[i] - '0'); };
-  static constexpr int kDigits[] = {0, 1, 3, 4, 6, 7, 9, 10, 12, 13, 15, 16, 17};
-  bool digits = true;
-  for (const int i : kDigits) digits &= d(i) < 10;
-  if (!digits || s[2] != '-' || s[5] != ' ' || s[8] != ':' || s[11] != ':' || s[14] != ':')
+  const auto bad = [&](int i) { return static_cast<unsigned>(d(i) > 9); };
+  const unsigned nondigit = bad(0) | bad(1) | bad(3) | bad(4) | bad(6) | bad(7) | bad(9) | bad(10) |
+                            bad(12) | bad(13) | bad(15) | bad(16) | bad(17);
+  if (nondigit || s[2] != '-' || s[5] != ' ' || s[8] != ':' || s[11] != ':' || s[14] != ':')
     return false;
   t.month = static_cast<int>(d(0) * 10 + d(1));
   t.day = static_cast<int>(d(3) * 10 + d(4));
