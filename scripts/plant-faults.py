@@ -309,6 +309,10 @@ FAULTS = [
        "--source -g --grep -n --lines --time")]),
     ("logread: colour left on for TERM=dumb",
      [("tools/logread/logread.cpp", '!(term && std::string(term) == "dumb") &&', "")]),
+    ("logread -g: the word flag lost after bytes passed over (\\b after a word)",
+     [("tools/logread/Matcher.cpp", "const int word = IsWord(p[i - 1]) ? 1 : 0;", "const int word = 0;")]),
+    ("logread: the years not read ahead for a merge of several files",
+     [("tools/logread/logread.cpp", "const bool dates = files.size() > 1 ||", "const bool dates =")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
