@@ -33,7 +33,8 @@ class YearScanner;
 bool IsGzipName(const std::string& name);
 
 // The records one read handed back, their texts one after the other in one
-// buffer that is kept from read to read: reading allocates nothing per record.
+// buffer that is kept from read to read: once grown, it allocates nothing per
+// record.
 class RecordBatch {
  public:
   void Add(std::string_view text) {
