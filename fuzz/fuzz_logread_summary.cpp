@@ -42,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   logread::Timeline timeline;
   timeline.SetYear(2026);
-  timeline.Add(
-      std::make_unique<logread::LogSource>(kPath, "input", logread::FormatChoice::kAuto, false));
+  timeline.Add(std::make_unique<logread::LogSource>(kPath, "input", logread::FormatChoice::kAuto));
   logread::Summary summary(timeline, json);
   timeline.Load();
   const int merged = timeline.Merge(summary);

@@ -185,6 +185,21 @@ TEST(LogreadCli, CasesOfTheTable) {
   });
 }
 
+// On a terminal (a pseudo-terminal of script(1)) --color=auto colours, but not
+// for TERM=dumb.
+TEST(LogreadCli, DumbTerminalUncoloured) {
+  if (kWine) GTEST_SKIP() << "the Windows console decides there";
+  Scratch dir;
+  Write(dir.path / "input0.logdat", Input("frames:records-basic.txt"));
+  for (const std::string term : {"xterm", "dumb"}) {
+    const std::string run = "cd '" + dir.path.string() + "' && env -u NO_COLOR TERM=" + term +
+                            " timeout 30 script -qec '" + kLogread +
+                            " input0.logdat' /dev/null </dev/null >out 2>&1";
+    ASSERT_EQ(0, std::system(run.c_str())) << term;
+    EXPECT_EQ(term == "xterm", Read(dir.path / "out").find("\x1b[") != std::string::npos) << term;
+  }
+}
+
 // The summary of sessions the plug-in recorded under Wine (data/sessions,
 // scripts/record-sessions.sh), as text and as JSON: the exit status, the
 // verdict's category, and the lines that carry the cause.

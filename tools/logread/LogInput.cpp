@@ -3,53 +3,14 @@
 #include "Console.h"
 #include "YearScan.h"
 
-#include <zlib.h>
-
-#include <cstdio>
 #include <cstring>
-#include <ctime>
-
-#ifdef _WIN32
-#include <io.h>
-#include <windows.h>
-#else
-#include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#endif
 
 namespace logread {
 
 namespace {
 
+// Bytes taken from the source at a time.
 constexpr std::size_t kChunk = 64 * 1024;
-
-#ifdef _WIN32
-std::string ToUtf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr,
-                                    0, nullptr, nullptr);
-  std::string out(n > 0 ? n : 0, '\0');
-  if (n > 0)
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n,
-                        nullptr, nullptr);
-  return out;
-}
-
-std::string SystemMessage(DWORD code) {
-  wchar_t* buffer = nullptr;
-  const DWORD n = FormatMessageW(
-      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-      nullptr, code, 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-  std::wstring text = n && buffer ? std::wstring(buffer, n) : std::wstring();
-  if (buffer) LocalFree(buffer);
-  while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L'.'))
-    text.pop_back();
-  if (text.empty()) return "system error " + std::to_string(code);
-  return ToUtf8(text);
-}
-#endif
 
 }  // namespace
 
@@ -60,164 +21,17 @@ int Worse(int a, int b) {
   return rank(b) > rank(a) ? b : a;
 }
 
-// ---------------------------------------------------------------------------
-// Files. Each read opens the file, reads from an offset and closes it again.
-// No handle is kept between reads while following: on Windows an open handle
-// would stop the logger from deleting the file at its size limit (or, with
-// delete sharing, from creating the new file under the same name until the
-// handle is closed), and records would be lost.
-
-class LogSource::InputFile {
- public:
-  InputFile() = default;
-  InputFile(const InputFile&) = delete;
-  InputFile& operator=(const InputFile&) = delete;
-  ~InputFile() { Close(); }
-
-  // Opens `path` for reading without getting in the logger's way. On
-  // failure returns false and sets `error`; `missing` tells that the file is
-  // not there.
-  bool Open(const PathString& path, std::string& error, bool& missing) {
-    missing = false;
-#ifdef _WIN32
-    handle_ = CreateFileW(path.c_str(), GENERIC_READ,
-                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle_ == INVALID_HANDLE_VALUE) {
-      const DWORD code = GetLastError();
-      missing = code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
-      error = SystemMessage(code);
-      return false;
-    }
-    BY_HANDLE_FILE_INFORMATION info;
-    if (!GetFileInformationByHandle(handle_, &info)) {
-      error = SystemMessage(GetLastError());
-      Close();
-      return false;
-    }
-    if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-      error = "is a directory";
-      Close();
-      return false;
-    }
-    size_ = (static_cast<std::uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
-    SYSTEMTIME utc, local;
-    if (FileTimeToSystemTime(&info.ftLastWriteTime, &utc) &&
-        SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local))
-      modified_ = ToCivil(CivilParts{local.wYear, local.wMonth, local.wDay, local.wHour,
-                                     local.wMinute, local.wSecond, local.wMilliseconds});
-    id_.volume = info.dwVolumeSerialNumber;
-    id_.index = (static_cast<std::uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
-#else
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) {
-      missing = errno == ENOENT;
-      error = std::strerror(errno);
-      return false;
-    }
-    struct stat st;
-    if (::fstat(fd_, &st) != 0) {
-      error = std::strerror(errno);
-      Close();
-      return false;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      error = "is a directory";
-      Close();
-      return false;
-    }
-    size_ = static_cast<std::uint64_t>(st.st_size);
-    std::tm local{};
-    if (localtime_r(&st.st_mtim.tv_sec, &local))
-      modified_ = ToCivil(CivilParts{local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                                     local.tm_hour, local.tm_min, local.tm_sec,
-                                     static_cast<int>(st.st_mtim.tv_nsec / 1000000)});
-    id_.volume = static_cast<std::uint64_t>(st.st_dev);
-    id_.index = static_cast<std::uint64_t>(st.st_ino);
-#endif
-    return true;
-  }
-
-  std::uint64_t size() const { return size_; }
-  const FileId& id() const { return id_; }
-  Civil modified() const { return modified_; }
-
-  // Reads up to `count` bytes at `offset`; returns the number read (0 at
-  // the end) or -1 with `error` set.
-  long long ReadAt(std::uint64_t offset, char* buffer, std::size_t count, std::string& error) {
-#ifdef _WIN32
-    OVERLAPPED at = {};
-    at.Offset = static_cast<DWORD>(offset);
-    at.OffsetHigh = static_cast<DWORD>(offset >> 32);
-    DWORD got = 0;
-    if (!ReadFile(handle_, buffer, static_cast<DWORD>(count), &got, &at)) {
-      const DWORD code = GetLastError();
-      if (code == ERROR_HANDLE_EOF) return 0;
-      error = SystemMessage(code);
-      return -1;
-    }
-    return got;
-#else
-    for (;;) {
-      const ssize_t got = ::pread(fd_, buffer, count, static_cast<off_t>(offset));
-      if (got >= 0) return got;
-      if (errno == EINTR) continue;
-      error = std::strerror(errno);
-      return -1;
-    }
-#endif
-  }
-
-  void Close() {
-#ifdef _WIN32
-    if (handle_ != INVALID_HANDLE_VALUE) CloseHandle(handle_);
-    handle_ = INVALID_HANDLE_VALUE;
-#else
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-#endif
-  }
-
- private:
-#ifdef _WIN32
-  HANDLE handle_ = INVALID_HANDLE_VALUE;
-#else
-  int fd_ = -1;
-#endif
-  std::uint64_t size_ = 0;
-  FileId id_;
-  Civil modified_ = 0;
-};
-
-bool LogSource::IsGzip(InputFile& file) {
-  char magic[2] = {};
-  std::string error;
-  return file.ReadAt(0, magic, 2, error) == 2 && magic[0] == '\x1f' && magic[1] == '\x8b';
-}
-
-void* LogSource::OpenGzip(const PathString& path) {
-#ifdef _WIN32
-  return gzopen_w(path.c_str(), "rb");
-#else
-  return gzopen(path.c_str(), "rb");
-#endif
-}
-
-// ---------------------------------------------------------------------------
-
-LogSource::LogSource(PathString path, std::string name, FormatChoice choice, bool follow)
-    : path_(std::move(path)), name_(std::move(name)), choice_(choice), follow_(follow) {
-  StartOver();
-}
-
-LogSource::~LogSource() {
-  if (gz_) gzclose(static_cast<gzFile>(gz_));
-}
-
 bool IsGzipName(const std::string& name) {
   return name.size() > 3 && (name.compare(name.size() - 3, 3, ".gz") == 0 ||
                              name.compare(name.size() - 3, 3, ".GZ") == 0);
 }
+
+LogSource::LogSource(PathString path, std::string name, FormatChoice choice)
+    : path_(std::move(path)), name_(std::move(name)), choice_(choice) {
+  StartOver();
+}
+
+LogSource::~LogSource() = default;
 
 logrecord::Form LogSource::form() const {
   return format_known_ && format_ == logframe::LogFormat::kSensorLib ? logrecord::Form::kSensorLib
@@ -233,78 +47,25 @@ void LogSource::StartOver() {
   format_ = choice_ == FormatChoice::kPlain       ? logframe::LogFormat::kPlain
             : choice_ == FormatChoice::kSensorLib ? logframe::LogFormat::kSensorLib
                                                   : logframe::LogFormat::kLogdat;
-  splitter_ = logrecord::RecordSplitter(form());
   status_ = kExitOk;
+  record_.clear();
   line_.clear();
   text_offset_ = nul_bytes_ = nul_runs_ = first_nul_ = 0;
   cut_lines_ = foreign_lines_ = first_foreign_ = 0;
   in_nul_run_ = false;
 }
 
-bool LogSource::OpenForReading() {
-  opened_ = true;
-  buffer_.resize(kChunk);
-  if (name_ == "-") {
-    // Standard input goes through zlib too, which passes text that is not
-    // gzip through as it is: a .gz file may come on standard input.
-#ifdef _WIN32
-    const int fd = _dup(_fileno(stdin));
-#else
-    const int fd = dup(fileno(stdin));
-#endif
-    gz_ = fd < 0 ? nullptr : gzdopen(fd, "rb");
-    if (!gz_) {
-      Error(name_, "cannot read standard input");
-      status_ = kExitIo;
-      return false;
-    }
-    gzbuffer(static_cast<gzFile>(gz_), 128 * 1024);
-    return true;
-  }
-  file_ = std::make_unique<InputFile>();
-  std::string error;
-  bool missing = false;
-  if (!file_->Open(path_, error, missing)) {
-    Error(name_, "cannot open: " + error);
-    status_ = kExitIo;
-    return false;
-  }
-  if (IsGzip(*file_)) {
-    // Compressed with gzip: zlib reads it from its own handle.
-    file_.reset();
-    gz_ = OpenGzip(path_);
-    if (!gz_) {
-      Error(name_, "cannot open as a gzip file");
-      status_ = kExitIo;
-      return false;
-    }
-    gzbuffer(static_cast<gzFile>(gz_), 128 * 1024);
-  }
-  return true;
-}
-
 std::unique_ptr<YearScanner> LogSource::ScanYears() const {
-  if (name_ == "-") return nullptr;
-  InputFile file;
+  if (standard_input()) return nullptr;
   std::string error;
-  bool missing = false;
-  if (!file.Open(path_, error, missing)) return nullptr;
-  const Civil modified = file.modified();
+  const std::unique_ptr<ByteSource> bytes = OpenBytes(path_, false, error);
+  if (!bytes) return nullptr;
   std::vector<char> buffer(256 * 1024);
-  gzFile gz = nullptr;
-  if (IsGzip(file)) {
-    file.Close();
-    gz = static_cast<gzFile>(OpenGzip(path_));
-    if (!gz) return nullptr;
-  }
   std::unique_ptr<YearScanner> scan;
   std::string head;
-  std::uint64_t offset = 0;
   for (;;) {
-    const long long got = gz ? gzread(gz, buffer.data(), static_cast<unsigned>(buffer.size()))
-                             : file.ReadAt(offset, buffer.data(), buffer.size(), error);
+    const long long got = bytes->Read(buffer.data(), buffer.size());
     if (got <= 0) break;
-    offset += static_cast<std::uint64_t>(got);
     const char* data = buffer.data();
     std::size_t size = static_cast<std::size_t>(got);
     if (!scan) {
@@ -328,65 +89,45 @@ std::unique_ptr<YearScanner> LogSource::ScanYears() const {
     scan->Feed(data, size);
     head.clear();
   }
-  if (gz) gzclose(gz);
   if (!scan) scan = std::make_unique<YearScanner>(logframe::LogFormat::kLogdat);
   scan->Finish();
-  scan->modified = modified;
+  scan->modified = bytes->modified();
   return scan;
 }
 
-bool LogSource::ReadMore(std::vector<std::string>& records) {
+bool LogSource::ReadMore(RecordBatch& records) {
   if (done_) return false;
-  if (!opened_ && !OpenForReading()) {
-    done_ = true;
-    return false;
-  }
-  std::size_t got = 0;
-  if (gz_) {
-    const int n =
-        gzread(static_cast<gzFile>(gz_), buffer_.data(), static_cast<unsigned>(buffer_.size()));
-    if (n < 0) {
-      int code = 0;
-      const char* text = gzerror(static_cast<gzFile>(gz_), &code);
-      Error(name_, "cannot decompress after " + std::to_string(offset_) + " bytes: " +
-                       (code == Z_DATA_ERROR ? "corrupt gzip data"
-                        : text               ? text
-                                             : "error"));
-      status_ = kExitIo;
-      done_ = true;
-    } else {
-      got = static_cast<std::size_t>(n);
-      int code = Z_OK;
-      if (n == 0) gzerror(static_cast<gzFile>(gz_), &code);
-      gz_truncated_ = code == Z_BUF_ERROR;  // "unexpected end of file"
-    }
-  } else {
+  if (!opened_) {
+    opened_ = true;
+    buffer_.resize(kChunk);
     std::string error;
-    const long long n = file_->ReadAt(offset_, buffer_.data(), buffer_.size(), error);
-    if (n < 0) {
-      Error(name_, "cannot read at offset " + std::to_string(offset_) + ": " + error);
+    bytes_ = OpenBytes(path_, standard_input(), error);
+    if (!bytes_) {
+      Error(name_, error);
       status_ = kExitIo;
       done_ = true;
-    } else {
-      got = static_cast<std::size_t>(n);
+      return false;
     }
+    modified_ = bytes_->modified();
   }
-  if (got == 0) {
+  const long long got = bytes_->Read(buffer_.data(), buffer_.size());
+  if (got < 0) {
+    Error(name_, bytes_->error());
+    status_ = kExitIo;
+  }
+  if (got <= 0) {
     done_ = true;
     return false;
   }
-  offset_ += got;
-  if (!Consume(buffer_.data(), got, records)) done_ = true;
+  offset_ += static_cast<std::uint64_t>(got);
+  if (!Consume(buffer_.data(), static_cast<std::size_t>(got), records)) done_ = true;
   return !done_;
 }
 
-int LogSource::Finish(std::vector<std::string>& records) {
+int LogSource::Finish(RecordBatch& records) {
   done_ = true;
-  file_.reset();
-  if (gz_) {
-    gzclose(static_cast<gzFile>(gz_));
-    gz_ = nullptr;
-  }
+  const bool cut_short = bytes_ && bytes_->cut_short();
+  bytes_.reset();
   if (status_ == kExitOk && !format_known_ && !head_.empty()) {
     // Fewer than five bytes: no log record fits, so treat them as the
     // start of a frame and let the torn-frame report below say what is
@@ -399,12 +140,9 @@ int LogSource::Finish(std::vector<std::string>& records) {
   }
   // Plain text read before an error is handed back all the same.
   int text = kExitOk;
-  if (format_known_ && format_ != logframe::LogFormat::kLogdat) {
-    if (choice_ == FormatChoice::kAuto) text = EndText();
-    splitter_.Flush(records);
-  }
+  if (format_known_ && format_ != logframe::LogFormat::kLogdat) text = EndText(records);
   if (status_ != kExitOk) return status_;
-  if (gz_truncated_) {
+  if (cut_short) {
     Note(name_, "the compressed stream ends early: the end of the file is missing (" +
                     std::to_string(offset_) + " bytes unpacked)");
     return kExitTorn;
@@ -424,7 +162,7 @@ int LogSource::Finish(std::vector<std::string>& records) {
   return kExitOk;
 }
 
-void LogSource::Poll(std::vector<std::string>& records) {
+void LogSource::Poll(RecordBatch& records) {
   InputFile file;
   std::string error;
   bool missing = false;
@@ -461,17 +199,17 @@ void LogSource::Poll(std::vector<std::string>& records) {
   id_ = file.id();
   if (stalled_) return;  // waits for the file to be replaced
 
-  std::vector<char> buffer(kChunk);
+  buffer_.resize(kChunk);
+  const std::unique_ptr<ByteSource> bytes = FileBytes(file, offset_);
   for (;;) {
-    const long long got = file.ReadAt(offset_, buffer.data(), buffer.size(), error);
+    const long long got = bytes->Read(buffer_.data(), buffer_.size());
     if (got < 0) {
-      Note(name_,
-           "cannot read at offset " + std::to_string(offset_) + " (" + error + "); trying again");
+      Note(name_, bytes->error() + "; trying again");
       break;
     }
     if (got == 0) break;
     offset_ += static_cast<std::uint64_t>(got);
-    if (!Consume(buffer.data(), static_cast<std::size_t>(got), records)) {
+    if (!Consume(buffer_.data(), static_cast<std::size_t>(got), records)) {
       stalled_ = true;
       Note(name_, "stopped reading this file; waiting for it to be replaced");
       break;
@@ -479,11 +217,11 @@ void LogSource::Poll(std::vector<std::string>& records) {
   }
   // While following, plain text goes out in whole lines only, so that
   // records of several files are never interleaved in the middle of a line.
-  if (format_known_ && format_ != logframe::LogFormat::kLogdat) splitter_.FlushLines(records);
+  if (format_known_ && format_ != logframe::LogFormat::kLogdat) FlushRecord(records);
 }
 
 // Handles more bytes of the file; false after an error that ends reading it.
-bool LogSource::Consume(const char* data, std::size_t size, std::vector<std::string>& records) {
+bool LogSource::Consume(const char* data, std::size_t size, RecordBatch& records) {
   if (!format_known_) {
     head_.append(data, size);
     switch (logframe::DetectFormat(head_)) {
@@ -506,7 +244,6 @@ bool LogSource::Consume(const char* data, std::size_t size, std::vector<std::str
         break;
     }
     format_known_ = true;
-    splitter_ = logrecord::RecordSplitter(form());
     std::string head;
     head.swap(head_);
     return Decode(head.data(), head.size(), records);
@@ -514,18 +251,14 @@ bool LogSource::Consume(const char* data, std::size_t size, std::vector<std::str
   return Decode(data, size, records);
 }
 
-bool LogSource::Decode(const char* data, std::size_t size, std::vector<std::string>& records) {
+bool LogSource::Decode(const char* data, std::size_t size, RecordBatch& records) {
   if (format_ != logframe::LogFormat::kLogdat) {
-    // A form forced on the command line copies the file as it is.
-    if (choice_ == FormatChoice::kAuto)
-      TakeText(data, size, records);
-    else
-      splitter_.Feed(data, size, records);
+    TakeText(data, size, records);
     return true;
   }
   frames_.clear();
   const auto status = decoder_.Feed(data, size, frames_);
-  for (auto& frame : frames_) records.push_back(std::move(frame.text));
+  for (const auto& frame : frames_) records.Add(frame.text);
   if (status != logframe::FrameDecoder::Status::kOk) {
     Error(name_, decoder_.ErrorMessage());
     status_ = kExitCorrupt;
@@ -534,48 +267,83 @@ bool LogSource::Decode(const char* data, std::size_t size, std::vector<std::stri
   return true;
 }
 
-void LogSource::TakeText(const char* data, std::size_t size, std::vector<std::string>& records) {
-  for (std::size_t i = 0; i < size;) {
-    if (data[i] == '\0') {
-      std::size_t end = i;
-      while (end < size && data[end] == '\0') ++end;
+void LogSource::TakeText(const char* data, std::size_t size, RecordBatch& records) {
+  const bool guarded = choice_ == FormatChoice::kAuto;
+  const char* p = data;
+  const char* const end = data + size;
+  const char* nul = nullptr;  // the next NUL byte at or after p, or end, once looked for
+  while (p < end) {
+    if (guarded && *p == '\0') {
+      const char* run = p;
+      while (run < end && *run == '\0') ++run;
       if (!in_nul_run_) {
         if (nul_runs_++ == 0) first_nul_ = text_offset_;
         if (!line_.empty()) ++cut_lines_;  // the line the NUL bytes cut off
         line_.clear();
       }
-      in_nul_run_ = end == size;
-      nul_bytes_ += end - i;
-      text_offset_ += end - i;
-      i = end;
+      in_nul_run_ = run == end;
+      nul_bytes_ += static_cast<std::uint64_t>(run - p);
+      text_offset_ += static_cast<std::uint64_t>(run - p);
+      p = run;
       continue;
     }
     in_nul_run_ = false;
-    std::size_t end = i;
-    while (end < size && data[end] != '\n' && data[end] != '\0') ++end;
-    const bool whole = end < size && data[end] == '\n';
-    line_.append(data + i, end - i + (whole ? 1 : 0));
-    text_offset_ += end - i + (whole ? 1 : 0);
-    i = end + (whole ? 1 : 0);
-    if (whole) TakeLine(records);
+    const char* feed = static_cast<const char*>(std::memchr(p, '\n', end - p));
+    const char* stop = feed ? feed : end;
+    if (guarded) {
+      // The next NUL byte, looked for once per piece of text rather than
+      // once per line.
+      if (!nul || nul < p) {
+        nul = static_cast<const char*>(std::memchr(p, '\0', end - p));
+        if (!nul) nul = end;
+      }
+      if (nul < stop) {
+        stop = nul;
+        feed = nullptr;
+      }
+    }
+    const std::size_t n = static_cast<std::size_t>(stop - p) + (feed ? 1 : 0);
+    text_offset_ += n;
+    if (!feed) {
+      line_.append(p, n);
+    } else if (line_.empty()) {
+      TakeLine(std::string_view(p, n), records);
+    } else {
+      line_.append(p, n);
+      TakeLine(line_, records);
+      line_.clear();
+    }
+    p += n;
   }
 }
 
-void LogSource::TakeLine(std::vector<std::string>& records) {
-  const std::string_view line = line_;
-  const bool empty = line == "\n" || line == "\r\n";
-  if (empty || logrecord::StartsRecord(form(), line)) {
-    splitter_.Feed(line_.data(), line_.size(), records);
-  } else {
-    if (foreign_lines_++ == 0) first_foreign_ = text_offset_ - line_.size();
-    splitter_.FlushLines(records);
-    records.push_back(line_);
+void LogSource::TakeLine(std::string_view line, RecordBatch& records) {
+  const bool starts = logrecord::StartsRecord(form(), line);
+  if (!starts && choice_ == FormatChoice::kAuto && line != "\n" && line != "\r\n") {
+    if (foreign_lines_++ == 0) first_foreign_ = text_offset_ - line.size();
+    FlushRecord(records);
+    records.Add(line);
+    return;
   }
-  line_.clear();
+  if (starts) FlushRecord(records);
+  record_.append(line);
 }
 
-int LogSource::EndText() {
+void LogSource::FlushRecord(RecordBatch& records) {
+  if (record_.empty()) return;
+  records.Add(record_);
+  record_.clear();
+}
+
+int LogSource::EndText(RecordBatch& records) {
   int status = kExitOk;
+  if (choice_ != FormatChoice::kAuto) {
+    // A form forced on the command line: the last line as it is.
+    if (!line_.empty()) TakeLine(line_, records);
+    line_.clear();
+    FlushRecord(records);
+    return status;
+  }
   if (!line_.empty()) {
     Note(name_, "last line has no line end: " + std::to_string(line_.size()) + " bytes at offset " +
                     std::to_string(text_offset_ - line_.size()) + " ignored");
@@ -597,6 +365,7 @@ int LogSource::EndText() {
                     std::to_string(first_foreign_) + ")");
     status = kExitTorn;
   }
+  FlushRecord(records);
   return status;
 }
 

@@ -396,6 +396,50 @@ struct Matcher::Impl {
   };
   mutable std::vector<State> states;
   mutable std::unordered_map<std::string, int> ids;
+  mutable int start = -1;  // the state at the start of a text, once found
+  // Idle: no pattern under way (an empty kernel). A quiet byte leads from
+  // any idle state to an idle one without a match, so a run of them is
+  // passed over without the automaton: for one or two bytes that are not
+  // quiet ("e" and "E" of "exception") eight bytes at a time.
+  mutable bool quiet_known = false;
+  mutable std::array<bool, 256> quiet{};
+  mutable std::vector<unsigned char> loud;  // the bytes that are not quiet
+  mutable int idle[2] = {-1, -1};           // idle state after a byte that is not / is a word byte
+
+  void FindQuiet() const {
+    quiet_known = true;
+    loud.clear();
+    for (int c = 0; c < 256; ++c) {
+      bool q = true;
+      for (const std::uint8_t flags : {0, 1, 2}) {
+        if (Closure({}, flags, c)) q = false;
+        for (const int pc : reached)
+          if (Has(sets[prog[pc].x], static_cast<unsigned>(c))) q = false;
+      }
+      quiet[c] = q;
+      if (!q) loud.push_back(static_cast<unsigned char>(c));
+    }
+  }
+
+  // The first byte from `i` on that is not quiet, or `n`.
+  std::size_t SkipQuiet(const unsigned char* p, std::size_t i, std::size_t n) const {
+    if (loud.size() == 1) {
+      const void* at = std::memchr(p + i, loud[0], n - i);
+      return at ? static_cast<std::size_t>(static_cast<const unsigned char*>(at) - p) : n;
+    }
+    if (loud.size() == 2) {
+      constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
+      const std::uint64_t a = kOnes * loud[0], b = kOnes * loud[1];
+      // Whether a word of eight bytes holds a zero byte.
+      const auto zero = [](std::uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+      for (std::uint64_t w; i + 8 <= n; i += 8) {
+        std::memcpy(&w, p + i, 8);
+        if (zero(w ^ a) | zero(w ^ b)) break;
+      }
+    }
+    while (i < n && quiet[p[i]]) ++i;
+    return i;
+  }
   mutable std::vector<std::uint32_t> mark;
   mutable std::uint32_t generation = 0;
   mutable std::vector<int> stack, reached;
@@ -546,6 +590,7 @@ struct Matcher::Impl {
     if (states.size() >= kMaxStates) {
       states.clear();
       ids.clear();
+      start = idle[0] = idle[1] = -1;
       return Find(std::move(kernel), flags);
     }
     const int t = Find(std::move(kernel), flags);
@@ -577,15 +622,26 @@ std::string Matcher::Add(std::string_view pattern, bool ignore_case) {
   m.generation = 0;
   m.states.clear();
   m.ids.clear();
+  m.start = m.idle[0] = m.idle[1] = -1;
+  m.quiet_known = false;
   return {};
 }
 
 bool Matcher::Search(std::string_view text) const {
   const Impl& m = *impl_;
   if (m.starts.empty()) return true;
-  int s = m.Find({}, 1);
+  if (!m.quiet_known) m.FindQuiet();
+  if (m.start < 0) m.start = m.Find({}, 1);
+  int s = m.start;
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   for (std::size_t i = 0, n = text.size(); i < n; ++i) {
+    if (m.quiet[p[i]] && m.states[s].kernel.empty()) {
+      i = m.SkipQuiet(p, i, n);
+      const int word = IsWord(p[i - 1]) ? 1 : 0;
+      if (m.idle[word] < 0) m.idle[word] = m.Find({}, word ? 2 : 0);
+      s = m.idle[word];
+      if (i == n) break;
+    }
     int t = m.states[s].next[p[i]];
     if (t < 0) {
       if (t == Impl::kMatched) return true;

@@ -71,6 +71,10 @@ RecordFilter::RecordFilter(const Timeline& timeline, const FilterOptions& option
       next_(next),
       since_(std::numeric_limits<Civil>::min()),
       until_(std::numeric_limits<Civil>::max()) {
+  for (std::string level : options_.levels) {
+    for (char& c : level) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    levels_.push_back(level);
+  }
   for (const auto& thread : options_.threads) {
     long long n = 0;
     if (Number(thread, n)) threads_.push_back(n);
@@ -119,10 +123,9 @@ void RecordFilter::Flush() {
 bool RecordFilter::Matches(const Record& r) const {
   const logrecord::Fields& f = r.fields;
   if (!options_.levels.empty()) {
-    const std::string_view level = f.level.empty() ? std::string_view("untagged") : f.level;
-    if (std::none_of(options_.levels.begin(), options_.levels.end(),
-                     [&](const std::string& wanted) { return SameText(wanted, level); }))
-      return false;
+    // The tags wanted are upper case; a record's tag is as written.
+    const std::string_view level = f.level.empty() ? std::string_view("UNTAGGED") : f.level;
+    if (std::find(levels_.begin(), levels_.end(), level) == levels_.end()) return false;
   }
   if (!threads_.empty()) {
     long long thread = 0;

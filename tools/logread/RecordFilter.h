@@ -46,6 +46,7 @@ class RecordFilter : public RecordSink {
   const Timeline& timeline_;
   FilterOptions options_;
   RecordSink& next_;
+  std::vector<std::string> levels_;  // upper case
   std::vector<long long> threads_;
   std::unique_ptr<Matcher> grep_;
   Civil since_, until_;

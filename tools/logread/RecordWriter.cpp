@@ -59,22 +59,24 @@ Json::Value Number(std::string_view digits) {
 
 }  // namespace
 
-std::string OneLine(std::string_view text) {
+void AppendOneLine(std::string_view text, std::string& out) {
   text = WithoutLineEnd(text);
+  std::size_t done = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c != '\n' && c != '\r') continue;
+    out.append(text.substr(done, i - done));
+    if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
+    out += c == '\r' && text[i] != '\n' ? "\\r" : "\\n";
+    done = i + 1;
+  }
+  out.append(text.substr(done));
+}
+
+std::string OneLine(std::string_view text) {
   std::string out;
   out.reserve(text.size() + 1);
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
-      out += "\\n";
-      ++i;
-    } else if (text[i] == '\n') {
-      out += "\\n";
-    } else if (text[i] == '\r') {
-      out += "\\r";
-    } else {
-      out += text[i];
-    }
-  }
+  AppendOneLine(text, out);
   return out;
 }
 
@@ -132,7 +134,7 @@ void LineWriter::Write(const Record& r) {
     line_ += ": ";
   }
   if (colour_) line_ += ColourOf(r);
-  line_ += OneLine(r.text);
+  AppendOneLine(r.text, line_);
   if (colour_) line_ += kReset;
   line_ += '\n';
   Emit(line_);

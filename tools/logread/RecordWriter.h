@@ -79,6 +79,7 @@ class TailWriter : public RecordSink {
 // The record's text on one line: the line end that closes it dropped, line feeds and
 // carriage returns inside it written as "\n" and "\r".
 std::string OneLine(std::string_view text);
+void AppendOneLine(std::string_view text, std::string& out);
 
 // `text` with every byte sequence that is not UTF-8 replaced by U+FFFD, and
 // "\r\n" as "\n" (the sensor library's log is written in text mode).

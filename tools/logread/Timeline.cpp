@@ -3,6 +3,7 @@
 #include "Console.h"
 #include "YearScan.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -34,6 +35,22 @@ void Record::Parse() {
     fields.level = "ERR";
 }
 
+Record& RecordQueue::push_back() {
+  if (size_ == slots_.size()) {
+    // Full: the queue in order from slot 0, and a new slot at its end.
+    std::rotate(slots_.begin(), slots_.begin() + static_cast<std::ptrdiff_t>(head_), slots_.end());
+    head_ = 0;
+    slots_.push_back(std::make_unique<Record>());
+  }
+  ++size_;
+  return (*this)[size_ - 1];
+}
+
+void RecordQueue::pop_front() {
+  head_ = (head_ + 1) % slots_.size();
+  --size_;
+}
+
 void Timeline::Add(std::unique_ptr<LogSource> source) {
   auto lane = std::make_unique<Lane>();
   lane->source = std::move(source);
@@ -55,18 +72,35 @@ Civil Timeline::Place(const logrecord::Time& time) const {
 }
 
 // Parses the records read from a lane's file and counts their years.
-void Timeline::Take(Lane& lane, std::vector<std::string>& texts) {
+void Timeline::Take(Lane& lane, RecordBatch& texts) {
   const logrecord::Form form = lane.source->form();
-  for (std::string& text : texts) {
-    Record& r = lane.records.emplace_back();
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    Record& r = lane.records.push_back();
     r.file = lane.index;
     r.form = form;
-    r.text = std::move(text);
+    r.text.assign(texts[i]);
     r.Parse();
-    if (r.fields.has_time) lane.years.Add(r.fields.time);
+    r.has_time = false;
+    r.when = 0;
+    if (r.fields.has_time) {
+      lane.years.Add(r.fields.time);
+      lane.newest = r.fields.time;
+    }
     r.year_step = lane.years.steps;
   }
   texts.clear();
+}
+
+void Timeline::NoteGuess(const Lane& lane, const logrecord::Time& newest_time,
+                         Civil modified) const {
+  if (!modified) return;
+  const Civil newest = ToCivil(YearEndingBy(newest_time, modified), newest_time);
+  if (!year_ && modified - newest > kGuessGap)
+    Note(lane.source->name(),
+         "the newest record, " + IsoTime(newest) + ", is " +
+             std::to_string((modified - newest) / logrecord::kDayMs) +
+             " days older than the file (" + IsoTime(modified) +
+             "): its year is a guess; --year YYYY gives the year of the newest record");
 }
 
 void Timeline::Anchor(Lane& lane, const logrecord::Time& newest, int step, Civil reference) {
@@ -124,10 +158,12 @@ void Timeline::Date(Lane& lane, bool final, Civil reference) {
   lane.dated = end;
 }
 
-void Timeline::Load() {
+void Timeline::Load(bool dates) {
+  if (!dates) return;
   for (auto& lane : lanes_) {
     const std::unique_ptr<YearScanner> scan = lane->source->ScanYears();
     if (scan) {
+      lane->scanned = true;
       if (!scan->count.any) continue;
       Anchor(*lane, scan->last, scan->count.steps, scan->modified ? scan->modified : LocalNow());
       const Civil newest = ToCivil(lane->base_year + scan->count.steps, scan->last);
@@ -136,16 +172,11 @@ void Timeline::Load() {
       // A file changed long after its newest record (copied, touched): its
       // modification time says little of the year, and a year earlier would
       // fit the records as well.
-      if (!year_ && scan->modified && scan->modified - newest > kGuessGap)
-        Note(lane->source->name(),
-             "the newest record, " + IsoTime(newest) + ", is " +
-                 std::to_string((scan->modified - newest) / logrecord::kDayMs) +
-                 " days older than the file (" + IsoTime(scan->modified) +
-                 "): its year is a guess; --year YYYY gives the year of the newest record");
+      NoteGuess(*lane, scan->last, scan->modified);
       continue;
     }
     // Standard input: held whole, dated from now.
-    std::vector<std::string> texts;
+    RecordBatch texts;
     while (!lane->done) {
       if (!lane->source->ReadMore(texts)) {
         lane->status = lane->source->Finish(texts);
@@ -154,21 +185,25 @@ void Timeline::Load() {
       Take(*lane, texts);
     }
     Date(*lane, true, LocalNow());
-    for (const Record& r : lane->records)
-      if (r.has_time) Widen(r.when);
+    for (std::size_t i = 0; i < lane->records.size(); ++i)
+      if (lane->records[i].has_time) Widen(lane->records[i].when);
   }
 }
 
 // Reads until the lane has a dated record, or the file is done.
 void Timeline::Fill(Lane& lane) {
-  std::vector<std::string> texts;
   while (!lane.done && lane.dated == 0) {
-    if (!lane.source->ReadMore(texts)) {
-      lane.status = lane.source->Finish(texts);
+    if (!lane.source->ReadMore(texts_)) {
+      lane.status = lane.source->Finish(texts_);
       lane.done = true;
     }
-    Take(lane, texts);
-    Date(lane, lane.done, LocalNow());
+    Take(lane, texts_);
+    // A file not read ahead: its records dated from its modification time as
+    // far as they are read, and at its end the note on a year that is a guess.
+    const Civil reference = lane.source->modified() ? lane.source->modified() : LocalNow();
+    Date(lane, lane.done, reference);
+    if (lane.done && !lane.scanned && lane.years.any && !lane.source->standard_input())
+      NoteGuess(lane, lane.newest, lane.source->modified());
   }
 }
 
@@ -191,8 +226,7 @@ int Timeline::Merge(RecordSink& sink) {
   for (auto& lane : lanes_) {
     if (!lane->done) {
       // The output failed first; settle the file without its records.
-      std::vector<std::string> rest;
-      lane->status = lane->source->Finish(rest);
+      lane->status = lane->source->Finish(texts_);
     }
     code = Worse(code, lane->status);
   }
@@ -200,13 +234,12 @@ int Timeline::Merge(RecordSink& sink) {
 }
 
 int Timeline::Follow(RecordSink& sink) {
-  std::vector<std::string> texts;
   for (;;) {
     for (auto& lane : lanes_) {
-      lane->source->Poll(texts);
-      Take(*lane, texts);
+      lane->source->Poll(texts_);
+      Take(*lane, texts_);
       Date(*lane, true, LocalNow());
-      for (const Record& r : lane->records) sink.Write(r);
+      for (std::size_t i = 0; i < lane->records.size(); ++i) sink.Write(lane->records[i]);
       lane->records.clear();
       lane->dated = 0;
     }

@@ -26,7 +26,6 @@
 #include "YearScan.h"
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,6 +50,25 @@ struct Record {
   bool has_time = false;     // its own time or one taken from a neighbour
   Civil when = 0;            // its time with the year (Clock.h)
   int year_step = 0;         // new years counted in its file before it
+};
+
+// The records read from a file and not yet handed on, in file order. Their
+// slots are used again, text buffers and all: reading allocates nothing per
+// record once the queue has reached its size.
+class RecordQueue {
+ public:
+  bool empty() const { return size_ == 0; }
+  std::size_t size() const { return size_; }
+  Record& operator[](std::size_t i) { return *slots_[(head_ + i) % slots_.size()]; }
+  Record& front() { return (*this)[0]; }
+  // A slot at the back, holding whatever it held before.
+  Record& push_back();
+  void pop_front();
+  void clear() { head_ = size_ = 0; }
+
+ private:
+  std::vector<std::unique_ptr<Record>> slots_;
+  std::size_t head_ = 0, size_ = 0;
 };
 
 class RecordSink {
@@ -78,8 +96,11 @@ class Timeline {
   void SetYear(int year) { year_ = year; }
 
   // Finds the years of every file (a quick pass ahead, or standard input
-  // read whole).
-  void Load();
+  // read whole). Without `dates` (one file, and nothing that shows or
+  // compares the records' years) nothing is read ahead: the records are
+  // dated as they come, and the note on a year that is a guess is given at
+  // the end of the file.
+  void Load(bool dates = true);
   // After Load: whether any record has a time, and the first and last time.
   bool any_time() const { return have_range_; }
   Civil first() const { return first_; }
@@ -100,8 +121,8 @@ class Timeline {
   struct Lane {
     std::unique_ptr<LogSource> source;
     std::size_t index = 0;
-    std::deque<Record> records;  // parsed, in file order
-    std::size_t dated = 0;       // records at the front whose time is settled
+    RecordQueue records;    // parsed, in file order
+    std::size_t dated = 0;  // records at the front whose time is settled
     bool done = false;
     int status = kExitOk;
     YearCount years;                           // counted over the records read so far
@@ -111,9 +132,13 @@ class Timeline {
     Civil day_start = 0;
     bool have_last = false;  // last_when holds the time of a record
     Civil last_when = 0;
+    bool scanned = false;    // its years were found ahead
+    logrecord::Time newest;  // the time of the last timed record read
   };
 
-  void Take(Lane& lane, std::vector<std::string>& texts);
+  void Take(Lane& lane, RecordBatch& texts);
+  // The note on a file whose newest record is much older than the file.
+  void NoteGuess(const Lane& lane, const logrecord::Time& newest, Civil modified) const;
   void Anchor(Lane& lane, const logrecord::Time& newest, int step, Civil reference);
   void Date(Lane& lane, bool final, Civil reference);
   void Fill(Lane& lane);
@@ -121,6 +146,7 @@ class Timeline {
   static Civil When(Lane& lane, int year, const logrecord::Time& time);
 
   std::vector<std::unique_ptr<Lane>> lanes_;
+  RecordBatch texts_;  // what the last read handed back
   int year_ = 0;
   bool have_range_ = false;
   Civil first_ = 0, last_ = 0;

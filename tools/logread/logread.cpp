@@ -296,7 +296,7 @@ int Read(const Options& o, const std::vector<std::string>& files,
   Timeline timeline;
   timeline.SetYear(o.year);
   for (std::size_t i = 0; i < files.size(); ++i)
-    timeline.Add(std::make_unique<LogSource>(NativePath(files[i]), files[i], forms[i], o.follow));
+    timeline.Add(std::make_unique<LogSource>(NativePath(files[i]), files[i], forms[i]));
 
   // NO_COLOR (any value but empty) and TERM=dumb turn the automatic colour off.
   const char* no_colour = std::getenv("NO_COLOR");
@@ -337,7 +337,11 @@ int Read(const Options& o, const std::vector<std::string>& files,
       sink = filter.get();
   }
 
-  if (!o.follow) timeline.Load();
+  // The years are found ahead only where the output depends on them: the
+  // merge of several files, the time window, and every output that shows
+  // the year.
+  const bool dates = files.size() > 1 || o.filters.time() || o.json || o.summary || o.time == "iso";
+  if (!o.follow) timeline.Load(dates);
   if (filter) {
     if (std::string window = filter->Place(); !window.empty()) {
       Usage(window);
