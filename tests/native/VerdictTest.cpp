@@ -94,7 +94,9 @@ TEST(Verdict, CausesOfTheTable) {
     EXPECT_EQ(f.closed, v.closed);
     if (v.category != "working") {
       EXPECT_FALSE(v.chain.empty()) << "no cause named";
-      if (v.category != "switched_off") EXPECT_FALSE(v.todo.empty()) << "no do: line";
+      if (v.category != "switched_off") {
+        EXPECT_FALSE(v.todo.empty()) << "no do: line";
+      }
     }
     ++rows;
   }
