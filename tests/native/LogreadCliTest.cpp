@@ -76,19 +76,16 @@ const bool kWine = std::getenv("QX_LOGREAD") != nullptr;
 const std::string kLogread = kWine ? std::getenv("QX_LOGREAD") : QX_LOGREAD_PATH;
 const std::string kStamp = "touch -d '2026-11-20 12:00' input* 2>/dev/null; ";
 
-// logread with ARGS (shell words) in `dir`, for 30 s at most, its standard
-// output and error in dir/out and dir/err: run to its end, or in the
-// background until the object goes.
+// logread with ARGS in `dir` (30 s at most; output in dir/out and dir/err), to
+// its end or in the background until the object goes; `before`: shell commands
+// after the inputs are stamped; `runner`: a command that runs logread.
 struct Tool {
-  // `before`: shell commands run after the inputs are stamped (and their
-  // own stamps); `runner`: a command that runs logread (another user's).
   Tool(const fs::path& dir, const std::string& args, bool background = false,
        const std::string& before = "", const std::string& runner = "")
       : dir(dir) {
     // A tool that allocates what a corrupt length field announces dies here,
     // not only on a machine short of memory (the sanitizers need more).
     const std::string limit = QX_SANITIZED || kWine ? "" : "ulimit -v 65536 && ";
-    // The inputs' years follow from their modification time: a fixed one.
     const int status = std::system(("cd '" + dir.string() + "' && { " + limit + kStamp + before +
                                     "exec timeout 30 " + runner + kLogread + " " + args +
                                     " >out 2>err" + (background ? " & echo $! >pid" : "") + "; }")
@@ -107,8 +104,7 @@ struct Tool {
   int code;
 };
 
-// Calls `row` with the columns ('|' between them) of each line of data file
-// `name` but blank and '#' lines, until a fatal failure.
+// `row` of the columns of each line of data file `name` but blank and '#' ones.
 template <class Row>
 void ForEachRow(const std::string& name, Row row) {
   std::istringstream in(Data(name));
@@ -141,7 +137,6 @@ std::string Input(const std::string& entry) {
   return out;
 }
 
-// Every case of cases.txt (its head tells the columns).
 TEST(LogreadCli, CasesOfTheTable) {
   ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
     ASSERT_EQ(6u, c.size());  // name, files, options, exit, stdout, stderr
@@ -276,7 +271,6 @@ bool ReadAgain(int watch, const std::string& name) {
   return true;
 }
 
-// The steps of follow.txt (its head tells them), one after the other.
 const char kSteps[] = " scenario start write append remove rename read out err stdout stderr ";
 TEST(LogreadFollow, ScenariosOfTheScript) {
   std::unique_ptr<Scratch> dir;
@@ -299,7 +293,6 @@ TEST(LogreadFollow, ScenariosOfTheScript) {
     if (c[0] == "read") {
       ASSERT_TRUE(ReadAgain(watch, text)) << "logread did not read it again";
     }
-    // The checks: out and err wait for TEXT, stdout and stderr compare all of it.
     if (c[0] == "out" || c[0] == "err") {
       ASSERT_FALSE(text.empty()) << "nothing to wait for";
       ASSERT_TRUE(tool->Holds(c[0], text)) << c[0] << ":\n" << Read(dir->path / c[0]);
