@@ -13,6 +13,11 @@ cd "$work"
 cp "$data/session-plugin.txt" QXAttentionPlugin.log
 cp "$data/session-sensor.log" SensorLibLog.log
 cp -r "$data/sessions" fleet
+# One machine's logs in the folders the logger keeps them in.
+w=fleet/working/ProgramData/Vantoq
+mkdir -p $w/Quillomatic/logs $w/SensorFusion/Logs
+mv fleet/working/QXAttentionPlugin.log.logdat $w/Quillomatic/logs
+mv fleet/working/SensorLibLog.log $w/SensorFusion/Logs
 # The records' year follows from the files' modification time.
 touch -d '2026-11-20 12:00' QXAttentionPlugin.log SensorLibLog.log
 
