@@ -2,7 +2,9 @@
 # Records the logs of real sessions: the plug-in, driven by qxhost under Wine,
 # against fusion-sim's failure modes, one fresh Wine prefix per session. Each
 # session's two logs land in OUT/<session>/ as the machine left them; the
-# summary's tests read them (tests/native/data/sessions).
+# summary's tests read them (tests/native/data/sessions) and make their
+# damaged copies (a cut line, NUL bytes, a cut .gz, a log deleted at its
+# size limit) from them.
 #   record-sessions.sh [OUT] [SESSION...]     (default: every session)
 # QX_WIN_BIN: the Windows binaries (default build/win/bin).
 set -euo pipefail
@@ -16,14 +18,13 @@ run=$root/build/record
 mkdir -p "$run"
 
 on='set_attention_status={"F4010":{"status":2}}'
-# name | simulator: "none", "stopped", "broken" (cannot start) or install options |
-# DLL variant | steps: sim:CTL:ARG... (fusion-sim ctl before the host runs),
-# cut (log limit 3000 bytes), or qxhost commands. In "not-answering" the
+# name | simulator: "none", "broken" (cannot start) or install options |
+# DLL variant | steps: sim:CTL:ARG... (fusion-sim ctl before the host runs)
+# or qxhost commands. In "not-answering" the
 # service's process dies once "init" is over.
 sessions=(
   "working|--quiet|noauth|init $on close"
   "absent|none|noauth|init $on close"
-  "stopped|stopped|noauth|init $on get_attention"
   "cannot-start|broken|noauth|init $on close"
   "auth-refused|--quiet|shipped|init $on close"
   "not-answering|--quiet|noauth|init sleep:8000 $on get_attention"
@@ -31,7 +32,6 @@ sessions=(
   "unsupported|--quiet --status 0|noauth|init $on close"
   "start-refused|--quiet|noauth|sim:force:3:0x30000020 init $on get_attention"
   "ability-first|--quiet|noauth|ability init $on close"
-  "cut|--quiet|noauth|cut init $on get_attention"
 )
 
 record() {
@@ -43,7 +43,6 @@ record() {
   trap 'scripts/wine-prefix.sh stop "$WINEPREFIX" >/dev/null 2>&1 || true; rm -rf "$WINEPREFIX"' RETURN
   case $sim in
     none) ;;
-    stopped) wine "$bin/fusion-sim.exe" install --quiet </dev/null >/dev/null ;;
     broken)
       wine "$bin/fusion-sim.exe" install --quiet </dev/null >/dev/null
       wine reg add 'HKLM\System\CurrentControlSet\Services\VantoqSensorFusion' /v ImagePath \
@@ -61,18 +60,12 @@ record() {
     case $step in
       sim:*) IFS=: read -r -a words <<<"${step#sim:}"
              wine "$bin/fusion-sim.exe" ctl "${words[@]}" </dev/null >/dev/null ;;
-      cut)   mkdir -p "$prefix/drive_c/ProgramData/Vantoq/Quillomatic/config"
-             printf '[config]\r\ng_vantoq_global_max_size=3000\r\n' \
-               >"$prefix/drive_c/ProgramData/Vantoq/Quillomatic/config/config.ini" ;;
       sleep:*) commands+=("sleep ${step#sleep:}") ;;
       *)     commands+=("$step") ;;
     esac
   done
   local file=QXAttentionPlugin-noauth.dll
   [ "$dll" = shipped ] && file=QXAttentionPlugin.dll
-  if [ "$name" = cut ]; then  # enough actions to pass the limit after "init"
-    for _ in $(seq 1 150); do commands+=(get_attention); done
-  fi
   (cd "$bin" && timeout "$([ "$name" = hung ] && echo 20 || echo 120)" wine qxhost.exe "$file" "${commands[@]}" </dev/null >"$run/$name.out" 2>&1) &
   local host=$!
   if [ "$name" = not-answering ]; then
@@ -103,31 +96,3 @@ for entry in "${sessions[@]}"; do
   record "$name" "$sim" "$dll" "$steps"
 done
 
-# Damaged copies of recorded logs, as machines leave them: a sensor log cut
-# inside its last exception line (the copy taken while it was written), NUL
-# bytes where a power loss cut a line, a line that is no record, and a .gz
-# that lost its last bytes.
-[ -d "$out/absent" ] && [ -d "$out/working" ] || exit 0
-python3 - "$out" <<'PY'
-import gzip, os, shutil, sys
-out = sys.argv[1]
-def files(name):
-    return {f: open(os.path.join(out, name, f), "rb").read() for f in os.listdir(os.path.join(out, name))}
-def write(name, content):
-    os.makedirs(os.path.join(out, name), exist_ok=True)
-    for f, data in content.items():
-        open(os.path.join(out, name, f), "wb").write(data)
-sensor = "SensorLibLog.log"
-logs = files("absent")
-text = logs[sensor]
-write("damaged-cut", {**logs, sensor: text[:text.rindex(b"= 1722") + 4]})
-lines = text.split(b"\r\n")
-nul = b"\r\n".join(lines[:3]) + b"\r\n" + lines[3][:20] + b"\0" * 4096 + b"\r\n".join([b""] + lines[4:])
-write("damaged-nul", {**logs, sensor: nul})
-write("damaged-foreign", {**logs, sensor: b"\r\n".join(lines[:2] + [b"\x01\x02 copied over"] + lines[2:])})
-plugin = "QXAttentionPlugin.log.logdat"
-logs = files("working")
-packed = gzip.compress(logs[plugin], mtime=0)
-write("damaged-gz", {plugin + ".gz": packed[:len(packed) * 2 // 3], sensor: logs[sensor]})
-print("record-sessions: damaged-cut damaged-nul damaged-foreign damaged-gz")
-PY
