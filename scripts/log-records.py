@@ -30,11 +30,11 @@ class Stale(Exception):
     pass
 
 
-def sources(dirs):
+def sources(dirs, ends=(".cpp", ".c")):
     for d in dirs:
         folder = os.path.join(ROOT, d)
         for name in sorted(os.listdir(folder)):
-            if name.endswith((".cpp", ".c")):
+            if name.endswith(ends):
                 path = os.path.join(folder, name)
                 with open(path, encoding="utf-8") as f:
                     yield d + "/" + name, f.read()
@@ -91,7 +91,12 @@ def call_arguments(text, start):
 
 
 def literal(arg, constants):
-    """The text of a (wide) string literal, or of a constant holding one."""
+    """The text of a (wide) string literal, of a constant holding one, or of
+    adjacent literals and constants (a format built from a shared one)."""
+    parts = re.findall(r'L?"(?:[^"\\]|\\.)*"|\w+|\S', arg.strip(), re.S)
+    if len(parts) > 1:
+        texts = [literal(part, constants) for part in parts]
+        return None if None in texts else "".join(texts)
     arg = arg.strip()
     if arg in constants:
         return constants[arg]
@@ -133,10 +138,15 @@ def function_at(text, position):
     return best or "?"
 
 
-def constants_of(text):
-    consts = {}
-    for m in re.finditer(r'constexpr\s+(?:w?char|wchar_t)\s+(\w+)\[\]\s*=\s*(L?"(?:[^"\\]|\\.)*")\s*;', text):
+def constants_of(text, shared=None):
+    """Character-array constants and string macros, over the shared ones."""
+    consts = dict(shared or {})
+    for m in re.finditer(r'^#define\s+(\w+)\s+(L?"(?:[^"\\]|\\.)*")\s*$', text, re.M):
         consts[m.group(1)] = literal(m.group(2), {})
+    for m in re.finditer(r'constexpr\s+(?:w?char|wchar_t)\s+(\w+)\[\]\s*=\s*([^;]*);', text):
+        value = literal(m.group(2), consts)
+        if value is not None:
+            consts[m.group(1)] = value
     return consts
 
 
@@ -173,9 +183,12 @@ def plugin_records():
 
 def sensor_records():
     records = []
+    shared = {}  # the string macros of every header, such as SensorLibTexts.h
+    for path, raw in sources(FUSION_DIRS, ".h"):
+        shared = constants_of(strip_comments(raw), shared)
     for path, raw in sources(FUSION_DIRS):
         text = strip_comments(raw)
-        consts = constants_of(text)
+        consts = constants_of(text, shared)
         for m in re.finditer(r"\b(SensorLibLogWrite|Guarded)\s*\(", text):
             name = m.group(1)
             head = text[max(0, m.start() - 40):m.start()]
