@@ -1,10 +1,7 @@
-# Tests of the Windows build run through Wine. One prefix per test run: the
-# fixture test "wine_prefix" makes it anew (copied from a pristine prefix made
-# once beside it) and keeps its wineserver alive for the run; "wine_prefix_stop"
-# ends that server. Every Wine test requires the fixture and gets the prefix.
+# Windows tests under Wine, one prefix per run: the fixture "wine" makes it
+# anew (wine_prefix) and ends its wineserver (wine_prefix_stop).
 set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wine/prefix CACHE PATH "Wine prefix of the test run")
-# A UTF-8 locale whatever the caller's: Wine maps Windows file names to Unix
-# ones through it, and a fresh machine's C locale cannot hold non-ASCII names.
+# UTF-8: Wine maps file names to Unix ones through the locale.
 set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=;LC_ALL=C.UTF-8")
 
 # GoogleTest from Debian's sources, built with the cross compiler.
@@ -23,17 +20,14 @@ if(BUILD_TESTING)
            COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh stop ${QX_WINEPREFIX})
   set_tests_properties(wine_prefix_stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 120)
   # The shipped DLL's binding goes through Wine's NTLM, which runs Samba's
-  # ntlm_auth: without it the shipped-DLL cases would judge another path
-  # (RpcBindingSetAuthInfo:1747), so the run stops here and says why.
+  # ntlm_auth; without it its cases would judge another path.
   add_test(NAME wine_ntlm_helper COMMAND sh -c "command -v ntlm_auth || { echo \
 'ntlm_auth is missing (package winbind, scripts/install-deps.sh): Wine needs it for the shipped DLL'; exit 1; }")
   set_tests_properties(wine_ntlm_helper PROPERTIES FIXTURES_SETUP wine TIMEOUT 30)
 endif()
 
-# qx_add_wine_test(NAME target [args...]): one ctest entry per GoogleTest
-# program. A program that crashes under Wine can end with exit code 0, so the
-# run is judged by GoogleTest's own summary: it must have passed at least one
-# test (a filter that selects none fails) and print neither a failure nor an
+# qx_add_wine_test(NAME target [args...]): judged by GoogleTest's summary (a
+# crash under Wine may exit 0): at least one test passed, no failure, no
 # unhandled exception.
 function(qx_add_wine_test name target)
   add_test(NAME ${name} COMMAND ${target} ${ARGN})

@@ -49,10 +49,10 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
 }
 
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
-                 const std::wstring& stdoutFile, const std::wstring& stderrFile) {
+                 const std::wstring& stdoutFile) {
   std::wstring command = L"\"" + Self() + L"\" --role " + role;
   for (const auto& a : args) command += L" \"" + a + L"\"";
-  return StartProcess(command, stdoutFile, stderrFile);
+  return StartProcess(command, stdoutFile);
 }
 
 int WaitChild(HANDLE process, DWORD timeoutMs) {

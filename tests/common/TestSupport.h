@@ -1,5 +1,4 @@
-// Helpers shared by the Windows test programs: child-process roles (a test
-// program re-launches itself to play a second process), bounded waits, files.
+// Helpers of the Windows test programs: child processes, files, folders.
 #pragma once
 
 #include <windows.h>
@@ -9,16 +8,14 @@
 
 namespace testsupport {
 
-// Starts a program from a full command line; its stdout (and stderr, when
-// `stderrFile` is given) go to files when named. Returns the process handle.
+// Starts a command line, stdout (and stderr) to the files named; the process.
 HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutFile = L"",
                     const std::wstring& stderrFile = L"");
 // Starts this test program again with `role` and its arguments.
 HANDLE StartSelf(const std::wstring& role, const std::vector<std::wstring>& args,
-                 const std::wstring& stdoutFile = L"", const std::wstring& stderrFile = L"");
+                 const std::wstring& stdoutFile = L"");
 std::wstring ExeDir();  // the running program's folder, with a trailing backslash
-// Waits (bounded) for a child; returns its exit code, or -1 on time-out (the
-// child is then terminated).
+// The child's exit code, or -1 (and the child terminated) on time-out.
 int WaitChild(HANDLE process, DWORD timeoutMs);
 
 std::string ReadFileBytes(const std::wstring& path);

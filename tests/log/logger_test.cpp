@@ -1,5 +1,5 @@
-// Logger, judged by the files it writes. Fresh processes and other writers:
-// this program with --role NAME.
+// The logger, judged by the files it writes; other processes are this
+// program with --role NAME.
 #include <gtest/gtest.h>
 #include <shlobj.h>
 
@@ -75,10 +75,9 @@ TEST(Write, PlainRecordsAndTheLevelFilter) {
   NoConfig();
 }
 
-// A writer (--role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER): BEFORE records,
-// then ready; on "go", AFTER more; then, when the test made "last", ready
-// again and on "last" one record more. Its waits for the log mutex after
-// "go" set "waiting" first.
+// --role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER: BEFORE records, ready; on
+// "go" AFTER more; if "last" exists, ready again and on "last" one more. After
+// "go" its waits for the log mutex set "waiting" first.
 constexpr wchar_t kGo[] = L"qxtest-log-go", kLast[] = L"qxtest-log-last",
                   kWaiting[] = L"qxtest-log-waiting", kReady[] = L"qxtest-log-ready";
 HANDLE g_waiting;
@@ -88,8 +87,8 @@ DWORD WINAPI NoteWait(HANDLE handle, DWORD ms) {
   return g_wait(handle, ms);
 }
 
-// Points this program's import of WaitForSingleObject (the logger's too, a
-// static library) at NoteWait.
+// Points this program's import of WaitForSingleObject (the logger's too) at
+// NoteWait.
 bool NoteMutexWaits() {
   auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
   const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(
@@ -132,7 +131,6 @@ int RoleWriter(char** arg) {
   return 0;
 }
 
-// Starts `n` writers (with `ready` made for them) and waits until they are.
 std::vector<HANDLE> Writers(int n, const std::vector<std::wstring>& args, HANDLE ready) {
   std::vector<HANDLE> children;
   for (int w = 0; w < n; ++w) children.push_back(StartSelf(L"writer", args));
@@ -141,7 +139,7 @@ std::vector<HANDLE> Writers(int n, const std::vector<std::wstring>& args, HANDLE
   return children;
 }
 
-// Which records, each after the file is padded to `fill`, deleted it.
+// The records that deleted the file, each written after padding it to `fill`.
 std::vector<int> Deletions(const std::wstring& path, int records, std::size_t fill) {
   std::vector<int> deleted;
   for (int i = 0; i < records; ++i) {
@@ -166,9 +164,8 @@ TEST(SizeCheck, EveryHundredthRecordAndAtSetup) {
   EXPECT_FALSE(FileExists(path));  // deleted, not emptied
 }
 
-// A writer's hundredth record waits for the log mutex, held here with the
-// file open (no delete sharing) until the writer waits for it, then deletes
-// the full file. A check made outside the mutex came before and failed.
+// The writer's hundredth record waits for the mutex, held here with the file
+// open until it does, then deletes the file; a check outside the mutex fails.
 TEST(SizeCheck, WaitsForTheLogMutex) {
   const std::wstring path = TempDir(L"held") + L"\\held.log";
   HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo),
@@ -206,7 +203,7 @@ TEST(Setup, SizeLimitAndTheMutex) {
 }
 
 // Obfuscating deletes the ".normal" sibling; switched off by config, the
-// plain file is written and the ".logdat" left as it was.
+// plain file is written and the ".logdat" left alone.
 TEST(Setup, EncryptSwitchAndNormalSibling) {
   NoConfig();
   const std::wstring dir = TempDir(L"switch"), name = dir + L"\\s.log",
@@ -233,8 +230,7 @@ int Role(const std::string& role) {
     QX_LOG(LogInfo, 3, L"after the link");
     return OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\VQMLOG_r.log") != nullptr;
   }
-  // Level 6 exceeds the fresh logger's 5: no set-up, which would have made
-  // the level 3 and filtered the debug record.
+  // Level 6 exceeds the fresh logger's 5: no set-up (which would filter debug).
   QX_LOG(6, 1, L"never");
   QX_LOG(LogDebug, 2, L"fallback \x00e9\xFF0C");  // 2 + 3 bytes in UTF-8
   Config("g_vantoq_log_printf=1\r\n");
@@ -267,9 +263,8 @@ TEST(FreshProcess, BeforeSetupConsoleEchoAndLinkedFolder) {
   EXPECT_FALSE(FileExists(L"C:\\qx-reparse\\real\\r.log"));
 }
 
-// Several processes write one obfuscated log while the size check keeps
-// deleting it: what is left decodes into whole records. Sizes from the
-// environment (scripts/log-integrity.sh).
+// Writers of one log while the size check keeps deleting it: what is left is
+// whole records. Sizes from the environment (scripts/log-integrity.sh).
 TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   const auto EnvInt = [](const char* name, int fallback) {
     const char* value = std::getenv(name);

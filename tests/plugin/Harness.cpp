@@ -22,7 +22,7 @@ namespace {
 constexpr wchar_t kKey[] = L"SOFTWARE\\Vantoq\\Quillomatic";
 constexpr wchar_t kPipe[] = L"Vantoq.SensorFusion.EndPoint_edc08f";
 constexpr wchar_t kAttentionEvent[] = L"Global\\Vantoq.SensorFusion.AttentionEVENT";
-// The one bind a client may make: the interface with NDR 2.0 alone.
+// The one bind a client may make: the interface, NDR 2.0 alone.
 constexpr char kBind[] =
     "bind ctx 0: 7745c01b-9375-4881-9ab5-bbc087ec41f5 v1.0 [8a885d04-1ceb-11c9-9fe8-08002b104860 "
     "v2.0]";
@@ -33,9 +33,6 @@ const char* const kProcedures[kFusionSimOpnums] = {
 const char kPayload[] = "{\"action\":\"SA0004\",\"type\":\"Report\"}\n";
 
 int g_session = -1;  // this process's session; -1 in the parent
-std::wstring PluginLog() {
-  return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
-}
 std::wstring SensorLog() {
   return CommonAppData() + L"\\Vantoq\\SensorFusion\\Logs\\SensorLibLog.log";
 }
@@ -45,7 +42,6 @@ std::size_t FileSize(const std::wstring& path) {
   return GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &a) ? a.nFileSizeLow : 0;
 }
 
-// What this session did and may do.
 struct Session {
   SYSTEMTIME started = {};
   Mark start = {};
@@ -134,9 +130,7 @@ const std::regex& Stamp() {
   return stamp;
 }
 
-// ---------------------------------------------------------------------------
-// The catalogue of records (docs/log-records.md): every row's source, line,
-// level and printf format, matched against a record's text.
+// The rows of docs/log-records.md: source, line, level and printf format.
 struct Row {
   std::string source, level, format;
   int line = 0;
@@ -183,9 +177,7 @@ void Covered(const std::string& key) {
   if (file) std::ofstream(file, std::ios::app | std::ios::binary) << key << "\n";
 }
 
-// ---------------------------------------------------------------------------
 // The rules every session keeps, judged after its last quiet window.
-
 void RuleSensorStamps() {
   SYSTEMTIME now;
   GetLocalTime(&now);
@@ -220,8 +212,8 @@ void RuleExceptions() {
 }
 
 void RuleCallbacks() {
-  // Each fetched record (4 bytes, answered 0) that turns the status to 0 from
-  // what the process saw before (-1 at load) is one report.
+  // One report per fetched record (4 bytes, answered 0) that turns the status
+  // to 0 from what the process saw before (-1 at load).
   std::vector<FusionSimCall> calls;
   std::size_t changes = 0;
   if (FusionSimReadCalls(&calls)) {
@@ -329,9 +321,8 @@ void RuleMachineUntouched() {
       << "values under HKLM changed";
 }
 
-// Each waiting thread writes its first line as it starts and its last as it
-// ends: after "close", every one that started has ended (Wine's own worker
-// threads may outlive a session, so threads are not counted).
+// By the waiting threads' own first and last lines: Wine's worker threads
+// may outlive a session, so threads are not counted.
 void RuleThreadsGone() {
   if (!g_s->closed) return;
   const auto count = [](const char* prefix) {
@@ -381,6 +372,9 @@ void ResetMachine() {
 }  // namespace
 
 Host* g_host = nullptr;
+std::wstring PluginLog() {
+  return CommonAppData() + L"\\Vantoq\\Quillomatic\\logs\\QXAttentionPlugin.log.logdat";
+}
 
 void RunSessions(const std::function<void(int)>& body, int sessions) {
   if (g_session >= 0) {

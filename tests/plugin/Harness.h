@@ -1,8 +1,5 @@
-// The plug-in's test harness: each test runs in processes of its own (this
-// program re-launched with --qx-session=N, one process per host session), on
-// a machine put into a known state, through the four exports; observers read
-// what happened since a mark, and the session rules are judged after every
-// test (Harness.cpp).
+// The plug-in's test harness: a machine set-up, a host through the four
+// exports, observers since a mark; the session rules after every test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,22 +15,20 @@
 
 namespace qx {
 
-// Runs `body(session)` for session 0..sessions-1, each in a new process, after
-// resetting the machine: the simulator installed as the stopped service, no
-// plug-in registry values, logs or config.ini.
+// Runs `body(session)` for each session in a new process of this program
+// (--qx-session=N), on a reset machine: the simulator installed as the stopped
+// service, no plug-in registry values, logs or config.ini.
 void RunSessions(const std::function<void(int)>& body, int sessions = 1);
 #define QX_TEST(suite, name, sessions)                              \
   static void suite##_##name(int session);                          \
   TEST(suite, name) { qx::RunSessions(&suite##_##name, sessions); } \
   static void suite##_##name([[maybe_unused]] int session)
 
-// Bounded waits: `Until` polls for 10 s; `Quiet` waits for the one declared
-// quiet window (kQuietMs without a new record, line, call, request or callback).
+// `Quiet`: kQuietMs without a new record, line, call, request or callback.
 constexpr DWORD kQuietMs = 300;
 bool Until(const std::function<bool()>& condition, DWORD timeoutMs = 10000);
 void Quiet();
 
-// The machine.
 enum class Service { kStopped, kRunning, kConsole, kAbsent };
 void SetService(Service mode, const std::wstring& args = L"");
 void KillService();
@@ -52,15 +47,16 @@ inline const RegValue kAbsent{};
 void PrintTo(const RegValue& v, std::ostream* os);
 void SetReg(HKEY hive, const wchar_t* name, const RegValue& value);
 RegValue Reg(HKEY hive, const wchar_t* name);
+std::wstring PluginLog();  // QXAttentionPlugin.log.logdat
 inline RegValue User(const wchar_t* name) { return Reg(HKEY_CURRENT_USER, name); }
 
-// The wire peer on the service's pipe, with the attention event the peer's
-// service would own. `auth`: what every bind must carry after the offer.
+// The wire peer on the service's pipe, with the attention event; `auth`: what
+// every bind must carry after the offer.
 wire::Peer& StartPeer(const std::string& auth = "");
 void SignalPeerEvent();
 
-// A host process: loads the DLL through the four exports. Its callbacks are
-// recorded with their thread; the threads that called an export are the host's.
+// Callbacks are recorded with their thread; threads that called an export
+// are the host's.
 struct Callback {
   bool onHostThread;
   std::string kind, name, json;
@@ -79,7 +75,6 @@ class Host {
 };
 extern Host* g_host;
 
-// Observers. A mark is where "since" starts; Mark() is now.
 struct Mark {
   std::size_t log, sensor, calls, pipe, callbacks;
 };
@@ -92,7 +87,7 @@ std::vector<std::string> SensorLines(const Mark& from);
 std::vector<std::string> Calls(const Mark& from);
 // The peer's requests: "OPNUM: STUB HEX".
 std::vector<std::string> Requests(const Mark& from);
-// `expected` in order (other lines between), waited for; "*" matches any text.
+// `expected` in order, other lines between, waited for; glob patterns.
 void ExpectAnchors(const std::vector<std::string>& actual,
                    const std::vector<std::string>& expected);
 #define QX_ANCHORS(what, mark, ...)                                      \
@@ -104,8 +99,7 @@ void ExpectAnchors(const std::vector<std::string>& actual,
 bool Subsequence(const std::vector<std::string>& actual, const std::vector<std::string>& expected);
 bool Glob(const std::string& pattern, const std::string& text);
 
-// The exception lines of the sensor library log this session may have (glob
-// patterns, in order); any other is a failure.
+// The sensor library log's exception lines this session must have, in order.
 void DeclareExceptions(const std::vector<std::string>& lines);
 
 }  // namespace qx

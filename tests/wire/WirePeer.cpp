@@ -107,9 +107,8 @@ void Peer::Spawn(std::function<void()> body) {
   });
 }
 
-// Every wait of the peer's threads also waits for the stop event, so they all
-// end soon after it is set; a thread still running 30 s later is a fault of
-// the peer, reported and fatal (the threads use this object).
+// Every wait of the threads also waits for the stop event; one still running
+// 30 s later is the peer's fault, and fatal (the threads use this object).
 void Peer::Stop() {
   if (!stop_) return;
   SetEvent(stop_);
@@ -148,10 +147,8 @@ void Peer::Error(const std::string& text) {
   errors.push_back(text);
 }
 
-// Four instances wait for clients at once, so that a client that connects
-// again at once (after a reply cut short) finds one however late a thread
-// runs. Each waits on a thread of its own, which starts a successor as a
-// client connects, then serves that client.
+// Four instances wait at once, so that a client reconnecting at once (after
+// a cut reply) finds one; each thread starts a successor as its client comes.
 void Peer::Listen(HANDLE pipe) {
   if (pipe == INVALID_HANDLE_VALUE)
     return Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));

@@ -1,8 +1,7 @@
 // A raw DCE/RPC connection-oriented server on a named pipe, written from the
-// protocol (bind, bind_ack, bind_nak, request, response, fault) and from
-// nothing generated. It accepts a presentation context offering NDR 2.0,
-// records every bind and request, and answers each request with the next
-// reply it was given, built by hand; any other PDU is an error.
+// protocol and from nothing generated: it accepts a context offering NDR 2.0,
+// records binds and requests, and answers each request with the next queued
+// reply; any other PDU is an error.
 #pragma once
 
 #include <windows.h>
@@ -26,8 +25,7 @@ class Peer {
   ~Peer() { Stop(); }
   // Takes \\.\pipe\<name> (fails when another server owns it) and listens.
   bool Start(const std::wstring& name);
-  // Ends the listener and the connections' threads (bounded: the process
-  // ends with a message on stderr if one has not ended 30 s later).
+  // Ends every thread; one still running 30 s later ends the process.
   void Stop();
   // Replies, handed out in the order requests arrive: "HEX" a response whose
   // stub data is HEX; "fault XXXXXXXX" a fault PDU with that status; "cut N
@@ -38,12 +36,11 @@ class Peer {
     replies_.push_back(reply);
   }
 
-  // What the peer saw (copies, safe while it runs). binds: "bind ctx ID:
-  // ABSTRACT [TRANSFER, ...]", then " auth type T level L token HEX" (its
-  // credentials' first 12 bytes) when authenticated; requests: "OPNUM: STUB";
-  // errors: protocol faults seen.
+  // binds: "bind ctx ID: ABSTRACT [TRANSFER, ...]", then " auth type T level
+  // L token HEX" (the credentials' first 12 bytes); requests: "OPNUM: STUB";
+  // errors: protocol faults. Get copies one.
   using Seen = std::vector<std::string>;
-  Seen Get(const Seen& list) {  // one of the three below
+  Seen Get(const Seen& list) {
     std::lock_guard<std::mutex> hold(mutex_);
     return list;
   }
