@@ -189,6 +189,8 @@ FAULTS = [
      [("tools/logread/Matcher.cpp", "const int word = IsWord(p[i - 1]) ? 1 : 0;", "const int word = 0;")]),
     ("logread: the years not read ahead for a merge of several files",
      [("tools/logread/logread.cpp", "const bool dates = files.size() > 1 ||", "const bool dates =")]),
+    ("logread: a session started by a record dated from its neighbour shown at 00-00 00:00:00.000",
+     [("tools/logread/Summary.cpp", "if (!r.fields.has_time) {\n      const CivilParts", "if (false) {\n      const CivilParts")]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")

@@ -46,7 +46,6 @@ bool Contains(std::string_view text, std::string_view part) {
 }
 
 constexpr char kAbilityKey[] = "HKLM\\SOFTWARE\\Vantoq\\Quillomatic";
-constexpr char kUserKey[] = "HKCU\\SOFTWARE\\Vantoq\\Quillomatic";
 
 }  // namespace
 
@@ -128,13 +127,21 @@ void Summary::Write(const Record& r) {
   Session& s = Current(r);
   ++s.records;
   if (r.has_time) {
+    // A record may be dated from its neighbour (a line with no stamp of its
+    // own, or the first of a log cut at its size limit): its time is then the
+    // one the timeline gave it, not the empty stamp of its fields.
+    logrecord::Time time = r.fields.time;
+    if (!r.fields.has_time) {
+      const CivilParts p = FromCivil(r.when);
+      time = {p.month, p.day, p.hour, p.minute, p.second, p.millisecond};
+    }
     if (!s.timed) {
       s.timed = true;
       s.first = r.when;
-      s.first_time = r.fields.time;
+      s.first_time = time;
     }
     s.last = r.when;
-    if (r.fields.has_time) s.last_time = r.fields.time;
+    s.last_time = time;
   }
   const bool listed = !filter_ || filter_->Matches(r);
   if (r.form == logrecord::Form::kSensorLib) {
