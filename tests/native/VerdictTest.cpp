@@ -12,10 +12,8 @@
 namespace {
 
 using logread::Facts;
-#define FACT(k)                                                             \
-  {                                                                         \
-#k, [](Facts & f, long long v) { f.k = static_cast<decltype(f.k)>(v); } \
-  }
+#define FACT(k) \
+  std::make_pair(#k, [](Facts& f, long long v) { f.k = static_cast<decltype(f.k)>(v); })
 const std::map<std::string, std::function<void(Facts&, long long)>> kFacts = {
     FACT(from_init),
     FACT(plugin_records),
