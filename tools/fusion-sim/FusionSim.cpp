@@ -86,7 +86,7 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
 struct Options {
-  std::uint32_t status = 0x10000000;
+  std::uint32_t status = QX_STATUS_SUPPORTED_STOPPED;
   std::uint32_t delay = 30;
   std::uint32_t attention = 1;
   bool attentionEvent = true;
@@ -249,8 +249,8 @@ LONG __cdecl FusionRpcStartSensor(handle_t, LONG id, LONG param) {
   if (!Forced(3) && id == 6) {
     Lock();
     // Only a supported sensor changes state; 0 (unsupported) stays 0.
-    if ((g_block->statusWord & 0xFFFFFFFEu) == 0x10000000u && (param == 0 || param == 1))
-      g_block->statusWord = 0x10000000u | static_cast<std::uint32_t>(param);
+    if ((g_block->statusWord & ~1u) == QX_STATUS_SUPPORTED_STOPPED && (param == 0 || param == 1))
+      g_block->statusWord = QX_STATUS_SUPPORTED_STOPPED | static_cast<std::uint32_t>(param);
     Unlock();
   }
   return EndCall(slot, 3, 0, nullptr, 0);

@@ -53,9 +53,9 @@ std::string RemoteName(long long value) {
 // The status word of the service's status query.
 std::string StatusName(long long value) {
   switch (static_cast<std::uint32_t>(value)) {
-    case 0x10000000u:
+    case QX_STATUS_SUPPORTED_STOPPED:
       return "supported, sensing stopped";
-    case 0x10000001u:
+    case QX_STATUS_SUPPORTED_ACTIVE:
       return "supported, sensing active";
     case 0:
       return "not supported";
