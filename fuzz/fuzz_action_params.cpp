@@ -1,6 +1,6 @@
-// libFuzzer target: the input as the parameter text of the two "set_" actions
-// (ending at an embedded zero, as at the boundary) and as an action name. Only
-// Json::LogicError, let go to the host on purpose, may escape.
+// libFuzzer target: the input as the two "set_" actions' parameters (up to a
+// zero, as at the boundary) and as an action name. Only Json::LogicError, let go
+// to the host on purpose, may escape.
 #include <json/json.h>
 
 #include <cstdint>
@@ -35,15 +35,14 @@ void RunSetAction(const char* params, const char* member, bool (*in_range)(int),
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // An exact-size heap copy with its terminating zero: a read past the zero is
-  // an AddressSanitizer report.
+  // An exact-size heap copy: a read past its zero is an AddressSanitizer report.
   std::unique_ptr<char[]> params(new char[size + 1]);
   std::memcpy(params.get(), data, size);
   params[size] = '\0';
   RunSetAction(params.get(), "status", status_in_range, 1, 2);
   RunSetAction(params.get(), "delay", delay_in_range, 10, 60);
 
-  // The same text as an action name: only the six exact names are known.
+  // As an action name: only the six exact names are known.
   const char* const known[] = {
       "ability", "init", "close", "get_attention", "set_attention_status", "set_attention_delay"};
   PluginActionKind expected = PluginActionKind::Unknown;

@@ -1,8 +1,5 @@
-// logread's reading of plain and sensor logs and its summary, on any bytes:
-// damage (NUL runs, cut lines, lines that are no record, cut gzip streams) must
-// end in a note and an exit status, never in a crash or undefined behaviour.
-// The first byte chooses the report (bit 0: JSON) and whether the bytes come
-// as the only file or after a recorded sensor log's head (bit 1).
+// logread's reading and summary of any bytes: damage ends in a note and an exit
+// status, never a crash. First byte: bit 0 JSON, bit 1 after a sensor log's head.
 #include <unistd.h>
 
 #include <cstdint>

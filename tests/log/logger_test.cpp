@@ -19,22 +19,21 @@ namespace {
 constexpr wchar_t kLogSource[] = L"LoggerTest.cpp";
 Logger& Log() { return Logger::Instance(); }
 
-std::wstring Record(DWORD tid, int level, const wchar_t* source, unsigned line,
-                    const wchar_t* format, ...) {
+std::wstring Record(int level, const wchar_t* source, unsigned line, const wchar_t* format, ...) {
   const SYSTEMTIME t = {2026, 11, 0, 14, 9, 5, 7, 42};
   va_list args;
   va_start(args, format);
-  std::wstring text = Logger::FormatRecord(t, tid, level, format, source, line, args);
+  std::wstring text = Logger::FormatRecord(t, 4242, level, format, source, line, args);
   va_end(args);
   return text;
 }
 
 std::wstring Qx() { return CommonAppData() + L"\\Vantoq\\Quillomatic"; }
-void Config(const std::string& body) {
+void Config(const std::string& body = "") {
   SHCreateDirectoryExW(nullptr, (Qx() + L"\\config").c_str(), nullptr);
-  WriteFileBytes(Qx() + L"\\config\\config.ini", "[config]\r\n" + body);
+  body.empty() ? (void)DeleteFileW((Qx() + L"\\config\\config.ini").c_str())
+               : WriteFileBytes(Qx() + L"\\config\\config.ini", "[config]\r\n" + body);
 }
-void NoConfig() { DeleteFileW((Qx() + L"\\config\\config.ini").c_str()); }
 
 std::wstring Fresh(const wchar_t* name, std::int64_t maxSize = 0x100000) {
   const std::wstring path = TempDir(name) + L"\\" + name + L".log";
@@ -46,15 +45,14 @@ std::wstring Fresh(const wchar_t* name, std::int64_t maxSize = 0x100000) {
 TEST(RecordText, FieldsAndTheSecondFormattingPass) {
   const std::wstring at = L"11-14 09:05:07:042 : ";
   EXPECT_EQ(at + L"[ERR][04242] Bridge.cpp(57) set 1\n",
-            Record(4242, LogError, L"impl\\Bridge.cpp", 57, L"set %d", 1));
+            Record(LogError, L"impl\\Bridge.cpp", 57, L"set %d", 1));
   // Layout first, arguments second: a "%" in the source name takes the first
   // argument, and an argument's "%s" is not formatted again.
   EXPECT_EQ(at + L"[INF][04242] Bridge.cpp(9) v=1%s\n",
-            Record(4242, LogInfo, L"Br%sge.cpp", 9, L"v=%s", L"id", L"1%s"));
+            Record(LogInfo, L"Br%sge.cpp", 9, L"v=%s", L"id", L"1%s"));
 }
 
-// Records in UTF-8, kept when their level is at most the configured one
-// (else 3). %s takes a wide string.
+// Records in UTF-8, kept up to the configured level (else 3); %s takes a wide string.
 TEST(Write, PlainRecordsAndTheLevelFilter) {
   char thread[16];
   std::snprintf(thread, sizeof thread, "][%05lu] ", GetCurrentThreadId());
@@ -62,7 +60,7 @@ TEST(Write, PlainRecordsAndTheLevelFilter) {
                         "[WAR",  "[INF",  "[TRA",  "[DBG"};  // -2 to 5
   const std::regex stamp(R"(\d\d-\d\d \d\d:\d\d:\d\d:\d{3} : )");
   for (const char* setting : {"", "0", "-1", "5"}) {
-    *setting ? Config(std::string("g_vantoq_global_log_level=") + setting + "\r\n") : NoConfig();
+    Config(*setting ? std::string("g_vantoq_global_log_level=") + setting + "\r\n" : "");
     const std::wstring path = Fresh(L"filter");
     for (int level = -2; level <= 6; ++level)
       QX_LOG(level, 1, L"level %d %s\xFF0C", level, L"wide");
@@ -72,12 +70,11 @@ TEST(Write, PlainRecordsAndTheLevelFilter) {
               std::to_string(level) + " wide\xEF\xBC\x8C\n";
     EXPECT_EQ(kept, std::regex_replace(ReadFileBytes(path), stamp, ""));
   }
-  NoConfig();
+  Config();
 }
 
-// --role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER: BEFORE records, ready; on
-// "go" AFTER more; if "last" exists, ready again and on "last" one more. After
-// "go" its waits for the log mutex set "waiting" first.
+// --role writer PATH MAX_SIZE ENCRYPT BEFORE AFTER: BEFORE records, ready; on "go"
+// AFTER more (each wait for the log mutex sets "waiting"); on "last", if made, one more.
 constexpr wchar_t kGo[] = L"qxtest-log-go", kLast[] = L"qxtest-log-last",
                   kWaiting[] = L"qxtest-log-waiting", kReady[] = L"qxtest-log-ready";
 HANDLE g_waiting;
@@ -87,8 +84,7 @@ DWORD WINAPI NoteWait(HANDLE handle, DWORD ms) {
   return g_wait(handle, ms);
 }
 
-// Points this program's import of WaitForSingleObject (the logger's too) at
-// NoteWait.
+// Points this program's (and so the logger's) WaitForSingleObject at NoteWait.
 bool NoteMutexWaits() {
   auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
   const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(
@@ -139,7 +135,7 @@ std::vector<HANDLE> Writers(int n, const std::vector<std::wstring>& args, HANDLE
   return children;
 }
 
-// The records that deleted the file, each written after padding it to `fill`.
+// The records that deleted the file, each after padding it to `fill` bytes.
 std::vector<int> Deletions(const std::wstring& path, int records, std::size_t fill) {
   std::vector<int> deleted;
   for (int i = 0; i < records; ++i) {
@@ -151,21 +147,21 @@ std::vector<int> Deletions(const std::wstring& path, int records, std::size_t fi
 }
 
 TEST(SizeCheck, EveryHundredthRecordAndAtSetup) {
-  NoConfig();
+  Config();
   std::wstring path = Fresh(L"size", 4096);
   const std::vector<int> atLimit = Deletions(path, 200, 4096);
   ASSERT_EQ(2u, atLimit.size());
   EXPECT_EQ(100, atLimit[1] - atLimit[0]);
   EXPECT_TRUE(Deletions(path, 100, 4095).empty());
-  path = TempDir(L"nosize") + L"\\n.log";  // off: checked at set-up only
+  path = TempDir(L"nosize") + L"\\n.log";  // check off: at set-up only
   Log().Setup(nullptr, path.c_str(), 100, 0, 0);
   EXPECT_TRUE(Deletions(path, 150, 200).empty());
   Log().Setup(nullptr, path.c_str(), 100, 0, 0);
   EXPECT_FALSE(FileExists(path));  // deleted, not emptied
 }
 
-// The writer's hundredth record waits for the mutex, held here with the file
-// open until it does, then deletes the file; a check outside the mutex fails.
+// The writer's hundredth record waits for the mutex held here (the file open)
+// and then deletes the file; a check outside the mutex fails on the open file.
 TEST(SizeCheck, WaitsForTheLogMutex) {
   const std::wstring path = TempDir(L"held") + L"\\held.log";
   HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGo),
@@ -196,16 +192,16 @@ TEST(Setup, SizeLimitAndTheMutex) {
   EXPECT_EQ(777, setup(0x100000));
   Config("g_vantoq_global_log_level=3\r\n");  // without the key: cut to 32 bits
   EXPECT_EQ(5, setup(0x100000000LL + 5));
-  NoConfig();
+  Config();
   // The mutex is named after the first file set up, and kept.
   Log().Setup(nullptr, L"another.log", 0x100000, 1, 1);
   EXPECT_EQ(nullptr, OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\VQMLOG_another.log.logdat"));
 }
 
-// Obfuscating deletes the ".normal" sibling; switched off by config, the
-// plain file is written and the ".logdat" left alone.
+// Obfuscating deletes the ".normal" sibling; switched off by config, the plain
+// file is written and the ".logdat" left alone.
 TEST(Setup, EncryptSwitchAndNormalSibling) {
-  NoConfig();
+  Config();
   const std::wstring dir = TempDir(L"switch"), name = dir + L"\\s.log",
                      normal = dir + L"\\s.normal.log";
   WriteFileBytes(normal, "old plain text\n");
@@ -218,7 +214,7 @@ TEST(Setup, EncryptSwitchAndNormalSibling) {
   ASSERT_FALSE(logdat.empty());
   Config("g_vantoq_log_encryped=0\r\n");
   Log().Setup(nullptr, name.c_str(), 0x100000, 1, 1);
-  NoConfig();
+  Config();
   QX_LOG(LogInfo, 2, L"plain");
   EXPECT_EQ(logdat, ReadFileBytes(name + L".logdat"));
   EXPECT_NE(std::string::npos, ReadFileBytes(name).find(") plain\n"));
@@ -235,13 +231,13 @@ int Role(const std::string& role) {
   QX_LOG(LogDebug, 2, L"fallback \x00e9\xFF0C");  // 2 + 3 bytes in UTF-8
   Config("g_vantoq_log_printf=1\r\n");
   Fresh(L"echo");
-  NoConfig();
+  Config();
   QX_LOG(LogInfo, 5, L"echo %s", L"100%% sure");
   return 0;
 }
 
 TEST(FreshProcess, BeforeSetupConsoleEchoAndLinkedFolder) {
-  NoConfig();
+  Config();
   const std::wstring fallback = Qx() + L"\\logs\\logger_test.exe.log.logdat";
   const std::wstring out = TempDir(L"fresh-out") + L"\\stdout.txt";
   DeleteFileW(fallback.c_str());
@@ -263,8 +259,8 @@ TEST(FreshProcess, BeforeSetupConsoleEchoAndLinkedFolder) {
   EXPECT_FALSE(FileExists(L"C:\\qx-reparse\\real\\r.log"));
 }
 
-// Writers of one log while the size check keeps deleting it: what is left is
-// whole records. Sizes from the environment (scripts/log-integrity.sh).
+// Writers of one log while the size check keeps deleting it leave whole records;
+// sizes from the environment (scripts/log-integrity.sh).
 TEST(LogContention, WritersWhileTheSizeCheckDeletesLeaveOnlyWholeRecords) {
   const auto EnvInt = [](const char* name, int fallback) {
     const char* value = std::getenv(name);

@@ -1,6 +1,5 @@
-// The logread tool run from the shell, as a support engineer runs it: the cases
-// of data/cases.txt and the follow scenarios of data/follow.txt, on files made
-// here (the frames from their definition, checked against the logger's encoder).
+// logread run from the shell as a support engineer runs it, on files made here:
+// the cases of data/cases.txt and the follow scenarios of data/follow.txt.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <signal.h>
@@ -31,7 +30,7 @@ std::string Read(const fs::path& path) {
 void Write(const fs::path& path, const std::string& bytes, bool append = false) {
   std::ofstream(path, std::ios::binary | (append ? std::ios::app : std::ios::trunc)) << bytes;
 }
-// A data file's bytes; "F*N": F's bytes N times over.
+// A data file's bytes; "F*N": N times over.
 std::string Data(const std::string& name) {
   const std::size_t star = name.find('*');
   EXPECT_TRUE(fs::is_regular_file(kData / name.substr(0, star))) << "no data file " << name;
@@ -47,7 +46,6 @@ std::string Frame(const std::string& text) {
   for (char c : text) out += static_cast<char>(255 - static_cast<unsigned char>(c));
   return out;
 }
-// The bytes written in hex in `text`.
 std::string Hex(const std::string& text) {
   std::string out;
   std::istringstream words(text);
@@ -64,7 +62,6 @@ std::vector<std::string> Split(const std::string& text, char separator) {
   return parts;
 }
 
-// A fresh folder, removed with the object.
 struct Scratch {
   std::string pattern = (fs::path(testing::TempDir()) / "logread-XXXXXX").string();
   const fs::path path = mkdtemp(pattern.data());
@@ -76,15 +73,13 @@ const bool kWine = std::getenv("QX_LOGREAD") != nullptr;
 const std::string kLogread = kWine ? std::getenv("QX_LOGREAD") : QX_LOGREAD_PATH;
 const std::string kStamp = "touch -d '2026-11-20 12:00' input* 2>/dev/null; ";
 
-// logread with ARGS in `dir` (30 s at most; output in dir/out and dir/err), to
-// its end or in the background until the object goes; `before`: shell commands
-// after the inputs are stamped; `runner`: a command that runs logread.
+// logread ARGS in `dir` (30 s at most, into dir/out and dir/err), to its end or
+// in the background until the object goes; `before` runs after the stamping.
 struct Tool {
   Tool(const fs::path& dir, const std::string& args, bool background = false,
        const std::string& before = "", const std::string& runner = "")
       : dir(dir) {
-    // A tool that allocates what a corrupt length field announces dies here,
-    // not only on a machine short of memory (the sanitizers need more).
+    // What a corrupt length announces dies here, not only on a machine short of memory.
     const std::string limit = QX_SANITIZED || kWine ? "" : "ulimit -v 65536 && ";
     const int status = std::system(("cd '" + dir.string() + "' && { " + limit + kStamp + before +
                                     "exec timeout 30 " + runner + kLogread + " " + args +
@@ -104,7 +99,7 @@ struct Tool {
   int code;
 };
 
-// `row` of the columns of each line of data file `name` but blank and '#' ones.
+// `row` of the '|' columns of each line of data file `name` but blank and '#' ones.
 template <class Row>
 void ForEachRow(const std::string& name, Row row) {
   std::istringstream in(Data(name));
@@ -116,7 +111,8 @@ void ForEachRow(const std::string& name, Row row) {
   }
 }
 
-// The bytes an input of cases.txt stands for ("frames:F+hex:G").
+// Parts joined by '+': frames:F (a frame per line of F, an empty line a line
+// feed of the record before), raw:F, hex:F, bytes:HEX or "empty".
 std::string Input(const std::string& entry) {
   std::string out;
   for (const auto& part : Split(entry, '+')) {
@@ -126,7 +122,7 @@ std::string Input(const std::string& entry) {
     else if (kind != "frames" && part != "empty")
       ADD_FAILURE() << "no such input: " << part;
     std::istringstream lines(kind == "frames" ? Data(arg) : "");
-    std::vector<std::string> records;  // an empty line is a line feed of the record before
+    std::vector<std::string> records;
     for (std::string line; std::getline(lines, line);)
       line.empty() && !records.empty() ? records.back() += "\n" : records.emplace_back(line + "\n");
     for (const auto& record : records) {
@@ -137,55 +133,57 @@ std::string Input(const std::string& entry) {
   return out;
 }
 
+// Files (';' between) are input0.logdat ...: an input, "missing", "stdin=INPUT"
+// (as "-"), "PATH=INPUT" at PATH that only the options name, "PATH=locked" a
+// folder logread may not read; "@STAMP" its modification time. "=input": the input.
 TEST(LogreadCli, CasesOfTheTable) {
   ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
-    ASSERT_EQ(6u, c.size());  // name, files, options, exit, stdout, stderr
+    ASSERT_EQ(5u, c.size());
     Scratch dir;
-    std::string args = c[2], input, before, runner;  // inputs named input0.logdat ...
+    std::string args = c[1], input, before, runner;
     int count = 0;
-    for (std::string file : Split(c[1], ';')) {
+    for (std::string file : Split(c[0], ';')) {
       const std::size_t at = file.find('@'), eq = file.find('=');
-      std::string stamp = at == std::string::npos ? "" : file.substr(at + 1);
-      file = file.substr(0, at);
+      const std::string stamp = at == std::string::npos ? "" : file.substr(at + 1);
+      file.resize(std::min(at, file.size()));
       std::string name = "input" + std::to_string(count++) + ".logdat";
       const bool stdin = file.rfind("stdin=", 0) == 0, placed = !stdin && eq != std::string::npos;
-      if (placed) {  // PATH=INPUT: a file in a folder, named by the options
-        name = file.substr(0, eq);
-        file = file.substr(eq + 1);
-        if (stamp.empty()) stamp = "2026-11-20 12:00";
+      if (placed) {
+        name = file.substr(0, eq), file.erase(0, eq + 1);
         fs::create_directories((dir.path / name).parent_path());
       } else {
         args += (stdin ? " - <" : " ") + name;
       }
-      if (!stamp.empty() && file != "locked") before += "touch -d '" + stamp + "' '" + name + "'; ";
-      if (file == "locked") {  // a folder logread may not read
-        if (kWine) return;     // Wine runs as the prefix's owner: no other user
+      if (file == "locked") {
+        if (kWine) return;  // Wine runs as the prefix's owner: no other user
         fs::create_directories(dir.path / name);
         fs::permissions(dir.path / name, fs::perms::none);
         fs::permissions(dir.path,
                         fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
         if (geteuid() == 0) runner = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
-      } else if (file != "missing") {
-        Write(dir.path / name, input = Input(stdin ? file.substr(6) : file));
+        continue;
       }
+      if (file != "missing") Write(dir.path / name, input = Input(stdin ? file.substr(6) : file));
+      if (placed || !stamp.empty())
+        before +=
+            "touch -d '" + (stamp.empty() ? "2026-11-20 12:00" : stamp) + "' '" + name + "'; ";
     }
     const Tool tool(dir.path, args, false, before, runner);
     const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
-    EXPECT_EQ(std::stoi(c[3]), tool.code) << "stderr: " << err;
-    std::string expected = c[4] == "=input" ? input : "";
-    for (const auto& name : Split(c[4], '+'))
-      expected += c[4] == "-" || c[4] == "=input" ? "" : Data(name);
+    EXPECT_EQ(std::stoi(c[2]), tool.code) << "stderr: " << err;
+    std::string expected = c[3] == "=input" ? input : "";
+    for (const auto& name : Split(c[3], '+'))
+      expected += c[3] == "-" || c[3] == "=input" ? "" : Data(name);
     EXPECT_TRUE(out == expected) << "stdout differs:\n" << out;
-    EXPECT_TRUE(c[5].empty() ? err.empty() : err.find(c[5]) != std::string::npos) << err;
+    EXPECT_TRUE(c[4].empty() ? err.empty() : err.find(c[4]) != std::string::npos) << err;
   });
 }
 
-// On a terminal (a pseudo-terminal of script(1)) --color=auto colours, but not
-// for TERM=dumb.
+// --color=auto on a pseudo-terminal (script(1)) colours, but not for TERM=dumb.
 TEST(LogreadCli, DumbTerminalUncoloured) {
   if (kWine) GTEST_SKIP() << "the Windows console decides there";
   Scratch dir;
-  Write(dir.path / "input0.logdat", Input("frames:records-basic.txt"));
+  Write(dir.path / "input0.logdat", Input("frames:basic.txt"));
   for (const std::string term : {"xterm", "dumb"}) {
     const std::string run = "cd '" + dir.path.string() + "' && env -u NO_COLOR TERM=" + term +
                             " timeout 30 script -qec '" + kLogread +
@@ -248,9 +246,7 @@ TEST(LogreadCli, SummaryOfRecordedSessions) {
           << out;
   });
 }
-
-// The bytes of a step of follow.txt: KIND "frame", "plain" or "hex" of TEXT,
-// "[:N]" after it the first N of them, "[N:]" all but the first N.
+// A step's bytes: KIND "frame", "plain" or "hex" of TEXT; "[:N]" the first N, "[N:]" the rest.
 std::string Bytes(const std::string& kind, const std::string& text) {
   const std::string all = kind[0] == 'f' ? Frame(text) : kind[0] == 'h' ? Hex(text) : text;
   const std::size_t digit = kind.find_first_of("0123456789");
@@ -259,9 +255,8 @@ std::string Bytes(const std::string& kind, const std::string& text) {
   return kind[digit - 1] == ':' ? all.substr(0, n) : all.substr(n);
 }
 
-// Waits (10 s at most) until `name` in the watched folder has been opened and
-// closed for reading after the last close of a writer: logread has read all
-// that was written (it opens the file for each look).
+// Waits (10 s at most) until logread, which opens the file for each look, has
+// opened and closed `name` after a writer's last close: it has read it all.
 bool ReadAgain(int watch, const std::string& name) {
   char buffer[4096];
   for (int state = 0; state < 2;) {  // 1: opened after the last write; 2: and closed
@@ -280,34 +275,37 @@ bool ReadAgain(int watch, const std::string& name) {
   return true;
 }
 
-const char kSteps[] = " scenario start write append remove rename read out err stdout stderr ";
+// Steps of follow.txt ("\n" a line feed): scenario | NAME (a new folder); start |
+// ARGS (logread in the background); write or append | FILE | KIND | TEXT; remove |
+// FILE; rename | FILE | NEW; read | FILE (read again since its last change); out
+// or err | TEXT (waits for it); stdout or stderr | TEXT (all of it, now).
 TEST(LogreadFollow, ScenariosOfTheScript) {
   std::unique_ptr<Scratch> dir;
   std::unique_ptr<Tool> tool;  // declared last, so that it stops before its folder goes
-  int watch = -1;              // the opens and closes in the folder
+  int watch = -1;
   ForEachRow("follow.txt", [&](const std::vector<std::string>& c) {
-    ASSERT_NE(std::string::npos, std::string(kSteps).find(" " + c[0] + " ")) << "no such step";
-    std::string text = c.back();  // after the step: FILE, KIND or NEW, TEXT
+    const std::string& step = c[0];
+    ASSERT_NE(std::string::npos,
+              std::string(" scenario start write append remove rename read out err stdout stderr ")
+                  .find(" " + step + " "));
+    std::string text = c.back();
     for (std::size_t at; (at = text.find("\\n")) != std::string::npos;) text.replace(at, 2, "\n");
-    if (c[0] == "scenario") {
+    if (step == "scenario") {
       tool.reset(), dir = std::make_unique<Scratch>(), close(watch);
       watch = inotify_init1(IN_CLOEXEC);
       inotify_add_watch(watch, dir->path.c_str(), IN_OPEN | IN_CLOSE);
     }
-    if (c[0] == "start") tool = std::make_unique<Tool>(dir->path, text, true);
-    if (c[0] == "write" || c[0] == "append")
-      Write(dir->path / c[1], Bytes(c[2], text), c[0] == "append");
-    if (c[0] == "remove") fs::remove(dir->path / c[1]);
-    if (c[0] == "rename") fs::rename(dir->path / c[1], dir->path / c[2]);
-    if (c[0] == "read") {
-      ASSERT_TRUE(ReadAgain(watch, text)) << "logread did not read it again";
-    }
-    if (c[0] == "out" || c[0] == "err") {
-      ASSERT_FALSE(text.empty()) << "nothing to wait for";
-      ASSERT_TRUE(tool->Holds(c[0], text)) << c[0] << ":\n" << Read(dir->path / c[0]);
-    }
-    if (c[0] == "stdout" || c[0] == "stderr") {
-      EXPECT_EQ(text, Read(dir->path / c[0].substr(3)));
+    if (step == "start") tool = std::make_unique<Tool>(dir->path, text, true);
+    if (step == "write" || step == "append")
+      Write(dir->path / c[1], Bytes(c[2], text), step == "append");
+    if (step == "remove") fs::remove(dir->path / c[1]);
+    if (step == "rename") fs::rename(dir->path / c[1], dir->path / c[2]);
+    ASSERT_TRUE(step != "read" || ReadAgain(watch, text)) << "logread did not read it again";
+    ASSERT_TRUE((step != "out" && step != "err") || (!text.empty() && tool->Holds(step, text)))
+        << step << ":\n"
+        << Read(dir->path / step);
+    if (step == "stdout" || step == "stderr") {
+      EXPECT_EQ(text, Read(dir->path / step.substr(3)));
     }
   });
   tool.reset();

@@ -1,6 +1,5 @@
-// logread's -g matcher against std::regex (ECMAScript) as the reference, on
-// patterns and texts drawn at random from small alphabets, where both agree
-// on the meaning: a wrong match of either kind is reported with its case.
+// logread's -g matcher against std::regex (ECMAScript) on random patterns and
+// texts over small alphabets, where both mean the same.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -10,8 +9,7 @@
 
 namespace {
 
-// Pieces of patterns: every construct the matcher reads, and texts over the
-// characters they name.
+// Every construct the matcher reads, and texts over the characters they name.
 const char* const kAtoms[] = {"a",   "b",   "A",   ".",   "[ab]", "[^a]", "[a-c]", "\\d", "\\w",
                               "\\W", "\\s", "\\b", "\\B", "^",    "$",    "1",     " ",   "\\."};
 const char* const kRepeats[] = {"", "", "", "*", "+", "?", "{2}", "{1,3}", "{0,}", "{2,}"};
@@ -20,8 +18,7 @@ const char kText[] = "aabAB1 .-";
 std::string Pattern(std::mt19937& random, int depth) {
   std::string out;
   for (int n = random() % 4 + 1; n > 0; --n) {
-    // A group is not repeated: the reference backtracks without end on
-    // repeated groups that match the empty text.
+    // No repeated group: the reference backtracks without end on empty matches.
     if (depth < 2 && random() % 5 == 0) {
       out += "(" + Pattern(random, depth + 1) + ")";
     } else {
