@@ -191,6 +191,8 @@ FAULTS = [
      [("tools/logread/logread.cpp", "const bool dates = files.size() > 1 ||", "const bool dates =")]),
     ("logread: a session started by a record dated from its neighbour shown at 00-00 00:00:00.000",
      [("tools/logread/Summary.cpp", "if (!r.fields.has_time) {\n      const CivilParts", "if (false) {\n      const CivilParts")]),
+    ("logread: the category of a start refused with 0x30000020 misnamed (sensor_unreached)",
+     [("tools/logread/SummaryVerdict.cpp", 'Root("off", "sensor_unreachable",', 'Root("off", "sensor_unreached",')]),
 ]
 
 PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")

@@ -226,8 +226,9 @@ void Damage(const fs::path& dir, const std::string& how) {
   Write(sensor, s);
 }
 
-// The summary of sessions the plug-in recorded under Wine (data/sessions,
-// scripts/record-sessions.sh); its JSON is read by external-readers.sh.
+// The summary of two sessions the plug-in recorded under Wine (data/sessions,
+// scripts/record-sessions.sh), damaged; their JSON is read by
+// external-readers.sh.
 TEST(LogreadCli, SummaryOfRecordedSessions) {
   ForEachRow("sessions.txt", [](const std::vector<std::string>& c) {
     ASSERT_EQ(4u, c.size());  // folder, exit, category, texts

@@ -49,6 +49,8 @@ struct Session {
   std::set<DWORD> hostThreads;
   std::map<std::wstring, RegValue> machine;  // HKLM values when the host loaded
   std::vector<std::string> exceptions = {};
+  int summaryExit = -1;
+  std::vector<std::string> summary;  // "category: ..." and the texts
   bool closed = false;
   std::unique_ptr<wire::Peer> peer;
   std::string auth;
@@ -343,6 +345,21 @@ void JudgePeer() {
   for (const std::string& bind : g_s->peer->Get(g_s->peer->binds)) EXPECT_EQ(bind, expected);
 }
 
+void JudgeSummary() {
+  const std::wstring out = TempDir(L"summary") + L"\\report";
+  const HANDLE child = StartProcess(L"\"" + ExeDir() + L"logread.exe\" --summary \"" + PluginLog() +
+                                        L"\" \"" + SensorLog() + L"\"",
+                                    out);
+  ASSERT_TRUE(child) << "logread.exe did not start: " << GetLastError();
+  const int code = WaitChild(child, 60000);
+  const std::string report = ReadFileBytes(out);
+  EXPECT_EQ(code, g_s->summaryExit) << report;
+  for (const std::string& t : g_s->summary)
+    EXPECT_EQ(t[0] == '!', report.find(t.substr(t[0] == '!')) == std::string::npos)
+        << t << " in the summary:\n"
+        << report;
+}
+
 void EndSession() {
   Quiet();
   const std::vector<Rec> recs = ParsedRecords(g_s->start.log);
@@ -355,6 +372,7 @@ void EndSession() {
   if (g_host) RuleMachineUntouched();
   if (g_host) RuleThreadsGone();
   if (g_s->peer) JudgePeer();
+  if (!g_s->summary.empty()) JudgeSummary();
 }
 
 void ResetMachine() {
@@ -431,8 +449,18 @@ void SetService(Service mode, const std::wstring& args) {
   if (FusionSimWaitReady(0)) FusionSimQuit(10000);  // a console simulator
   // A new simulator needs the shared block of the old one gone with its process.
   Until([] { return !FusionSimWaitReady(0); });
-  const bool installed = mode == Service::kStopped || mode == Service::kRunning;
+  const bool installed = mode != Service::kConsole && mode != Service::kAbsent;
   bool ok = installed ? FusionSimInstallService(L"--quiet " + args) : FusionSimUninstallService();
+  if (mode == Service::kBroken) {
+    const SC_HANDLE scm = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT),
+                    svc = OpenServiceW(scm, kFusionSimServiceName, SERVICE_CHANGE_CONFIG);
+    ok = ok && svc &&
+         ChangeServiceConfigW(svc, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                              L"C:\\absent\\fusion-sim.exe", nullptr, nullptr, nullptr, nullptr,
+                              nullptr, nullptr);
+    CloseServiceHandle(svc);
+    CloseServiceHandle(scm);
+  }
   if (mode == Service::kRunning) ok = ok && FusionSimStartService();
   if (mode == Service::kConsole) ok = ok && FusionSimLaunch(args, 15000, nullptr);
   ASSERT_TRUE(ok) << "the simulator could not be set up (mode " << int(mode) << ")";
@@ -615,6 +643,12 @@ void ExpectAnchors(const std::vector<std::string>& actual,
 }
 
 void DeclareExceptions(const std::vector<std::string>& lines) { g_s->exceptions = lines; }
+
+void ExpectSummary(int exit, const std::string& category, std::vector<std::string> texts) {
+  texts.insert(texts.begin(), "category: " + category);
+  g_s->summaryExit = exit;
+  g_s->summary = texts;
+}
 
 }  // namespace qx
 

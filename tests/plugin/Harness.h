@@ -29,7 +29,8 @@ constexpr DWORD kQuietMs = 300;
 bool Until(const std::function<bool()>& condition, DWORD timeoutMs = 10000);
 void Quiet();
 
-enum class Service { kStopped, kRunning, kConsole, kAbsent };
+// kBroken: registered and stopped, its program missing, so it cannot start.
+enum class Service { kStopped, kRunning, kConsole, kAbsent, kBroken };
 void SetService(Service mode, const std::wstring& args = L"");
 void KillService();
 void Config(const wchar_t* name, const wchar_t* value);  // [config] of config.ini
@@ -101,5 +102,9 @@ bool Glob(const std::string& pattern, const std::string& text);
 
 // The sensor library log's exception lines this session must have, in order.
 void DeclareExceptions(const std::vector<std::string>& lines);
+
+// What logread.exe --summary must say of this session's two logs, after the
+// rules: its exit code, "category: CATEGORY" and each text ("!TEXT": not there).
+void ExpectSummary(int exit, const std::string& category, std::vector<std::string> texts = {});
 
 }  // namespace qx

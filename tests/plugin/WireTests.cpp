@@ -129,4 +129,5 @@ QX_TEST(Wire, ShippedBinding, 1) {
               "INF AttentionPlugin.cpp(193) ability: 0"});
   EXPECT_EQ(host.Act("close"), "");
   EXPECT_EQ(Requests(m), std::vector<std::string>{});
+  ExpectSummary(4, "authentication_refused", {"1747 authentication service unknown"});
 }
