@@ -1,19 +1,15 @@
 #!/usr/bin/env python3
-"""Plants known faults one at a time and reports which tests catch each.
-
-A fault is one or more edits (file, old, new) of fragments found once in the
-source, whitespace-tolerant so that reformatting does not lose them. Each is
-planted, the trees rebuilt, their ctest suites run and every failing entry and
-GoogleTest case recorded; the source is put back even when interrupted, and the
-unchanged tree rebuilt at the end. A fault no test catches is a gap.
+"""Plants known faults one at a time and reports which tests catch each: the
+edits made (a fragment found once, whitespace-tolerant), the trees rebuilt,
+their ctest suites run, every failing entry and GoogleTest case listed, the
+source put back (also when interrupted) and the unchanged tree rebuilt.
 
   scripts/plant-faults.py --list          the faults, and any that no longer plant
   scripts/plant-faults.py [--only 3,7] [--trees build/win] [--targets logger_test]
                           [--tests REGEX] [--markdown FILE]
 
-Needs built trees (scripts/build.sh); QX_JOBS sets the build's jobs; the build
-and test output goes to build/plant-faults.log. Exit code: 0 when every fault
-was caught, 1 when one was missed or could not be planted, 2 on a usage error.
+QX_JOBS: the build's jobs; the output goes to build/plant-faults.log. Exit 0
+when every fault was caught, 1 when one was missed or did not plant.
 """
 import argparse
 import os
@@ -198,17 +194,13 @@ PUNCT = set("(){}[],;<>=!+-*/%&|:?\"'.")
 
 def fragment_regex(text):
     """Any whitespace where `text` has some, optional whitespace at punctuation."""
-    out = []
-    for i, c in enumerate(text):
-        if c.isspace():
-            if out[-1:] != [r"\s+"]:
-                out.append(r"\s+")
-            continue
-        out.append(re.escape(c))
-        nxt = text[i + 1] if i + 1 < len(text) else ""
-        if nxt and not nxt.isspace() and (c in PUNCT or nxt in PUNCT):
-            out.append(r"\s*")
-    return re.compile("".join(out))
+    out = ""
+    for c, nxt in zip(text, text[1:] + " "):
+        if not c.isspace():
+            out += re.escape(c) + (r"\s*" if not nxt.isspace() and {c, nxt} & PUNCT else "")
+        elif not out.endswith(r"\s+"):
+            out += r"\s+"
+    return re.compile(out)
 
 
 def planted(edits):
@@ -223,89 +215,76 @@ def planted(edits):
     return texts
 
 
-def write(texts):
-    for rel, text in texts.items():
-        (ROOT / rel).write_text(text)
-
-
-def run(cmd, cwd, log):
-    proc = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          errors="replace")
-    log.write(f"$ {' '.join(cmd)}  (in {cwd})\n{proc.stdout}\n")
-    return proc.returncode, proc.stdout
-
-
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    ap.add_argument("--only", help="comma-separated fault numbers")
-    ap.add_argument("--list", action="store_true", help="list the faults and check that each plants")
-    ap.add_argument("--trees", default="build/win,build/native", help="comma-separated build trees")
-    ap.add_argument("--targets", help="comma-separated build targets (default: all)")
-    ap.add_argument("--tests", help="run only the ctest entries matching this regex")
-    ap.add_argument("--markdown", help="also write the results as a table to this file")
+    ap.add_argument("--list", action="store_true")
+    ap.add_argument("--only", help="fault numbers, such as 1,4")
+    ap.add_argument("--trees", default="build/win,build/native")
+    ap.add_argument("--targets", help="build targets (default: all)")
+    ap.add_argument("--tests", help="ctest entries matching this regex")
+    ap.add_argument("--markdown", help="also write the results as a table")
     args = ap.parse_args()
-
+    results = []
     if args.list:
-        bad = 0
         for n, (what, edits) in enumerate(FAULTS, 1):
             try:
                 planted(edits)
                 print(f"{n:2}. {what}")
             except RuntimeError as e:
-                bad += 1
+                results.append(n)
                 print(f"{n:2}. {what}\n    CANNOT PLANT: {e}")
-        return 1 if bad else 0
+        return 1 if results else 0
     try:
         chosen = [int(x) for x in args.only.split(",")] if args.only else range(1, len(FAULTS) + 1)
         assert all(1 <= n <= len(FAULTS) for n in chosen)
     except (ValueError, AssertionError):
-        ap.error(f"--only takes fault numbers from 1 to {len(FAULTS)}, such as 1,4")
+        ap.error(f"--only takes fault numbers from 1 to {len(FAULTS)}")
     trees = args.trees.split(",")
     for tree in trees:
         if not (ROOT / tree / "CMakeCache.txt").exists():
             ap.error(f"{tree} is not configured; run scripts/build.sh first")
-    build = ["cmake", "--build", "TREE", "-j", os.environ.get("QX_JOBS", str(os.cpu_count() or 1))]
-    build += ["--target", *args.targets.split(",")] if args.targets else []
+    log = open(ROOT / "build" / "plant-faults.log", "w")
+
+    def run(cmd, cwd):
+        proc = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              errors="replace")
+        log.write(f"$ {' '.join(cmd)}  (in {cwd})\n{proc.stdout}\n")
+        return proc.returncode == 0, proc.stdout
+
+    build = ["-j", os.environ.get("QX_JOBS", str(os.cpu_count()))] + (["--target", *args.targets.split(",")] if args.targets else [])
     ctest = ["ctest", "--output-on-failure"] + (["-R", args.tests] if args.tests else [])
-
-    def built(log):
-        return all(run([tree if a == "TREE" else a for a in build], ROOT, log)[0] == 0 for tree in trees)
-
-    results = []
-    with open(ROOT / "build" / "plant-faults.log", "w") as log:
-        for n in chosen:
-            what, edits = FAULTS[n - 1]
-            print(f"[{n}/{len(FAULTS)}] {what}", flush=True)
-            started = time.monotonic()
-            failed = None
-            try:
-                texts = planted(edits)
-            except RuntimeError as e:
-                print(f"    cannot plant: {e}", flush=True)
-                results.append((n, what, None))
-                continue
-            originals = {rel: (ROOT / rel).read_text() for rel in texts}
-            try:
-                write(texts)
-                if built(log):
-                    failed = []
-                    for tree in sorted(trees, reverse=True):
-                        out = run(ctest, ROOT / tree, log)[1]
-                        # ctest's list of failures (a skipped entry, exit 77, is in another list)
-                        listed = out.partition("The following tests FAILED:")[2]
-                        failed += re.findall(r"^\s*\d+ - (\S+) \(", listed, re.M)
-                        failed += sorted(set(re.findall(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", out, re.M)))
-                else:
-                    print("    the build failed with the fault planted (see the log)", flush=True)
-            finally:
-                write(originals)
-            if failed is not None:
-                print(f"    {'caught' if failed else 'MISSED'} in {time.monotonic() - started:.0f} s", flush=True)
-                print("".join(f"      {name}\n" for name in failed), end="", flush=True)
-            results.append((n, what, failed))
-        print("rebuilding the unchanged tree", flush=True)
-        built(log)
-
+    built = lambda: all(run(["cmake", "--build", tree, *build], ROOT)[0] for tree in trees)
+    for n in chosen:
+        what, edits = FAULTS[n - 1]
+        print(f"[{n}/{len(FAULTS)}] {what}", flush=True)
+        started, failed = time.monotonic(), None
+        try:
+            texts = planted(edits)
+        except RuntimeError as e:
+            texts = {}
+            print(f"    cannot plant: {e}", flush=True)
+        originals = {rel: (ROOT / rel).read_text() for rel in texts}
+        try:
+            for rel, text in texts.items():
+                (ROOT / rel).write_text(text)
+            if texts and built():
+                failed = []
+                for tree in sorted(trees, reverse=True):
+                    out = run(ctest, ROOT / tree)[1]
+                    # ctest's list of failures (a skipped entry, exit 77, is in another list)
+                    failed += re.findall(r"^\s*\d+ - (\S+) \(", out.partition("The following tests FAILED:")[2], re.M)
+                    failed += sorted(set(re.findall(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", out, re.M)))
+            elif texts:
+                print("    the build failed with the fault planted (see the log)", flush=True)
+        finally:
+            for rel, text in originals.items():
+                (ROOT / rel).write_text(text)
+        if failed is not None:
+            print(f"    {'caught' if failed else 'MISSED'} in {time.monotonic() - started:.0f} s", flush=True)
+            print("".join(f"      {name}\n" for name in failed), end="", flush=True)
+        results.append((n, what, failed))
+    print("rebuilding the unchanged tree", flush=True)
+    built()
     if args.markdown:
         with open(args.markdown, "w") as md:
             md.write("| # | Fault | Caught by |\n|---|---|---|\n")
