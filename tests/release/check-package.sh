@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # The release archive as an integrator meets it; "ok" or "FAIL" per check.
 #   check-package.sh [--quick] ZIP | --from-build TREE (the archive CPack makes)
-# --quick: its files, documents, licence, debug files and PDBs (no Wine).
-# Otherwise also, under the caller's WINEPREFIX: the version, the header, hosts
-# built against it and run, checksums, signing, and examples/host.c beside the
-# test build with fusion-sim as the service in a fresh prefix ($WINEPREFIX-story,
-# copied from its cached pristine one) up to the look-away report, run beside
-# the other checks.
+# --quick: its files, documents, debug files and PDBs. Otherwise also, under the
+# caller's WINEPREFIX: the version, the header, hosts built and run, checksums,
+# signing, and (beside those) examples/host.c with the test build against
+# fusion-sim as the service in a fresh prefix, $WINEPREFIX-story.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
@@ -46,7 +44,7 @@ mkdir "$pkg" && (cd "$pkg" && cmake -E tar xf "$zip") || { echo "package: cannot
 m=x86_64-w64-mingw32
 cc=($m-gcc-posix -Wall -Wextra -Werror -I"$pkg/include")
 
-# symbols/ is a symbol store: NAME/KEY/NAME for each binary and its PDB.
+# symbols/ is a symbol store: NAME/KEY/NAME.
 bins="QXAttentionPlugin.dll qxhost.exe fusion-sim.exe logread.exe"
 printf '%s\n' CHANGELOG.md LICENSE README.md THIRD-PARTY-NOTICES docs/{integration,log-records,logread}.md \
   examples/host.c include/qx_plugin.h lib/{QXAttentionPlugin.lib,libQXAttentionPlugin.dll.a} \
@@ -88,12 +86,11 @@ if [ $quick -eq 0 ]; then
   trap '"$src/scripts/wine-prefix.sh" stop "$story" >/dev/null 2>&1; rm -rf "$work"' EXIT
 fi
 
-# Each binary: stripped; its debug file has DWARF lines and is named by its
-# .gnu_debuglink (NULs to a multiple of 4 bytes, then its CRC-32 as in gzip's
-# trailer); symbols/ holds its PDB under the CodeView signature and age, and
-# it under its time stamp and image size; llvm-pdbutil reads the PDB's modules,
-# ours with source files, every path under /qx/ (the build machine's folders
-# mapped) or /usr/; through the PDB alone (pdb-lookup.py) its lookups resolve.
+# A binary: stripped, its debug file (DWARF lines) named by .gnu_debuglink
+# (NULs to a multiple of 4 bytes, then its CRC-32 as in gzip's trailer); its
+# PDB under the CodeView signature and age, it under its time stamp and image
+# size; the PDB's modules, ours with files, every path under /qx/ (the build
+# machine's folders mapped) or /usr/; its lookups resolve through the PDB alone.
 binary() (
   f=$pkg/bin/$1 d=$pkg/debug/$1.debug l=$work/$1.link
   h=$($m-objdump -h -t "$f") && ! grep -E '\.debug_|^\[' <<<"$h" && $m-objdump -h "$d" | grep -q ' \.debug_line ' &&
@@ -113,7 +110,7 @@ binary() (
       sed -nE 's/^ *- (\((MD5|None): [0-9A-F]*\) )?(.*)$/\3/p' <<<"$dump"; } | grep -vE '^/(qx|usr)/' &&
     python3 "$here/pdb-lookup.py" "$pkg" "$src" "$@"
 )
-check "bin/QXAttentionPlugin.dll: debug file, PDB; PluginAction, the file-local StartSensorThread and GetSensorDataSize inlined into GetSensorData resolve" \
+check "bin/QXAttentionPlugin.dll: debug file, PDB; PluginAction, file-local StartSensorThread, inlined GetSensorDataSize" \
   binary QXAttentionPlugin.dll PluginAction StartSensorThread:local GetSensorDataSize:in:GetSensorData
 check "bin/fusion-sim.exe: debug file, PDB; wmain resolves" binary fusion-sim.exe wmain@tools/fusion-sim
 for f in qxhost logread; do check "bin/$f.exe: debug file, PDB; main resolves" binary $f.exe main@tools/$f; done
@@ -124,9 +121,7 @@ ran() {
   WINEPATH="Z:${pkg//\//\\}\\bin" timeout 120 wine "${@:2}"
   [ $? -eq "$1" ]
 }
-# The README's version line, the zip's name and CHANGELOG.md's newest section
-# agree (a development build: that number or a newer one, "-dev+" and its
-# commit); each tool's --version says the same version and commit.
+# A development build: CHANGELOG.md's newest number or a newer one, "-dev+" and its commit.
 tools_version() {
   read -r version commit < <(sed -n 's/^Version \(.*\), built from commit \([0-9a-f]\{40\}\)\.$/\1 \2/p' "$pkg/README.md")
   newest=$(sed -n 's/^## \[\([0-9][0-9.]*\)\] - .*/\1/p' "$pkg/CHANGELOG.md" | head -1)
@@ -143,27 +138,24 @@ tools_version() {
 }
 check "the tools' --version, README.md, the archive's name and CHANGELOG.md agree" tools_version
 
-# The header alone, pedantic; tests/release/host.c against it: gcc with lib/'s
-# GNU import library, and clang for the MSVC target (no C runtime) with
-# lld-link and QXAttentionPlugin.lib, whose build also sees the GCC exception.
 header() {
   for std in c:c89 c:c99 c:c11 c++:c++98 c++:c++11; do
     "${cc[@]}" -x "${std%%:*}" -std="${std#*:}" -pedantic-errors -fsyntax-only "$pkg/include/qx_plugin.h" || return 1
   done
 }
 check "qx_plugin.h compiles as C89, C99, C11, C++98 and C++11, pedantic" header
-check "C89 host (gcc, lib/libQXAttentionPlugin.dll.a) finds bin/ on PATH; status 3 refused" eval \
+check "C89 host (gcc, libQXAttentionPlugin.dll.a) finds bin/ on PATH; status 3 refused" eval \
   '"${cc[@]}" -std=c89 -pedantic-errors "$here/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/gnu.exe" && ran 0 "$work/gnu.exe"'
-check "MSVC-style host (clang, lld-link, lib/QXAttentionPlugin.lib): status 3 refused; the GCC exception reaches its filter" eval \
+check "MSVC-style host (clang, lld-link, QXAttentionPlugin.lib): status 3 refused; the GCC exception in its filter" eval \
   'clang --target=x86_64-pc-windows-msvc -ffreestanding -fms-extensions -std=c89 -O2 -Wall -Wextra -Werror \
      -I"$pkg/include" -c "$here/host.c" -o "$work/msvc.obj" && lld-link -nologo -nodefaultlib -entry:mainCRTStartup \
      -subsystem:console -out:"$work/msvc.exe" "$work/msvc.obj" "$pkg/lib/QXAttentionPlugin.lib" \
      /usr/$m/lib/libkernel32.a /usr/$m/lib/libntdll.a && ran 3 "$work/msvc.exe"'
-check "examples/host.c builds against lib/QXAttentionPlugin.lib (clang, lld)" \
+check "examples/host.c builds against QXAttentionPlugin.lib (clang, lld)" \
   clang --target=$m -fuse-ld=lld -std=c99 -Wall -Wextra -Werror -I"$pkg/include" "$pkg/examples/host.c" \
   "$pkg/lib/QXAttentionPlugin.lib" -o "$work/example-lld.exe" -L"$(dirname "$($m-gcc-posix -print-libgcc-file-name)")"
 
-# The checksums, signed with a throwaway OpenPGP key; the signature fails once the list changed.
+# The checksums' signature by a throwaway OpenPGP key.
 sums() (
   export GNUPGHOME=$work/gnupg && mkdir -m 700 "$GNUPGHOME" && mkdir "$work/dist" && cp "$zip" "$work/dist/" || exit 1
   trap 'gpgconf --kill all' EXIT  # the agent this key started
@@ -175,10 +167,8 @@ sums() (
   echo "0000  extra" >>"$work/dist/SHA256SUMS"
   ! gpg --verify "$work/dist/SHA256SUMS.asc" "$work/dist/SHA256SUMS" 2>/dev/null
 )
-check "SHA256SUMS and the inner list pass sha256sum -c; the signature verifies, and fails once changed" sums
+check "SHA256SUMS and the inner list pass sha256sum -c; their signature verifies, not once changed" sums
 
-# A throwaway self-signed certificate; verify-dll.sh tells the signed DLL from
-# the archive's build, and refuses it once changed.
 sign() (
   mkdir "$work/sign" && cd "$work/sign" && cp "$pkg/bin/QXAttentionPlugin.dll" . &&
     openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj '/CN=QX throwaway' \
@@ -190,7 +180,7 @@ sign() (
   printf 'X' | dd of=QXAttentionPlugin.dll bs=1 seek=4096 conv=notrunc status=none
   ! "$src/scripts/verify-dll.sh" QXAttentionPlugin.dll "$pkg/bin/QXAttentionPlugin.dll"
 )
-check "scripts/sign.sh signs the DLL; osslsigncode verifies it; verify-dll.sh finds it the archive's build, and not once changed" sign
+check "sign.sh signs the DLL (throwaway certificate); verify-dll.sh finds it the archive's build, not once changed" sign
 story() { wait "$story_pid"; local s=$?; cat "$work/story.log"; return $s; }
 check "examples/host.c + test build + fusion-sim service: the look-away report arrives" story
 done_checks

@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
-"""pdb-lookup.py PKG SRC BINARY LOOKUP...: an address of a shipped binary,
-resolved through its PDB in the archive's symbol store alone (llvm-symbolizer),
-must give the function, its file as it sits under /qx/src and a line of its
-body: its definition in SRC, from the line that starts in column 0 and names
-the function followed by "(" to the next line that is "}" (NAME@DIR looks in
-SRC/DIR only). The addresses come from the DWARF file, debug/BINARY.debug.
-  NAME[@DIR]             an address inside NAME's own code
+"""pdb-lookup.py PKG SRC BINARY LOOKUP...: an address (from debug/BINARY.debug)
+resolved through the archive's symbol store alone (llvm-symbolizer) must give
+the function, its file under /qx/src and a line of its body in SRC: from the
+line that starts in column 0 and names it followed by "(" to the next "}".
+  NAME[@DIR]             inside NAME's own code (defined in SRC/DIR)
   NAME:local             the same, NAME file-local
   NAME:in:CALLER[@DIR]   where NAME is inlined into CALLER: both frames, NAME innermost
 """
@@ -28,7 +26,6 @@ def run(*cmd, cwd=None, data=None):
 
 
 def body(src, function):
-    """(path relative to SRC, first line, last line) of FUNCTION's definition."""
     function, _, folder = function.partition("@")
     start = re.compile(r"^[A-Za-z_].*\b%s\(" % re.escape(function))
     found = []
@@ -42,7 +39,6 @@ def body(src, function):
 
 
 def dies(debug, function):
-    """[(tag, text)] of the DWARF entries named FUNCTION (inlined copies too)."""
     out = run("llvm-dwarfdump", "--name=" + function, debug)
     return re.findall(r"^0x[0-9a-f]+: +(DW_TAG_\w+)(.*?)(?=^0x[0-9a-f]+: |\Z)", out, re.M | re.S)
 
