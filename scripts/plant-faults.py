@@ -114,6 +114,7 @@ FAULTS = [
      [("tools/logread/logread.cpp", "const bool dates = files.size() > 1 ||", "const bool dates =")]),
     ("logread: a session started by a record dated from its neighbour shown at 00-00 00:00:00.000",
      [("tools/logread/Summary.cpp", "if (!r.fields.has_time) {\n      const CivilParts", "if (false) {\n      const CivilParts")]),
+    ('qxhost: "init" after "close" not starting the lifecycle over', "tools/qxhost/Lifecycle.cpp", 'if (name == "init") state_', 'if (name == "init" && state_ != State::Closed) state_'),
 ]
 
 FAULTS = [(f[0], f[1] if len(f) == 2 else [f[1:]]) for f in FAULTS]
