@@ -4,7 +4,8 @@
 # --quick: its files, documents, debug files and PDBs. Otherwise also, under the
 # caller's WINEPREFIX: the version, the header, hosts built and run, checksums,
 # signing, and (beside those) examples/host.c with the test build against
-# fusion-sim as the service in a fresh prefix, $WINEPREFIX-story.
+# fusion-sim as the service in a fresh prefix, $WINEPREFIX-story (and
+# $WINEPREFIX-story.pristine, kept for the next run).
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
