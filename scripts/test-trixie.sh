@@ -62,6 +62,9 @@ for d in proc sys dev dev/pts dev/shm; do bind "/$d" "$root/$d"; done
 cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
 bind "$checkout" "$root$checkout"
 bind "$build" "$root$checkout/build"
+# A git worktree's repository lies outside it: read-only at its own path, for the build's commit id.
+common=$(git -C "$checkout" rev-parse --path-format=absolute --git-common-dir 2>/dev/null || true)
+case "$common" in "" | "$checkout"/*) ;; *) bind "$common" "$root$common" && mount -o remount,bind,ro "$root$common" ;; esac
 
 in_root() {
   chroot "$root" /usr/bin/env -i HOME=/root TERM="${TERM:-dumb}" LANG=C.UTF-8 \
