@@ -1,10 +1,8 @@
-# Windows tests under Wine, one prefix per run: the fixture "wine" makes it
-# anew (wine_prefix) and ends its wineserver (wine_prefix_stop).
+# Windows tests under Wine in one prefix per run, made anew and ended by the fixture "wine".
 set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wine/prefix CACHE PATH "Wine prefix of the test run")
 # UTF-8: Wine maps file names to Unix ones through the locale.
 set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=;LC_ALL=C.UTF-8")
 
-# GoogleTest from Debian's sources, built with the cross compiler.
 if(BUILD_TESTING AND EXISTS /usr/src/googletest/CMakeLists.txt)
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
@@ -26,9 +24,8 @@ if(BUILD_TESTING)
   set_tests_properties(wine_ntlm_helper PROPERTIES FIXTURES_SETUP wine TIMEOUT 30)
 endif()
 
-# qx_add_wine_test(NAME target [args...]): judged by GoogleTest's summary (a
-# crash under Wine may exit 0): at least one test passed, no failure, no
-# unhandled exception.
+# qx_add_wine_test(NAME target [args...]): judged by GoogleTest's summary, as a
+# crash under Wine may exit 0: a test passed, none failed, no unhandled exception.
 function(qx_add_wine_test name target)
   add_test(NAME ${name} COMMAND ${target} ${ARGN})
   set_tests_properties(${name} PROPERTIES

@@ -12,8 +12,7 @@ prefix=$build/wine/log-integrity
 trap '"$here/wine-prefix.sh" stop "$prefix"' EXIT
 export WINEPREFIX=$prefix WINEDEBUG=-all
 export QX_LOG_WRITERS=${2:-4} QX_LOG_RECORDS=${3:-10000} QX_LOG_MAX_SIZE=${4:-65536}
-start=$(date +%s.%N)
+start=$(date +%s)
 timeout 1200 wine "$build/bin/logger_test.exe" --gtest_filter=LogContention.* | tee "$prefix.out"
-end=$(date +%s.%N)
+echo "wall time: $(($(date +%s) - start)) s"
 grep -q '^\[  PASSED  \] [1-9]' "$prefix.out" || { echo "log-integrity: no test ran" >&2; exit 1; }
-awk -v s="$start" -v e="$end" 'BEGIN { printf "wall time: %.1f s\n", e - s }'

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Runs the Windows test suite several times in a row (default 3) while
-# stress-ng keeps both cores busy (--cpu 2): the tests' waits must hold under
-# load. Needs a built tree (scripts/build.sh); arguments after RUNS go to ctest.
+# The Windows suite RUNS times in a row (default 3) beside stress-ng --cpu 2:
+# the tests' waits must hold under load. Needs build/win (scripts/build.sh).
 #   scripts/stress-test.sh [RUNS] [ctest arguments...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -9,8 +8,7 @@ runs=${1:-3}
 [ $# -gt 0 ] && shift
 command -v stress-ng >/dev/null || { echo "stress-test: stress-ng is missing (scripts/install-deps.sh)" >&2; exit 2; }
 stress-ng --cpu 2 --timeout 0 --quiet &
-stress=$!
-trap 'kill "$stress" 2>/dev/null; wait "$stress" 2>/dev/null || true' EXIT
+trap "kill $! 2>/dev/null; wait $! 2>/dev/null || true" EXIT
 for i in $(seq "$runs"); do
   echo "== run $i of $runs beside stress-ng --cpu 2"
   start=$(date +%s)

@@ -13,15 +13,12 @@ checkout=$(cd "$(dirname "$0")/.." && pwd -P)
 root=${QX_TRIXIE_ROOT:-/var/tmp/qx-trixie}
 mirror=${QX_TRIXIE_MIRROR:-http://deb.debian.org/debian}
 
-usage() { sed -n '3,6p' "$0" | sed 's/^# //' >&2; exit 2; }
-all_args=("$@")
-mode=ctest
-run_cmd=""
+all_args=("$@") mode=ctest run_cmd=""
 case "${1:-}" in
   --all) mode=all; shift ;;
   --run) mode=run; run_cmd=${2:?--run needs a command}; shift 2 ;;
   --shell) mode=shell; shift ;;
-  -h|--help) usage ;;
+  -h|--help) sed -n '3,6s/^# //p' "$0" >&2; exit 2 ;;
 esac
 
 die() { echo "test-trixie: $*" >&2; exit 1; }
@@ -41,7 +38,6 @@ if [ ! -x "$root/bin/bash" ]; then
 fi
 [ "$( . "$root/etc/os-release"; echo "${VERSION_CODENAME:-}")" = trixie ] || die "$root is not a Debian 13 (trixie) root"
 
-inner=$root$checkout
 build=$checkout/build/trixie
 mkdir -p "$build"
 exec 8>"$build.lock"
@@ -50,12 +46,10 @@ mounts=()
 cleanup() {
   local i p
   # Wine servers of the run's prefixes, ended through their prefixes.
-  if [ -x "$root/usr/bin/wineserver" ]; then
-    while read -r p; do
-      chroot "$root" /usr/bin/env -i WINEPREFIX="$checkout/build${p#"$build"}" \
-        PATH=/usr/bin:/bin wineserver -k >/dev/null 2>&1 8>&- 9>&- || true
-    done < <(find "$build" -maxdepth 4 -name system.reg -printf '%h\n' 2>/dev/null)
-  fi
+  [ -x "$root/usr/bin/wineserver" ] && while read -r p; do
+    chroot "$root" /usr/bin/env -i WINEPREFIX="$checkout/build${p#"$build"}" \
+      PATH=/usr/bin:/bin wineserver -k >/dev/null 2>&1 8>&- 9>&- || true
+  done < <(find "$build" -maxdepth 4 -name system.reg -printf '%h\n' 2>/dev/null)
   for ((i = ${#mounts[@]} - 1; i >= 0; i--)); do
     umount "${mounts[i]}" 2>/dev/null || umount -l "${mounts[i]}" 2>/dev/null \
       || echo "test-trixie: could not unmount ${mounts[i]}" >&2
@@ -63,15 +57,14 @@ cleanup() {
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
-bind() {
-  mkdir -p "$2"
-  mount --bind "$1" "$2"
-  mounts+=("$2")
-}
+bind() { mkdir -p "$2" && mount --bind "$1" "$2" && mounts+=("$2"); }
 for d in proc sys dev dev/pts dev/shm; do bind "/$d" "$root/$d"; done
 cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
-bind "$checkout" "$inner"
-bind "$build" "$inner/build"
+bind "$checkout" "$root$checkout"
+bind "$build" "$root$checkout/build"
+# A git worktree's repository lies outside it: read-only at its own path, for the build's commit id.
+common=$(git -C "$checkout" rev-parse --path-format=absolute --git-common-dir 2>/dev/null || true)
+case "$common" in "" | "$checkout"/*) ;; *) bind "$common" "$root$common" && mount -o remount,bind,ro "$root$common" ;; esac
 
 in_root() {
   chroot "$root" /usr/bin/env -i HOME=/root TERM="${TERM:-dumb}" LANG=C.UTF-8 \
@@ -83,17 +76,13 @@ in_root scripts/install-deps.sh
 flock -u 9
 echo "test-trixie: $(in_root 'wine --version 2>/dev/null') in $root; build trees in $build"
 
-status=0
 case "$mode" in
-  ctest)
-    args=""
-    for a in "$@"; do args+=" $(printf '%q' "$a")"; done
-    in_root "scripts/build.sh && cd build/win && ctest --output-on-failure$args" || status=$?
-    ;;
-  all) in_root scripts/test.sh || status=$? ;;
-  run) in_root "$run_cmd" || status=$? ;;
-  shell) in_root 'exec bash -i' || status=$? ;;
+  ctest) run_cmd="scripts/build.sh && cd build/win && ctest --output-on-failure${*:+$(printf ' %q' "$@")}" ;;
+  all) run_cmd=scripts/test.sh ;;
+  shell) run_cmd='exec bash -i' ;;
 esac
+status=0
+in_root "$run_cmd" || status=$?
 owner=$(stat -c %u:%g "$checkout")
 [ "$owner" = 0:0 ] || chown -R "$owner" "$build"
 exit $status

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# The test command: installs what it needs, builds both trees, checks the
-# sources' format (.clang-format), runs the native tests, a short fuzz run of
-# each fuzz target (clang, sanitizers), then the Windows tests through Wine
-# (one fresh Wine prefix per run).
+# The test command: builds both trees (installing what they need), checks the
+# format, runs the native tests, a short fuzz run of each target, then the
+# Windows tests under Wine.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/build.sh || exit 1

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the logread package and decodes a sample log with it (as root):
-#   check-deb.sh dist/qx-logread_<version>_amd64.deb
-#   check-deb.sh --from-build build/native   (ctest release_deb: made with
-#     CPack, removed afterwards; skipped, exit 77, where it cannot run)
+#   check-deb.sh dist/qx-logread_<version>_amd64.deb | --from-build build/native
+# --from-build (ctest release_deb): made with CPack, removed afterwards; exit 77
+# where it cannot run.
 set -euo pipefail
 usage="usage: check-deb.sh PACKAGE.deb | --from-build NATIVE_BUILD_DIR"
 work=$(mktemp -d)
@@ -29,8 +29,7 @@ apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=120 "$deb" 
   || { cat "$work/apt.log"; fail "the package did not install"; }
 echo "check-deb: installed $(dpkg-query -W -f='${Package} ${Version} (${Depends})' qx-logread)"
 
-# Frames by hand (perl-base is everywhere): 4-byte little-endian length,
-# then each byte as 255 - b.
+# Frames by hand (perl-base is everywhere): 4-byte little-endian length, each byte as 255 - b.
 cat > "$work/records.txt" <<'TXT'
 11-22 14:05:07:042 : [INF][04242] AttentionPlugin.cpp(170)  attention plugin init... 
 11-22 14:05:07:051 : [WAR][00017] AttentionFuntion.cpp(212) Grüße, 注意
@@ -38,9 +37,7 @@ TXT
 perl -ne 'print pack("V", length($_)), ~$_' "$work/records.txt" > "$work/sample.logdat"
 logread "$work/sample.logdat" > "$work/decoded.txt"
 diff "$work/records.txt" "$work/decoded.txt" || fail "decoded text differs"
-for f in /usr/share/qx-logread/lnav/qx_attention_log.json /usr/share/qx-logread/lnav/qx_sensorlib_log.json \
-         /usr/share/doc/qx-logread/logread.md /usr/share/doc/qx-logread/log-records.md \
-         /usr/share/doc/qx-logread/copyright; do
+for f in /usr/share/qx-logread/lnav/qx_{attention,sensorlib}_log.json /usr/share/doc/qx-logread/{logread.md,log-records.md,copyright}; do
   [ -s "$f" ] || fail "$f is not installed"
 done
 echo "check-deb: all checks passed"

@@ -1,12 +1,7 @@
-/*
- * A host against include/qx_plugin.h alone (no Windows headers, no C
- * runtime), linked by check-package.sh through lib/'s GNU import library
- * (gcc) and through QXAttentionPlugin.lib (clang for the MSVC target).
- * It calls the four exports and prints the answer to status 3. Exit code:
- * 0 passed, 1 init failed, 2 status 3 not refused with error_code 1. The
- * MSVC build then sends a string status: 3 when the GCC exception reached
- * its filter as 0x20474343, 4 when none left qx_plugin_action.
- */
+/* A host against qx_plugin.h alone, no C runtime (check-package.sh). Exit:
+ * 0 passed, 1 init failed, 2 status 3 not refused with error_code 1; the MSVC
+ * build then sends a string status: 3 when the GCC exception reached its
+ * filter, 4 when none left qx_plugin_action. */
 #include "qx_plugin.h"
 
 __declspec(dllimport) void *__stdcall GetStdHandle(unsigned long which);
@@ -37,7 +32,7 @@ static int run(void) {
 
 #ifdef _MSC_VER
 static int filter(unsigned long code) {
-  if (code == 0x20474343ul) ExitProcess(3); /* what libgcc raises for a C++ throw */
+  if (code == 0x20474343ul) ExitProcess(3); /* libgcc's code for a C++ throw */
   return 0;                                 /* EXCEPTION_CONTINUE_SEARCH */
 }
 

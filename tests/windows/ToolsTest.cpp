@@ -25,7 +25,7 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
   return parts;
 }
 
-// Starts a tool of this folder, its output to out.txt and err.txt in `dir`.
+// A tool of this folder, its output to out.txt and err.txt in `dir`.
 HANDLE Start(const std::wstring& dir, const std::string& tool, const std::wstring& arguments) {
   return StartProcess(L"\"" + ExeDir() + Widen(tool) + L".exe\" " + arguments, dir + L"\\out.txt",
                       dir + L"\\err.txt");
@@ -45,8 +45,7 @@ TEST(ToolCli, ExitCodesAndOutput) {
     for (int stream : {3, 4}) {
       const std::string output = ReadFileBytes(dir + (stream == 3 ? L"\\out.txt" : L"\\err.txt"));
       for (const std::string& part : Split(c[stream], "&&"))
-        EXPECT_TRUE(part.empty() ||
-                    (part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos))
+        EXPECT_TRUE(part == "(nothing)" ? output.empty() : output.find(part) != std::string::npos)
             << part << " in:\n"
             << output;
     }
@@ -59,9 +58,9 @@ bool Until(const std::function<bool()>& done) {
   return false;
 }
 
-// logread -f opens with delete sharing and holds no handle between polls:
-// the logger's delete succeeds, the name comes free (after a read it fell
-// in), the new file is read from its start. The name is wide.
+// logread -f opens with delete sharing and holds no handle between polls: the
+// logger's delete succeeds, the name comes free, the new file is read from its
+// start. The name is wide.
 TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
   const std::wstring dir = TempDir(L"logread-follow"), log = dir + L"\\Протокол ü.log.logdat";
   const std::string first = "11-14 09:05:07:042 : [INF][04242] B.cpp(5) a\n",
@@ -79,7 +78,6 @@ TEST(LogreadWindows, FollowLetsTheLoggerDeleteAndRecreateTheFile) {
     ASSERT_TRUE(Until([&] { return !FileExists(log); })) << round;
     if (round < 10) WriteFileBytes(log, logframe::EncodeFrame(first));
   }
-  // The new file once logread's last note says the name is gone.
   const std::string note = "file was deleted; waiting for a new one";
   ASSERT_TRUE(Until([&] {
     const std::string err = out(L"\\err.txt");
