@@ -1,4 +1,8 @@
 # Windows tests under Wine in one prefix per run, made anew and ended by the fixture "wine".
+# Run with ctest -j: the entries that use the prefix's machine state (the sensor
+# fusion service, the plug-in's logs folder) hold RESOURCE_LOCK qx_machine, those
+# that write or rely on config.ini's log settings qx_config, one at a time; the
+# others (own files, own named objects, own prefixes) run beside them.
 set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wine/prefix CACHE PATH "Wine prefix of the test run")
 # UTF-8: Wine maps file names to Unix ones through the locale.
 set(QX_WINE_ENV "WINEPREFIX=${QX_WINEPREFIX};WINEDEBUG=-all;WINEARCH=win64;WINEDLLOVERRIDES=mscoree,mshtml=;LC_ALL=C.UTF-8")

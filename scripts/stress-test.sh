@@ -12,7 +12,7 @@ trap "kill $! 2>/dev/null; wait $! 2>/dev/null || true" EXIT
 for i in $(seq "$runs"); do
   echo "== run $i of $runs beside stress-ng --cpu 2"
   start=$(date +%s)
-  (cd build/win && ctest --output-on-failure "$@") || { echo "stress-test: run $i FAILED"; exit 1; }
+  (cd build/win && ctest -j2 --output-on-failure "$@") || { echo "stress-test: run $i FAILED"; exit 1; }
   echo "== run $i passed in $(($(date +%s) - start)) s"
 done
 echo "stress-test: $runs runs in a row passed beside stress-ng --cpu 2"

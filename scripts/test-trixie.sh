@@ -77,7 +77,7 @@ flock -u 9
 echo "test-trixie: $(in_root 'wine --version 2>/dev/null') in $root; build trees in $build"
 
 case "$mode" in
-  ctest) run_cmd="scripts/build.sh && cd build/win && ctest --output-on-failure${*:+$(printf ' %q' "$@")}" ;;
+  ctest) run_cmd="scripts/build.sh && cd build/win && ctest -j2 --output-on-failure${*:+$(printf ' %q' "$@")}" ;;
   all) run_cmd=scripts/test.sh ;;
   shell) run_cmd='exec bash -i' ;;
 esac

@@ -16,5 +16,5 @@ CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWit
   && cmake --build build/fuzz -j "${QX_JOBS:-$(nproc)}" --target qx_fuzz \
   && (cd build/fuzz && ctest -L fuzz --output-on-failure) || status=1
 echo "== Windows tests under Wine"
-(cd build/win && ctest --output-on-failure) || status=1
+(cd build/win && ctest -j2 --output-on-failure) || status=1
 exit $status

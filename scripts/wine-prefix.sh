@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Manages the Wine prefix of one test run or tool run.
-#   wine-prefix.sh create PREFIX   make PREFIX anew (from a cached pristine copy
-#                                  beside it when there is one) and start its
+#   wine-prefix.sh create PREFIX [PRISTINE]
+#                                  make PREFIX anew (from a cached pristine copy,
+#                                  PRISTINE or PREFIX.pristine, made when there is
+#                                  none) and start its
 #                                  wineserver in persistent mode, so that the
 #                                  many short Wine processes of a run do not pay
 #                                  the server start-up each time
@@ -13,7 +15,7 @@ cmd=${1:?usage: wine-prefix.sh create|stop PREFIX}
 prefix=${2:?usage: wine-prefix.sh create|stop PREFIX}
 case "$prefix" in /*) ;; *) prefix=$(pwd)/$prefix ;; esac
 export WINEPREFIX=$prefix WINEDEBUG=-all WINEARCH=win64
-pristine=$prefix.pristine
+pristine=${3:-$prefix.pristine}
 
 case "$cmd" in
   create)

@@ -2,10 +2,13 @@
 # The release archive as an integrator meets it; "ok" or "FAIL" per check.
 #   check-package.sh [--quick] ZIP | --from-build TREE (the archive CPack makes)
 # --quick: its files, documents, debug files and PDBs. Otherwise also, under the
-# caller's WINEPREFIX: the version, the header, hosts built and run, checksums,
-# signing, and (beside those) examples/host.c with the test build against
-# fusion-sim as the service in a fresh prefix, $WINEPREFIX-story (and
-# $WINEPREFIX-story.pristine, kept for the next run).
+# caller's WINEPREFIX: the version, the header, checksums, signing; hosts built
+# and run in a fresh prefix, $WINEPREFIX-hosts, and (beside the other checks)
+# examples/host.c with the test build against fusion-sim as the service in
+# another, $WINEPREFIX-story. The hosts' "init" runs net.exe against the service
+# and writes the plug-in's log: in prefixes of their own, other Windows tests
+# may run in the caller's meanwhile. Both are copied from $WINEPREFIX.pristine
+# when there is one (a ctest run's), else from a pristine copy kept beside them.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
@@ -63,14 +66,17 @@ if [ $quick -eq 0 ]; then
   export WINEDEBUG=${WINEDEBUG:--all}
   check "examples/host.c builds against lib/libQXAttentionPlugin.dll.a (gcc, C99)" \
     "${cc[@]}" -std=c99 -pedantic-errors "$pkg/examples/host.c" -L"$pkg/lib" -lQXAttentionPlugin -o "$work/example.exe"
-  story=$WINEPREFIX-story
+  story=$WINEPREFIX-story hosts=$WINEPREFIX-hosts
+  pristine=$WINEPREFIX.pristine && [ -f "$pristine/system.reg" ] || pristine=""
+  "$src/scripts/wine-prefix.sh" create "$hosts" $pristine >"$work/hosts.log" 2>&1 &
+  hosts_pid=$!
   # The simulated user looks away once the example says attention is on.
   (
     export WINEPREFIX=$story WINEPATH=
     trap '"$src/scripts/wine-prefix.sh" stop "$WINEPREFIX" >/dev/null 2>&1' EXIT
     run=$work/story && mkdir -p "$run" && cp "$work/example.exe" "$run/host.exe" &&
       cp "$pkg/test/QXAttentionPlugin-TEST-noauth.dll" "$run/QXAttentionPlugin.dll" &&
-      "$src/scripts/wine-prefix.sh" create "$WINEPREFIX" >/dev/null &&
+      "$src/scripts/wine-prefix.sh" create "$WINEPREFIX" $pristine >/dev/null &&
       timeout 60 wine "$pkg/bin/fusion-sim.exe" install --quiet </dev/null || exit 1
     (cd "$run" && timeout 240 wine host.exe 120 </dev/null >out.txt 2>&1; echo $? >rc.txt) &
     for _ in $(seq 900); do  # up to 180 s for attention to be on
@@ -84,7 +90,7 @@ if [ $quick -eq 0 ]; then
     [ "$(cat "$run/rc.txt")" = 0 ] && grep -q "the user looked away" "$run/out.txt"
   ) >"$work/story.log" 2>&1 &
   story_pid=$!
-  trap '"$src/scripts/wine-prefix.sh" stop "$story" >/dev/null 2>&1; rm -rf "$work"' EXIT
+  trap 'for p in "$story" "$hosts"; do "$src/scripts/wine-prefix.sh" stop "$p" >/dev/null 2>&1; done; rm -rf "$work"' EXIT
 fi
 
 # A binary: stripped, its debug file (DWARF lines) named by .gnu_debuglink
@@ -117,9 +123,11 @@ check "bin/fusion-sim.exe: debug file, PDB; wmain resolves" binary fusion-sim.ex
 for f in qxhost logread; do check "bin/$f.exe: debug file, PDB; main resolves" binary $f.exe main@tools/$f; done
 [ $quick -eq 1 ] && done_checks
 
-# ran CODE COMMAND...: under Wine with bin/ on WINEPATH, COMMAND ends with CODE.
+# ran CODE COMMAND...: under Wine in the hosts' prefix with bin/ on WINEPATH,
+# COMMAND ends with CODE.
 ran() {
-  WINEPATH="Z:${pkg//\//\\}\\bin" timeout 120 wine "${@:2}"
+  wait "$hosts_pid" 2>/dev/null || [ -f "$hosts/system.reg" ] || { cat "$work/hosts.log"; return 1; }
+  WINEPREFIX=$hosts WINEPATH="Z:${pkg//\//\\}\\bin" timeout 120 wine "${@:2}"
   [ $? -eq "$1" ]
 }
 # A development build: CHANGELOG.md's newest number or a newer one, "-dev+" and its commit.
