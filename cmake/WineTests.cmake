@@ -28,6 +28,19 @@ if(BUILD_TESTING)
   set_tests_properties(wine_ntlm_helper PROPERTIES FIXTURES_SETUP wine TIMEOUT 30)
 endif()
 
+# qx_wine_prefix(FIXTURE PREFIX): a prefix of its own for entries that need a
+# machine beside the run's (made after "wine", from its pristine copy, and ended
+# after them); QX_WINE_ENV_<FIXTURE> is its environment.
+function(qx_wine_prefix fixture prefix)
+  add_test(NAME ${fixture}_prefix
+           COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh create ${prefix} ${QX_WINEPREFIX}.pristine)
+  add_test(NAME ${fixture}_prefix_stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-prefix.sh stop ${prefix})
+  set_tests_properties(${fixture}_prefix PROPERTIES FIXTURES_SETUP ${fixture} FIXTURES_REQUIRED wine TIMEOUT 300)
+  set_tests_properties(${fixture}_prefix_stop PROPERTIES FIXTURES_CLEANUP ${fixture} TIMEOUT 120)
+  string(REPLACE "WINEPREFIX=${QX_WINEPREFIX};" "WINEPREFIX=${prefix};" env "${QX_WINE_ENV}")
+  set(QX_WINE_ENV_${fixture} "${env}" PARENT_SCOPE)
+endfunction()
+
 # qx_add_wine_test(NAME target [args...]): judged by GoogleTest's summary, as a
 # crash under Wine may exit 0: a test passed, none failed, no unhandled exception.
 function(qx_add_wine_test name target)

@@ -662,16 +662,29 @@ int main(int argc, char** argv) {
     // Threads the plug-in left behind end with the process.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(rc));
   }
-  const std::wstring coverage = testsupport::TempDir(L"coverage") + L"\\rows";
-  SetEnvironmentVariableW(L"QX_COVERAGE", coverage.c_str());
-  const int rc = RUN_ALL_TESTS();
-  if (GTEST_FLAG_GET(filter) == "*") {
-    const std::string seen = testsupport::ReadFileBytes(coverage);
+  // The rows no test produced: after a whole run, or (--qx-coverage FILE...)
+  // from the rows files of runs in parts, which ctest's entries leave.
+  std::string seen;
+  const auto unseen = [&seen] {
     std::printf("Catalogue rows no test produced:\n");
     for (bool sensor : {false, true})
       for (const auto& row : qx::Catalogue(sensor))
         if (seen.find(row.Key() + "\n") == std::string::npos)
           std::printf("  %s\n", row.Key().c_str());
+  };
+  if (argc > 1 && std::strcmp(argv[1], "--qx-coverage") == 0) {
+    for (int i = 2; i < argc; ++i) {
+      seen += testsupport::ReadFileBytes(testsupport::Widen(argv[i]));
+      DeleteFileW(testsupport::Widen(argv[i]).c_str());  // a later run in part reads only its own
+    }
+    unseen();
+    return 0;
   }
+  std::wstring coverage = testsupport::TempDir(L"coverage") + L"\\rows";
+  if (const char* given = std::getenv("QX_COVERAGE"))
+    DeleteFileW((coverage = testsupport::Widen(given)).c_str());
+  SetEnvironmentVariableW(L"QX_COVERAGE", coverage.c_str());
+  const int rc = RUN_ALL_TESTS();
+  if (GTEST_FLAG_GET(filter) == "*") seen = testsupport::ReadFileBytes(coverage), unseen();
   return rc;
 }
