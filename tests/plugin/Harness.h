@@ -35,9 +35,7 @@ struct RegValue {
   bool present = false;
   DWORD type = 0;
   std::string bytes;
-  bool operator==(const RegValue& o) const {
-    return present == o.present && type == o.type && bytes == o.bytes;
-  }
+  bool operator==(const RegValue&) const = default;
 };
 RegValue Dword(DWORD v, DWORD type = REG_DWORD);
 inline RegValue Binary(DWORD v) { return Dword(v, REG_BINARY); }
