@@ -26,11 +26,12 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
   startup.cb = sizeof(startup);
   SECURITY_ATTRIBUTES sa = {sizeof(sa), nullptr, TRUE};
   auto open = [&](const std::wstring& name) {
-    return CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
-                       CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return name.empty()
+               ? INVALID_HANDLE_VALUE
+               : CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   };
-  HANDLE out = stdoutFile.empty() ? INVALID_HANDLE_VALUE : open(stdoutFile);
-  HANDLE err = stderrFile.empty() ? INVALID_HANDLE_VALUE : open(stderrFile);
+  const HANDLE out = open(stdoutFile), err = open(stderrFile);
   if (out != INVALID_HANDLE_VALUE) {
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = out;
@@ -41,8 +42,8 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
   std::wstring line = commandLine;
   const BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                  &startup, &info);
-  if (out != INVALID_HANDLE_VALUE) CloseHandle(out);
-  if (err != INVALID_HANDLE_VALUE) CloseHandle(err);
+  for (HANDLE h : {out, err})
+    if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
   if (!ok) return nullptr;
   CloseHandle(info.hThread);
   return info.hProcess;

@@ -15,22 +15,19 @@
 
 namespace qx {
 
-// Runs `body(session)` for each session in a new process of this program
-// (--qx-session=N), on a reset machine: the simulator installed as the stopped
-// service, no plug-in registry values, logs or config.ini.
+// Runs each session in a new process of this program (--qx-session=N), on a
+// reset machine: the simulator the stopped service, no values, logs, config.
 void RunSessions(const std::function<void(int)>& body, int sessions = 1);
 #define QX_TEST(suite, name, sessions)                              \
   static void suite##_##name(int session);                          \
   TEST(suite, name) { qx::RunSessions(&suite##_##name, sessions); } \
   static void suite##_##name([[maybe_unused]] int session)
 
-// `Quiet`: kQuietMs without a new record, line, call, request or callback.
 constexpr DWORD kQuietMs = 300;
 bool Until(const std::function<bool()>& condition, DWORD timeoutMs = 10000);
-void Quiet();
+void Quiet();  // kQuietMs without a new record, line, call, request or callback
 
-// kBroken: registered and stopped, its program missing, so it cannot start.
-enum class Service { kStopped, kRunning, kConsole, kAbsent, kBroken };
+enum class Service { kStopped, kRunning, kConsole, kAbsent };
 void SetService(Service mode, const std::wstring& args = L"");
 void KillService();
 void Config(const wchar_t* name, const wchar_t* value);  // [config] of config.ini
@@ -38,9 +35,7 @@ struct RegValue {
   bool present = false;
   DWORD type = 0;
   std::string bytes;
-  bool operator==(const RegValue& o) const {
-    return present == o.present && type == o.type && bytes == o.bytes;
-  }
+  bool operator==(const RegValue&) const = default;
 };
 RegValue Dword(DWORD v, DWORD type = REG_DWORD);
 inline RegValue Binary(DWORD v) { return Dword(v, REG_BINARY); }
@@ -51,13 +46,11 @@ RegValue Reg(HKEY hive, const wchar_t* name);
 std::wstring PluginLog();  // QXAttentionPlugin.log.logdat
 inline RegValue User(const wchar_t* name) { return Reg(HKEY_CURRENT_USER, name); }
 
-// The wire peer on the service's pipe, with the attention event; `auth`: what
-// every bind must carry after the offer.
+// The wire peer on the service's pipe; `auth`: what every bind must carry.
 wire::Peer& StartPeer(const std::string& auth = "");
 void SignalPeerEvent();
 
-// Callbacks are recorded with their thread; threads that called an export
-// are the host's.
+// Threads that called an export are the host's.
 struct Callback {
   bool onHostThread;
   std::string kind, name, json;
@@ -72,9 +65,8 @@ class Host {
   std::string Act(const std::string& name, const char* params = nullptr);
   void* New(int size);
   void Delete(void* block);
-  std::vector<Callback> Callbacks(std::size_t from = 0);
+  std::vector<Callback> Callbacks();
 };
-extern Host* g_host;
 
 struct Mark {
   std::size_t log, sensor, calls, pipe, callbacks;
@@ -88,23 +80,16 @@ std::vector<std::string> SensorLines(const Mark& from);
 std::vector<std::string> Calls(const Mark& from);
 // The peer's requests: "OPNUM: STUB HEX".
 std::vector<std::string> Requests(const Mark& from);
-// `expected` in order, other lines between, waited for; glob patterns.
-void ExpectAnchors(const std::vector<std::string>& actual,
-                   const std::vector<std::string>& expected);
-#define QX_ANCHORS(what, mark, ...)                                      \
-  do {                                                                   \
-    const std::vector<std::string> qx_expected = __VA_ARGS__;            \
-    qx::Until([&] { return qx::Subsequence(what(mark), qx_expected); }); \
-    qx::ExpectAnchors(what(mark), qx_expected);                          \
-  } while (0)
-bool Subsequence(const std::vector<std::string>& actual, const std::vector<std::string>& expected);
-bool Glob(const std::string& pattern, const std::string& text);
+// Glob patterns in this order, other lines between, waited for.
+void Anchors(const std::function<std::vector<std::string>()>& what,
+             const std::vector<std::string>& expected);
+#define QX_ANCHORS(what, mark, ...) qx::Anchors([&] { return what(mark); }, __VA_ARGS__)
 
-// The sensor library log's exception lines this session must have, in order.
+// The sensor library log's exception lines, in order.
 void DeclareExceptions(const std::vector<std::string>& lines);
 
-// What logread.exe --summary must say of this session's two logs, after the
-// rules: its exit code, "category: CATEGORY" and each text ("!TEXT": not there).
+// logread.exe --summary of the session's logs: exit code, "category: CATEGORY"
+// and each text.
 void ExpectSummary(int exit, const std::string& category, std::vector<std::string> texts = {});
 
 }  // namespace qx

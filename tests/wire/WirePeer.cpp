@@ -30,8 +30,8 @@ void Put32(Bytes& b, std::uint32_t v, int bytes = 4) {
   for (int i = 0; i < bytes; ++i) b.push_back(static_cast<std::uint8_t>(v >> 8 * i));
 }
 
-// The common header (version 5.0, one fragment, little-endian data
-// representation, no authentication; Send fills in frag_length), then `body`.
+// The common header (5.0, one fragment, little-endian, no authentication;
+// Send fills in frag_length), then `body`.
 Bytes Header(std::uint8_t ptype, std::uint32_t callId, const Bytes& body = {}) {
   Bytes b = {5, 0, ptype, kFirstFrag | kLastFrag, 0x10, 0, 0, 0, 0, 0, 0, 0};
   Put32(b, callId);
@@ -39,8 +39,7 @@ Bytes Header(std::uint8_t ptype, std::uint32_t callId, const Bytes& body = {}) {
   return b;
 }
 
-// p_syntax_id_t: a UUID in little-endian NDR form, then the version (major in
-// the low 16 bits, minor in the high 16 bits).
+// p_syntax_id_t: a UUID in little-endian NDR form, then major and minor version.
 std::string SyntaxId(const Bytes& b, std::size_t at) {
   char text[64];
   std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x v%u.%u",
@@ -66,8 +65,7 @@ HANDLE NewInstance(const std::wstring& path, DWORD first) {
 
 }  // namespace
 
-// Sends `pdu`, cut to its first `cutAt` bytes when asked; false when the
-// connection is to be closed.
+// False when the connection is to be closed.
 bool Peer::Send(HANDLE pipe, Bytes pdu, std::size_t cutAt) {
   pdu[8] = static_cast<std::uint8_t>(pdu.size());
   pdu[9] = static_cast<std::uint8_t>(pdu.size() >> 8);
@@ -107,8 +105,7 @@ void Peer::Spawn(std::function<void()> body) {
   });
 }
 
-// Every wait of the threads also waits for the stop event; one still running
-// 30 s later is the peer's fault, and fatal (the threads use this object).
+// A thread still running 30 s after the stop event is fatal: it uses this object.
 void Peer::Stop() {
   if (!stop_) return;
   SetEvent(stop_);
@@ -125,8 +122,7 @@ void Peer::Stop() {
   stop_ = nullptr;
 }
 
-// Reads (or writes) on `pipe`, waiting for the transfer or the stop event;
-// false on failure or stop. A read of part of a message counts as done.
+// Waits for the transfer or the stop event. A part of a message counts as read.
 bool Peer::Io(HANDLE pipe, bool read, void* data, DWORD size, DWORD* done) {
   OVERLAPPED o = {};
   o.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -147,8 +143,8 @@ void Peer::Error(const std::string& text) {
   errors.push_back(text);
 }
 
-// Four instances wait at once, so that a client reconnecting at once (after
-// a cut reply) finds one; each thread starts a successor as its client comes.
+// Four instances wait at once, so that a client reconnecting after a cut
+// reply finds one; each starts a successor as its client comes.
 void Peer::Listen(HANDLE pipe) {
   if (pipe == INVALID_HANDLE_VALUE)
     return Error("CreateNamedPipe failed: " + std::to_string(GetLastError()));
@@ -173,8 +169,7 @@ void Peer::Listen(HANDLE pipe) {
   CloseHandle(pipe);
 }
 
-// Reads bytes as they come (a PDU may span reads, or a read hold several) and
-// handles every complete PDU, until the client closes.
+// A PDU may span reads, or a read hold several.
 void Peer::Serve(HANDLE pipe) {
   Bytes stream;
   std::uint8_t chunk[8192];
@@ -192,15 +187,13 @@ void Peer::Serve(HANDLE pipe) {
   CloseHandle(pipe);
 }
 
-// Handles one PDU; false when the connection is to be closed.
 bool Peer::Handle(HANDLE pipe, const Bytes& pdu) {
   const std::uint8_t ptype = pdu[2], flags = pdu[3];
   const std::uint16_t authLength = Get16(pdu, 10);
   const std::uint32_t callId = Get32(pdu, 12);
   if (pdu[0] != 5 || pdu[1] != 0 || pdu[4] != 0x10) return Error("header " + ToHex(pdu)), false;
-  // The auth_verifier, when there is one (on a bind, which is refused): 8
-  // bytes of sec_trailer (auth_type, auth_level, auth_pad_length, reserved,
-  // context id), then the credentials.
+  // auth_verifier (a bind's, refused): sec_trailer (auth_type, auth_level,
+  // pad length, reserved, context id), then the credentials.
   const std::size_t verifier = authLength ? 8u + authLength : 0;
   if (pdu.size() < 16 + verifier) return Error("auth_length " + std::to_string(authLength)), false;
   const std::size_t end = pdu.size() - verifier;

@@ -1,7 +1,5 @@
 // A raw DCE/RPC connection-oriented server on a named pipe, written from the
-// protocol and from nothing generated: it accepts a context offering NDR 2.0,
-// records binds and requests, and answers each request with the next queued
-// reply; any other PDU is an error.
+// protocol and from nothing generated; any PDU but a bind or request is an error.
 #pragma once
 
 #include <windows.h>
@@ -23,10 +21,9 @@ std::string ToHex(const Bytes& bytes);  // a blank after every 4 bytes
 class Peer {
  public:
   ~Peer() { Stop(); }
-  // Takes \\.\pipe\<name> (fails when another server owns it) and listens.
+  // Fails when another server owns \\.\pipe\<name>.
   bool Start(const std::wstring& name);
-  // Ends every thread; one still running 30 s later ends the process.
-  void Stop();
+  void Stop();  // one thread still running 30 s later ends the process
   // Replies, handed out in the order requests arrive: "HEX" a response whose
   // stub data is HEX; "fault XXXXXXXX" a fault PDU with that status; "cut N
   // HEX" the response for HEX cut to its first N bytes, then the connection
