@@ -167,7 +167,8 @@ void Damage(const fs::path& dir, const std::string& how) {
 // Files (';' between) are input0.logdat ...: an input, "missing", "stdin=INPUT"
 // (as "-"), "PATH=INPUT" at PATH that only the options name, "PATH=locked" a
 // folder logread may not read, "sessions/FOLDER[+HOW]" a recorded session's
-// folder (Damage); "@STAMP" its modification time. "=input": the input.
+// folder (Damage), "tty=TERM" a terminal; "@STAMP" its modification time.
+// "=input": the input.
 TEST(LogreadCli, CasesOfTheTable) {
   ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
     ASSERT_EQ(5u, c.size());
@@ -176,6 +177,11 @@ TEST(LogreadCli, CasesOfTheTable) {
     int count = 0;
     for (std::string file : Split(c[0], ';')) {
       const std::size_t at = file.find('@'), eq = file.find('='), plus = file.find('+');
+      if (file.rfind("tty=", 0) == 0) {  // on a pseudo-terminal (script(1)) of that TERM
+        if (kWine) return;               // the Windows console decides there
+        runner = "env -u NO_COLOR TERM=" + file.substr(4) + " script -qec '";
+        continue;
+      }
       if (file.rfind("sessions/", 0) == 0) {
         const fs::path copy = dir.path / fs::path(file.substr(0, plus)).filename();
         fs::copy(kData / file.substr(0, plus), copy);
@@ -206,6 +212,7 @@ TEST(LogreadCli, CasesOfTheTable) {
         before +=
             "touch -d '" + (stamp.empty() ? "2026-11-20 12:00" : stamp) + "' '" + name + "'; ";
     }
+    if (runner.find("script") != std::string::npos) args += "' /dev/null </dev/null";
     const Tool tool(dir.path, args, false, before, runner);
     const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
     EXPECT_EQ(std::stoi(c[2]), tool.code) << "stderr: " << err;
@@ -221,20 +228,6 @@ TEST(LogreadCli, CasesOfTheTable) {
     EXPECT_TRUE(texts || out == expected) << "stdout differs:\n" << out;
     EXPECT_TRUE(c[4].empty() ? err.empty() : err.find(c[4]) != std::string::npos) << err;
   });
-}
-
-// --color=auto on a pseudo-terminal (script(1)) colours, but not for TERM=dumb.
-TEST(LogreadCli, DumbTerminalUncoloured) {
-  if (kWine) GTEST_SKIP() << "the Windows console decides there";
-  Scratch dir;
-  Write(dir.path / "input0.logdat", Input("frames:basic.txt"));
-  for (const std::string term : {"xterm", "dumb"}) {
-    const std::string run = "cd '" + dir.path.string() + "' && env -u NO_COLOR TERM=" + term +
-                            " timeout 30 script -qec '" + kLogread +
-                            " input0.logdat' /dev/null </dev/null >out 2>&1";
-    ASSERT_EQ(0, std::system(run.c_str())) << term;
-    EXPECT_EQ(term == "xterm", Read(dir.path / "out").find("\x1b[") != std::string::npos) << term;
-  }
 }
 
 // A step's bytes: KIND "frame", "plain" or "hex" of TEXT; "[:N]" the first N, "[N:]" the rest.
