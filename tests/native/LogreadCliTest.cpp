@@ -1,5 +1,6 @@
 // logread run from the shell as a support engineer runs it, on files made here:
-// the cases of data/cases.txt and the follow scenarios of data/follow.txt.
+// the cases of data/cases.txt (recorded sessions among them) and the follow
+// scenarios of data/follow.txt.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <signal.h>
@@ -125,76 +126,13 @@ std::string Input(const std::string& entry) {
     std::vector<std::string> records;
     for (std::string line; std::getline(lines, line);)
       line.empty() && !records.empty() ? records.back() += "\n" : records.emplace_back(line + "\n");
-    for (const auto& record : records) {
-      out += Frame(record);
-      EXPECT_EQ(Frame(record), logframe::EncodeFrame(record)) << "the logger's frame differs";
-    }
+    for (const auto& record : records) out += Frame(record);
   }
   return out;
 }
 
-// Files (';' between) are input0.logdat ...: an input, "missing", "stdin=INPUT"
-// (as "-"), "PATH=INPUT" at PATH that only the options name, "PATH=locked" a
-// folder logread may not read; "@STAMP" its modification time. "=input": the input.
-TEST(LogreadCli, CasesOfTheTable) {
-  ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
-    ASSERT_EQ(5u, c.size());
-    Scratch dir;
-    std::string args = c[1], input, before, runner;
-    int count = 0;
-    for (std::string file : Split(c[0], ';')) {
-      const std::size_t at = file.find('@'), eq = file.find('=');
-      const std::string stamp = at == std::string::npos ? "" : file.substr(at + 1);
-      file.resize(std::min(at, file.size()));
-      std::string name = "input" + std::to_string(count++) + ".logdat";
-      const bool stdin = file.rfind("stdin=", 0) == 0, placed = !stdin && eq != std::string::npos;
-      if (placed) {
-        name = file.substr(0, eq), file.erase(0, eq + 1);
-        fs::create_directories((dir.path / name).parent_path());
-      } else {
-        args += (stdin ? " - <" : " ") + name;
-      }
-      if (file == "locked") {
-        if (kWine) return;  // Wine runs as the prefix's owner: no other user
-        fs::create_directories(dir.path / name);
-        fs::permissions(dir.path / name, fs::perms::none);
-        fs::permissions(dir.path,
-                        fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
-        if (geteuid() == 0) runner = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
-        continue;
-      }
-      if (file != "missing") Write(dir.path / name, input = Input(stdin ? file.substr(6) : file));
-      if (placed || !stamp.empty())
-        before +=
-            "touch -d '" + (stamp.empty() ? "2026-11-20 12:00" : stamp) + "' '" + name + "'; ";
-    }
-    const Tool tool(dir.path, args, false, before, runner);
-    const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
-    EXPECT_EQ(std::stoi(c[2]), tool.code) << "stderr: " << err;
-    std::string expected = c[3] == "=input" ? input : "";
-    for (const auto& name : Split(c[3], '+'))
-      expected += c[3] == "-" || c[3] == "=input" ? "" : Data(name);
-    EXPECT_TRUE(out == expected) << "stdout differs:\n" << out;
-    EXPECT_TRUE(c[4].empty() ? err.empty() : err.find(c[4]) != std::string::npos) << err;
-  });
-}
-
-// --color=auto on a pseudo-terminal (script(1)) colours, but not for TERM=dumb.
-TEST(LogreadCli, DumbTerminalUncoloured) {
-  if (kWine) GTEST_SKIP() << "the Windows console decides there";
-  Scratch dir;
-  Write(dir.path / "input0.logdat", Input("frames:basic.txt"));
-  for (const std::string term : {"xterm", "dumb"}) {
-    const std::string run = "cd '" + dir.path.string() + "' && env -u NO_COLOR TERM=" + term +
-                            " timeout 30 script -qec '" + kLogread +
-                            " input0.logdat' /dev/null </dev/null >out 2>&1";
-    ASSERT_EQ(0, std::system(run.c_str())) << term;
-    EXPECT_EQ(term == "xterm", Read(dir.path / "out").find("\x1b[") != std::string::npos) << term;
-  }
-}
-
-// Recorded logs as machines leave them ("FOLDER+HOW" in sessions.txt): the
-// sensor log cut inside its last line ("cut"), a power loss's NUL run where a
+// A folder recorded by scripts/record-sessions.sh, damaged as machines leave
+// logs: the sensor log cut inside its last line ("cut"), a power loss's NUL run where a
 // line ended ("nul"), a line that is no record ("foreign"), the plug-in log
 // packed with its stream's last third lost ("gz"), or deleted at its size
 // limit after "init", the next record starting a new file ("limit").
@@ -226,27 +164,72 @@ void Damage(const fs::path& dir, const std::string& how) {
   Write(sensor, s);
 }
 
-// The summary of two sessions the plug-in recorded under Wine (data/sessions,
-// scripts/record-sessions.sh), damaged; their JSON is read by
-// external-readers.sh.
-TEST(LogreadCli, SummaryOfRecordedSessions) {
-  ForEachRow("sessions.txt", [](const std::vector<std::string>& c) {
-    ASSERT_EQ(4u, c.size());  // folder, exit, category, texts
+// Files (';' between) are input0.logdat ...: an input, "missing", "stdin=INPUT"
+// (as "-"), "PATH=INPUT" at PATH that only the options name, "PATH=locked" a
+// folder logread may not read, "sessions/FOLDER[+HOW]" a recorded session's
+// folder (Damage), "tty=TERM" a terminal; "@STAMP" its modification time.
+// "=input": the input.
+TEST(LogreadCli, CasesOfTheTable) {
+  ForEachRow("cases.txt", [](const std::vector<std::string>& c) {
+    ASSERT_EQ(5u, c.size());
     Scratch dir;
-    const std::size_t plus = c[0].find('+');
-    const std::string recorded = c[0].substr(0, std::min(c[0].find('/'), plus)),
-                      path = plus == std::string::npos ? c[0] : recorded;
-    fs::copy(kData / "sessions" / recorded, dir.path / recorded);
-    if (plus != std::string::npos) Damage(dir.path / recorded, c[0].substr(plus + 1));
-    const Tool tool(dir.path, "--summary " + path);
-    const std::string out = Read(dir.path / "out");
-    EXPECT_EQ(std::stoi(c[1]), tool.code) << out << Read(dir.path / "err");
-    for (const auto& line : Split("category: " + c[2] + ";" + c[3], ';'))
-      EXPECT_EQ(line[0] == '!', out.find(line.substr(line[0] == '!')) == std::string::npos)
-          << line << " in:\n"
-          << out;
+    std::string args = c[1], input, before, runner;
+    int count = 0;
+    for (std::string file : Split(c[0], ';')) {
+      const std::size_t at = file.find('@'), eq = file.find('='), plus = file.find('+');
+      if (file.rfind("tty=", 0) == 0) {  // on a pseudo-terminal (script(1)) of that TERM
+        if (kWine) return;               // the Windows console decides there
+        runner = "env -u NO_COLOR TERM=" + file.substr(4) + " script -qec '";
+        continue;
+      }
+      if (file.rfind("sessions/", 0) == 0) {
+        const fs::path copy = dir.path / fs::path(file.substr(0, plus)).filename();
+        fs::copy(kData / file.substr(0, plus), copy);
+        if (plus != std::string::npos) Damage(copy, file.substr(plus + 1));
+        continue;
+      }
+      const std::string stamp = at == std::string::npos ? "" : file.substr(at + 1);
+      file.resize(std::min(at, file.size()));
+      std::string name = "input" + std::to_string(count++) + ".logdat";
+      const bool stdin = file.rfind("stdin=", 0) == 0, placed = !stdin && eq != std::string::npos;
+      if (placed) {
+        name = file.substr(0, eq), file.erase(0, eq + 1);
+        fs::create_directories((dir.path / name).parent_path());
+      } else {
+        args += (stdin ? " - <" : " ") + name;
+      }
+      if (file == "locked") {
+        if (kWine) return;  // Wine runs as the prefix's owner: no other user
+        fs::create_directories(dir.path / name);
+        fs::permissions(dir.path / name, fs::perms::none);
+        fs::permissions(dir.path,
+                        fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+        if (geteuid() == 0) runner = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+        continue;
+      }
+      if (file != "missing") Write(dir.path / name, input = Input(stdin ? file.substr(6) : file));
+      if (placed || !stamp.empty())
+        before +=
+            "touch -d '" + (stamp.empty() ? "2026-11-20 12:00" : stamp) + "' '" + name + "'; ";
+    }
+    if (runner.find("script") != std::string::npos) args += "' /dev/null </dev/null";
+    const Tool tool(dir.path, args, false, before, runner);
+    const std::string out = Read(dir.path / "out"), err = Read(dir.path / "err");
+    EXPECT_EQ(std::stoi(c[2]), tool.code) << "stderr: " << err;
+    const bool texts = c[3][0] == '~';  // texts stdout holds, or with '!' lacks
+    std::string expected = c[3] == "=input" ? input : "";
+    for (const auto& name : Split(c[3].substr(texts), texts ? ';' : '+'))
+      if (texts)
+        EXPECT_EQ(name[0] == '!', out.find(name.substr(name[0] == '!')) == std::string::npos)
+            << name << " in:\n"
+            << out;
+      else if (c[3] != "-" && c[3] != "=input")
+        expected += Data(name);
+    EXPECT_TRUE(texts || out == expected) << "stdout differs:\n" << out;
+    EXPECT_TRUE(c[4].empty() ? err.empty() : err.find(c[4]) != std::string::npos) << err;
   });
 }
+
 // A step's bytes: KIND "frame", "plain" or "hex" of TEXT; "[:N]" the first N, "[N:]" the rest.
 std::string Bytes(const std::string& kind, const std::string& text) {
   const std::string all = kind[0] == 'f' ? Frame(text) : kind[0] == 'h' ? Hex(text) : text;

@@ -8,10 +8,10 @@ tests=$1 exe=$2 src=$3
 prefix=$(mktemp -d)/prefix
 "$src/scripts/wine-prefix.sh" create "$prefix" || exit 1
 QX_LOGREAD="wine $exe" WINEPREFIX=$prefix WINEDEBUG=-all LC_ALL=C.UTF-8 \
-  "$tests" --gtest_filter=LogreadCli.CasesOfTheTable:LogreadCli.SummaryOfRecordedSessions | tee "$prefix.out"
+  "$tests" --gtest_filter=LogreadCli.CasesOfTheTable | tee "$prefix.out"
 status=$?
-# A misspelt filter selects nothing and passes: both must run.
-grep -q '^\[  PASSED  \] 2 tests' "$prefix.out" || status=1
+# A misspelt filter selects nothing and passes: the case must run.
+grep -q '^\[  PASSED  \] 1 test\.' "$prefix.out" || status=1
 "$src/scripts/wine-prefix.sh" stop "$prefix"
 rm -rf "$(dirname "$prefix")"
 exit $status
