@@ -5,7 +5,7 @@ their ctest suites run, every failing entry and GoogleTest case listed, the
 source put back (also when interrupted) and the unchanged tree rebuilt.
 
   scripts/plant-faults.py --list          the faults, and any that no longer plant
-  scripts/plant-faults.py [--only 3,7] [--trees build/win] [--targets logger_test]
+  scripts/plant-faults.py [--only 3,7-9] [--trees build/win] [--targets logger_test]
                           [--tests REGEX] [--markdown FILE]
 
 QX_JOBS: the build's jobs; the output goes to build/plant-faults.log. Exit 0
@@ -222,7 +222,7 @@ def planted(edits):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--list", action="store_true")
-    ap.add_argument("--only", help="fault numbers, such as 1,4")
+    ap.add_argument("--only", help="fault numbers, such as 1,4,36-43")
     ap.add_argument("--trees", default="build/win,build/native")
     ap.add_argument("--targets", help="build targets (default: all)")
     ap.add_argument("--tests", help="ctest entries matching this regex")
@@ -239,8 +239,9 @@ def main():
                 print(f"{n:2}. {what}\n    CANNOT PLANT: {e}")
         return 1 if results else 0
     try:
-        chosen = [int(x) for x in args.only.split(",")] if args.only else range(1, len(FAULTS) + 1)
-        assert all(1 <= n <= len(FAULTS) for n in chosen)
+        spans = [[int(n) for n in x.split("-")] for x in args.only.split(",")] if args.only else [[1, len(FAULTS)]]
+        chosen = [n for span in spans for n in range(span[0], span[-1] + 1)]
+        assert chosen and all(1 <= n <= len(FAULTS) for n in chosen)
     except (ValueError, AssertionError):
         ap.error(f"--only takes fault numbers from 1 to {len(FAULTS)}")
     trees = args.trees.split(",")
