@@ -185,6 +185,8 @@ logread: the category of a start refused with 0x30000020 misnamed (sensor_unreac
   tools/logread/SummaryVerdict.cpp | Root("off", "{{sensor_unreachable => sensor_unreached}}",
 qxhost: "init" after "close" not starting the lifecycle over
   tools/qxhost/Lifecycle.cpp | if (name == "init"{{ =>  && state_ != State::Closed}}) state_
+a development build numbered below CHANGELOG.md's newest release
+  CHANGELOG.md | ## [Unreleased]{{ => \n\n## [9.0.0] - 2026-11-26}}
 """
 FAULTS = []
 for line in TABLE.strip().split("\n"):
