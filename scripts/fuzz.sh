@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Fuzzes the portable code (docs/fuzzing.md): builds the fuzz targets in
-# build/fuzz (clang, libFuzzer, ASan, UBSan), replays each target's seeds and
-# kept crash inputs, then runs it for SECONDS (default 60) and prints what it did.
+# Builds the fuzz targets in build/fuzz (clang, libFuzzer, ASan, UBSan), replays
+# each one's seeds and kept crash inputs, then fuzzes it for SECONDS (default 60);
+# exit 1 on a crash, its input kept (docs/fuzzing.md says where).
 #   scripts/fuzz.sh [SECONDS]
-# New corpus entries go to build/fuzz/fuzz/fuzz-work/corpus/<target>; a crash
-# input to build/fuzz/fuzz/fuzz-work/artifacts/<target>/, and the exit code is 1.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}

@@ -1,13 +1,7 @@
 #!/usr/bin/env bash
-# Tests against code in non-blank characters, two ways (docs/testing.md, "Size"):
-#   whole:  every file whose purpose is testing, wherever it lives, against
-#           everything else the project keeps (not bench/, docs/, examples/,
-#           nor .md, .png or .txt outside the tests, nor .json outside share/
-#           (lnav's formats there ship with logread), nor the licence
-#           texts, LICENSE and THIRD-PARTY-NOTICES, which are documents);
-#   narrow: tests/ and fuzz/ against the product and tools' C, C++ and IDL.
-# Git's files, tracked and untracked but not ignored; no CMakeLists.txt counts.
-# Then each side by folder.
+# Tests against code in non-blank characters, the whole rule and the narrow one
+# (docs/testing.md, "Size"), then each side by folder. Git's files, tracked and
+# untracked but not ignored; no CMakeLists.txt counts.
 set -u
 cd "$(dirname "$0")/.."
 # grep -a: recorded binary logs among the test data would stop the count.
@@ -26,7 +20,6 @@ measure() {
   awk -v n="$1" -v t="$t" -v c="$c" 'BEGIN {
     printf "%-6s %5.1f%%  %7d test / %7d code characters (target: at most 38%%)\n", n, 100 * t / c, t, c }'
 }
-# Characters per folder (tests/ by its subfolders), largest first.
 folders() {
   local list group
   list=$("$1")

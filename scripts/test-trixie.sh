@@ -4,21 +4,20 @@
 #   scripts/test-trixie.sh --all             the whole scripts/test.sh there
 #   scripts/test-trixie.sh --run 'COMMAND'   any command in the checkout there
 #   scripts/test-trixie.sh --shell           an interactive shell there
-# Needs root. The first run makes the root (debootstrap, then
-# scripts/install-deps.sh in it); later runs reuse it. The checkout keeps its
-# path inside, with build/trixie as its build/, so the Debian 13 trees never mix
-# with the Debian 12 ones. QX_TRIXIE_ROOT (default /var/tmp/qx-trixie), QX_TRIXIE_MIRROR.
+# Needs root. The root (QX_TRIXIE_ROOT, default /var/tmp/qx-trixie; debootstrap
+# from QX_TRIXIE_MIRROR) is made once; the checkout keeps its path inside, with
+# build/trixie as its build/.
 set -euo pipefail
 checkout=$(cd "$(dirname "$0")/.." && pwd -P)
 root=${QX_TRIXIE_ROOT:-/var/tmp/qx-trixie}
 mirror=${QX_TRIXIE_MIRROR:-http://deb.debian.org/debian}
 
-all_args=("$@") mode=ctest run_cmd=""
 case "${1:-}" in
-  --all) mode=all; shift ;;
-  --run) mode=run; run_cmd=${2:?--run needs a command}; shift 2 ;;
-  --shell) mode=shell; shift ;;
+  --all) run=scripts/test.sh ;;
+  --run) run=${2:?--run needs a command} ;;
+  --shell) run='exec bash -i' ;;
   -h|--help) sed -n '3,6s/^# //p' "$0" >&2; exit 2 ;;
+  *) run="scripts/build.sh && cd build/win && ctest -j2 --output-on-failure${*:+$(printf ' %q' "$@")}" ;;
 esac
 
 die() { echo "test-trixie: $*" >&2; exit 1; }
@@ -26,7 +25,7 @@ die() { echo "test-trixie: $*" >&2; exit 1; }
 for tool in debootstrap unshare; do command -v $tool >/dev/null || die "$tool is missing (apt-get install $tool)"; done
 case "$root" in /?*) ;; *) die "QX_TRIXIE_ROOT must be an absolute path" ;; esac
 # The rest runs in a mount namespace of its own: the bind mounts vanish with it, however it ends.
-[ -n "${QX_TRIXIE_NS:-}" ] || exec unshare --mount --propagation private env QX_TRIXIE_NS=1 "$0" "${all_args[@]}"
+[ -n "${QX_TRIXIE_NS:-}" ] || exec unshare --mount --propagation private env QX_TRIXIE_NS=1 "$0" "$@"
 
 exec 9>"$root.lock"
 flock 9  # one set-up (debootstrap, packages) at a time; checkouts then share the root
@@ -76,13 +75,8 @@ in_root scripts/install-deps.sh
 flock -u 9
 echo "test-trixie: $(in_root 'wine --version 2>/dev/null') in $root; build trees in $build"
 
-case "$mode" in
-  ctest) run_cmd="scripts/build.sh && cd build/win && ctest -j2 --output-on-failure${*:+$(printf ' %q' "$@")}" ;;
-  all) run_cmd=scripts/test.sh ;;
-  shell) run_cmd='exec bash -i' ;;
-esac
 status=0
-in_root "$run_cmd" || status=$?
+in_root "$run" || status=$?
 owner=$(stat -c %u:%g "$checkout")
 [ "$owner" = 0:0 ] || chown -R "$owner" "$build"
 exit $status

@@ -9,16 +9,10 @@
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
-
-namespace {
-
-// major.minor.patch as one number that orders versions.
-unsigned long long Key(unsigned major, unsigned minor, unsigned patch) {
-  return (1ull * major << 32) | (minor << 16) | patch;
-}
 
 TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
   const char* changelog = std::getenv("QX_CHANGELOG");
@@ -28,7 +22,7 @@ TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
   ASSERT_TRUE(std::regex_search(text, newest,
                                 std::regex(R"(\n## \[(\d+)\.(\d+)\.(\d+)\] - \d{4}-\d\d-\d\d)")))
       << "no released section in QX_CHANGELOG";
-  const auto released = Key(std::stoul(newest[1]), std::stoul(newest[2]), std::stoul(newest[3]));
+  const std::tuple released{std::stoul(newest[1]), std::stoul(newest[2]), std::stoul(newest[3])};
   for (std::wstring file :
        {L"bin\\QXAttentionPlugin.dll", L"bin\\qxhost.exe", L"bin\\fusion-sim.exe",
         L"bin\\logread.exe", L"test\\QXAttentionPlugin-TEST-noauth.dll"}) {
@@ -49,8 +43,10 @@ TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
     };
     const auto* fixed = static_cast<const VS_FIXEDFILEINFO*>(query(L"\\"));
     ASSERT_NE(nullptr, fixed);
-    const unsigned major = HIWORD(fixed->dwFileVersionMS), minor = LOWORD(fixed->dwFileVersionMS),
-                   patch = HIWORD(fixed->dwFileVersionLS);
+    const unsigned long major = HIWORD(fixed->dwFileVersionMS),
+                        minor = LOWORD(fixed->dwFileVersionMS),
+                        patch = HIWORD(fixed->dwFileVersionLS);
+    const std::tuple version{major, minor, patch};
     const std::wstring number =
         std::to_wstring(major) + L"." + std::to_wstring(minor) + L"." + std::to_wstring(patch);
     std::wsmatch commit;
@@ -58,10 +54,10 @@ TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
     ASSERT_TRUE(std::regex_search(comments, commit, std::wregex(L"commit ([0-9a-f]{40})")))
         << testing::PrintToString(comments);
     if (fixed->dwFileFlags & VS_FF_PRERELEASE) {
-      EXPECT_GE(Key(major, minor, patch), released) << "older than the newest release";
+      EXPECT_GE(version, released) << "older than the newest release";
       EXPECT_EQ(number + L"-dev+" + commit[1].str().substr(0, 12), string(L"FileVersion"));
     } else {
-      EXPECT_EQ(released, Key(major, minor, patch)) << "a release that CHANGELOG.md does not name";
+      EXPECT_EQ(released, version) << "a release that CHANGELOG.md does not name";
       EXPECT_EQ(number, string(L"FileVersion"));
     }
     EXPECT_EQ(string(L"FileVersion"), string(L"ProductVersion"));
@@ -77,5 +73,3 @@ TEST(VersionResource, NamesTheReleasedVersionOrSaysDevelopment) {
     EXPECT_EQ(0u, fixed->dwFileFlags & VS_FF_DEBUG);
   }
 }
-
-}  // namespace

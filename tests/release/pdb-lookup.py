@@ -20,8 +20,8 @@ def fail(message):
     sys.exit("pdb-lookup: " + message)
 
 
-def run(*cmd, cwd=None, data=None):
-    proc = subprocess.run(cmd, cwd=cwd, input=data, capture_output=True, text=True)
+def run(*cmd, **options):
+    proc = subprocess.run(cmd, capture_output=True, text=True, **options)
     return proc.stdout if proc.returncode == 0 else fail(f"{cmd[0]} failed: {proc.stderr.strip()}")
 
 
@@ -63,7 +63,7 @@ def own_code(debug, function, local=False):
 def lined(debug, addresses):
     """The addresses with a line, not 0, in every inlined frame by GNU addr2line
     (compiler-made code such as shared epilogues has line 0 in both formats)."""
-    out = run("x86_64-w64-mingw32-addr2line", "-a", "-i", "-e", debug, data="".join(f"0x{a:x}\n" for a in addresses))
+    out = run("x86_64-w64-mingw32-addr2line", "-a", "-i", "-e", debug, input="".join(f"0x{a:x}\n" for a in addresses))
     return [int(address, 16) for address, *frames in (b.splitlines() for b in re.split(r"^(?=0x[0-9a-f]+$)", out,
             flags=re.M)[1:]) if all(re.search(r":[1-9][0-9]*( \(discriminator \d+\))?$", f) for f in frames)]
 
