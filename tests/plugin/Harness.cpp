@@ -586,7 +586,8 @@ std::vector<std::string> Calls(const Mark& from) {
     const FusionSimCall& c = calls[i];
     char head[64], code[16];
     std::snprintf(head, sizeof head, c.opnum == 0 || c.opnum == 5 ? "%s 0x%x %d" : "%s %d %d",
-                  kProcedures[unsigned(c.opnum) % kFusionSimOpnums], unsigned(c.arg0), c.arg1);
+                  c.opnum >= 0 && c.opnum < kFusionSimOpnums ? kProcedures[c.opnum] : "?",
+                  unsigned(c.arg0), c.arg1);
     std::snprintf(code, sizeof code, " -> 0x%x", unsigned(c.result));
     const auto data = c.data + std::min<std::uint32_t>(c.dataLen, kFusionSimMaxBytes);
     out.push_back(head + (c.dataLen ? " " + wire::ToHex(wire::Bytes(c.data, data)) : "") +
