@@ -13,6 +13,7 @@ when every fault was caught, 1 when one was missed or did not plant.
 """
 import argparse
 import codecs
+import fcntl
 import os
 import pathlib
 import re
@@ -187,6 +188,10 @@ qxhost: "init" after "close" not starting the lifecycle over
   tools/qxhost/Lifecycle.cpp | if (name == "init"{{ =>  && state_ != State::Closed}}) state_
 a development build numbered below CHANGELOG.md's newest release
   CHANGELOG.md | ## [Unreleased]{{ => \n\n## [9.0.0] - 2026-11-26}}
+the sensor library's exception line without its own line end (no empty line after)
+  fusion/FusionClient.cpp | kExceptionText[] = QX_SENSOR_EXCEPTION{{ "\\n" => }};
+the stored delay's refusal at "init" not written
+  plugin/AttentionPlugin.cpp | if (rc {{!= => <}} 0) QX_LOG(LogInfo, 233,
 """
 FAULTS = []
 for line in TABLE.strip().split("\n"):
@@ -255,7 +260,13 @@ def main():
     for tree in trees:
         if not (ROOT / tree / "CMakeCache.txt").exists():
             ap.error(f"{tree} is not configured; run scripts/build.sh first")
-    log = open(ROOT / "build" / "plant-faults.log", "w")
+    # Faults are planted in the checkout's own sources: one run at a time.
+    log = open(ROOT / "build" / "plant-faults.log", "a")
+    try:
+        fcntl.flock(log, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        sys.exit("plant-faults: another run is planting faults in this checkout")
+    log.truncate(0)
 
     def run(cmd, cwd):
         proc = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,

@@ -243,6 +243,7 @@ TEST_P(Init, Ability) {
     const InitCase& c = GetParam();
     SetService(c.notReady ? Service::kConsole : Service::kStopped,
                std::wstring(L"--status ") + c.word);
+    Config(L"g_vantoq_global_log_level", L"5");  // the service check's stop, a debug record
     if (c.notReady) ASSERT_TRUE(FusionSimForceResult(0, 0x10000000, c.notReady == 1));
     if (c.cached.present) SetReg(HKEY_CURRENT_USER, L"attention__ability", c.cached);
     Host host;
@@ -374,6 +375,24 @@ QX_TEST(Faults, WithoutTheService, 1) {
   ExpectSummary(
       4, "service_not_installed",
       {"1722 server unavailable", "service check: not found", "do:  install the service"});
+}
+
+// Stored values the service refuses at "init": the delay's failure, values kept.
+QX_TEST(Faults, StoredDelayRefusedAtInit, 1) {
+  SetService(Service::kConsole);
+  SetReg(HKEY_CURRENT_USER, L"attention_state", Dword(2));
+  SetReg(HKEY_CURRENT_USER, L"attention_delay", Dword(25));
+  ASSERT_TRUE(FusionSimForceResult(2, 0x30000020));
+  Host host;
+  host.Init();
+  const Mark m = Now();
+  EXPECT_EQ(host.Act("init"), "");
+  QX_ANCHORS(Records, m,
+             {"INF AttentionPlugin.cpp(233)  set attention delay fail: 805306400,",
+              "INF AttentionPlugin.cpp(236)  attention status: 2, attention delay:25 "});
+  EXPECT_EQ(User(L"attention_delay"), Dword(25));
+  ExpectSummary(0, "working",
+                {"the service did not take the stored delay: the service could not connect"});
 }
 
 QX_TEST(Faults, InitNeverAnswered, 1) {
