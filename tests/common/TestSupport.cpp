@@ -2,6 +2,7 @@
 
 #include <shlobj.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -40,8 +41,15 @@ HANDLE StartProcess(const std::wstring& commandLine, const std::wstring& stdoutF
   }
   PROCESS_INFORMATION info = {};
   std::wstring line = commandLine;
-  const BOOL ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                 &startup, &info);
+  // Wine's new process may die before it starts (1359), rarely and under load:
+  // that start, not the program, failed, so it is made again.
+  BOOL ok = FALSE;
+  for (int tries = 3; tries--;) {
+    ok = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                        &info);
+    if (ok || GetLastError() != ERROR_INTERNAL_ERROR || !tries) break;
+    std::fprintf(stderr, "a process died as Wine started it (1359); starting it again\n");
+  }
   for (HANDLE h : {out, err})
     if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
   if (!ok) return nullptr;
