@@ -14,11 +14,16 @@ code_whole() { pick . '^(tests?|fuzz|examples)/' | grep -v -E "$testish" | grep 
 tests_narrow() { pick '^(tests?|fuzz)/'; }
 code_narrow() { pick '\.(c|cc|cpp|cxx|h|hpp|idl)$' '^(tests?|fuzz|bench|examples)/'; }
 
+# Kept: the whole rule's tests against every other file the repository keeps,
+# documents, benchmarks and examples included.
+tests_kept() { tests_whole; }
+code_kept() { git ls-files -co --exclude-standard | grep -v -E '(^|/)CMakeLists\.txt$|/corpus/|^(tests?|fuzz)/' | grep -v -E "$testish"; }
+
 measure() {
   local t c
   t=$("tests_$1" | chars) c=$("code_$1" | chars)
-  awk -v n="$1" -v t="$t" -v c="$c" 'BEGIN {
-    printf "%-6s %5.1f%%  %7d test / %7d code characters (target: at most 38%%)\n", n, 100 * t / c, t, c }'
+  awk -v n="$1" -v t="$t" -v c="$c" -v goal="${2:-at most 38%}" -v of="${3:-code}" 'BEGIN {
+    printf "%-6s %5.1f%%  %7d test / %7d %s characters (target: %s)\n", n, 100 * t / c, t, c, of, goal }'
 }
 folders() {
   local list group
@@ -29,6 +34,7 @@ folders() {
 }
 measure whole
 measure narrow
+measure kept "none; for scale" other
 echo "== whole: test content by folder"
 folders tests_whole
 echo "== whole: code by folder"
