@@ -8,7 +8,8 @@ source put back (also when interrupted) and the unchanged tree rebuilt.
   scripts/plant-faults.py [--only 3,7-9] [--trees build/win] [--targets logger_test]
                           [--tests REGEX] [--markdown FILE]
 
-QX_JOBS: the build's jobs; the output goes to build/plant-faults.log. Exit 0
+QX_JOBS: the build's jobs; the output goes to build/plant-faults.log (one run
+per checkout at a time). Exit 0
 when every fault was caught, 1 when one was missed or did not plant.
 """
 import argparse
